@@ -1,0 +1,48 @@
+# Warnings, hardening and sanitizers, in one place. Targets take them by linking utils_build_flags.
+include(CheckCXXCompilerFlag)
+
+add_library(utils_build_flags INTERFACE)
+target_compile_options(utils_build_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wconversion -Wundef -Wcast-align
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+    $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes>
+    $<$<BOOL:${UTILS_WERROR}>:-Werror>
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    -fstack-protector-strong)
+target_compile_definitions(utils_build_flags INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64)
+target_link_options(utils_build_flags INTERFACE -Wl,-z,relro,-z,now,-z,noexecstack)
+
+foreach(flag -fstack-clash-protection -fcf-protection=full)
+    string(MAKE_C_IDENTIFIER "has${flag}" have)
+    check_cxx_compiler_flag("${flag} -Werror" ${have})
+    if(${have})
+        target_compile_options(utils_build_flags INTERFACE ${flag})
+    endif()
+endforeach()
+
+if(UTILS_SANITIZE)
+    target_compile_options(utils_build_flags INTERFACE
+        -fsanitize=${UTILS_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(utils_build_flags INTERFACE -fsanitize=${UTILS_SANITIZE})
+    if(UTILS_SANITIZE MATCHES "undefined")
+        target_compile_options(utils_build_flags INTERFACE -fno-sanitize-recover=undefined)
+    endif()
+elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    target_compile_options(utils_build_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+
+# The library and the platform stand-in: C++ inside, C outside, no C++ runtime.
+add_library(utils_cxx_inside INTERFACE)
+target_link_libraries(utils_cxx_inside INTERFACE utils_build_flags)
+target_compile_options(utils_cxx_inside INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics
+      -fvisibility-inlines-hidden>
+    -fvisibility=hidden -ftls-model=initial-exec)
+
+# Makes `target` a shared library that is linked by the C driver and exports what `map` lists.
+function(utils_c_shared_library target map)
+    target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:utils_cxx_inside>)
+    target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
+    set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C LINK_DEPENDS ${map}
+                          VERSION 1.0 SOVERSION 1.0)
+endfunction()

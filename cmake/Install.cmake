@@ -1,0 +1,1 @@
+# Install rules come last, when every target exists.

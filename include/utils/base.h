@@ -1,0 +1,38 @@
+/**
+ * @file base.h
+ * @brief What every public header shares: linkage, attributes and the result codes of the library.
+ *
+ * Programs include the header of a family (or utils/utils.h), never this one alone.
+ */
+#ifndef UTILS_BASE_H
+#define UTILS_BASE_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)") extern "C" {
+#define UTILS_END_DECLS } _Pragma("GCC visibility pop")
+#else
+#define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)")
+#define UTILS_END_DECLS _Pragma("GCC visibility pop")
+#endif
+
+/** Lets the compiler check a printf-like call: position of the format, of the first value (0: a va_list). */
+#define UTILS_PRINTF(format, values) __attribute__((format(printf, format, values)))
+
+/** @name Results that several families share
+ *  The negative numbers are negated errno values of the target's kernel. @{ */
+#define UTILS_OK 0
+#define UTILS_ERROR (-1)
+#define UTILS_ENOENT (-2)
+#define UTILS_EAGAIN (-11)
+#define UTILS_ENOMEM (-12)
+#define UTILS_EINVAL (-22)
+/** @} */
+
+/** @name Time-outs of the tasking layer, in milliseconds @{ */
+#define UTILS_WAIT_FOREVER (-1)
+#define UTILS_NO_WAIT 0
+/** @} */
+
+#endif

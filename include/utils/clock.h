@@ -1,0 +1,105 @@
+/**
+ * @file clock.h
+ * @brief Tick globals, cheap counters from the time base, dates and interval statistics.
+ *
+ * The millisecond and tick counters read the processor's time base and make no system call.
+ *
+ * Threads: no locks. dateCurrent(), dateBooted(), dateBootProm(), dateFirmwareLoaded() and
+ * getFirmwareVersion() return static text that the next call overwrites; call them from one thread.
+ * qel_times() may be called from several threads. A perf_record belongs to one thread at a time.
+ */
+#ifndef UTILS_CLOCK_H
+#define UTILS_CLOCK_H
+
+#include <sys/time.h>
+#include <time.h>
+#include <utils/base.h>
+
+UTILS_BEGIN_DECLS
+
+/** @name Tick globals
+ *  Set when the library is loaded, before any code of the program runs; never changed later.
+ *  The file "/etc/korin/tb_ticks_per_jiffy" (one native 32-bit integer) gives the rate of the
+ *  time base; without it, 2000000 ticks a jiffy. Values beyond 32 bits are saturated. @{ */
+extern int32_t msec_per_jiffy;     /**< milliseconds in a clock tick of the kernel */
+extern int32_t tb_ticks_per_jiffy; /**< time-base ticks in a clock tick */
+extern int32_t tb_ticks_p_msec;    /**< time-base ticks in a millisecond */
+extern int32_t tb_ticks_p_usec;    /**< time-base ticks in a microsecond */
+extern int32_t tb_ticks_p_sec;     /**< time-base ticks in a second */
+/** @} */
+
+/** Interval statistics; all times in milliseconds. */
+typedef struct perf_record {
+    uint32_t start; /**< clock at perf_start() */
+    uint32_t max;   /**< longest interval, 0 when unset */
+    uint32_t min;   /**< shortest interval, 0 when unset */
+    uint32_t total; /**< sum of the intervals */
+    uint32_t count; /**< number of intervals */
+} perf_record;
+
+/** @return 1 when @p x is non-zero, else 0 */
+int sysProbe(uintptr_t x);
+
+/** @return the date now as ctime() writes it, with its newline; static text */
+char *dateCurrent(void);
+
+/** @return the date of the last boot as ctime() writes it, or null when "/proc/uptime" cannot tell; static text */
+char *dateBooted(void);
+
+/** @return the install date of the boot PROM package, empty when unknown, null when the query cannot start; static text */
+char *dateBootProm(void);
+
+/** @return the install date of the firmware package, empty when unknown, null when the query cannot start; static text */
+char *dateFirmwareLoaded(void);
+
+/** @return the firmware version, "v3.2.0" for instance, or null when the platform has no release record; static text */
+char *getFirmwareVersion(void);
+
+/**
+ * Sets the peer control processor's date from this one's, and lets it write its hardware clock.
+ * @return the status of the last command run as system() gives it, or -1 when the second was not run
+ */
+int syncDateAndTime(void);
+
+/** @return milliseconds of the wall clock; wraps after 2^32 ms */
+uint32_t msSysClk(void);
+
+/** Not ported; prints that. @return 0 */
+int msClock(void);
+
+/** Not ported; prints that. @return the print's result */
+int rtClock(void);
+
+/** Writes local time as "Jan 31 14:03:27" into @p text (26 bytes of room). @return its length */
+int get_time(time_t seconds, char *text);
+
+/**
+ * As get_time(), then appends a point and three zeros: milliseconds are not shown.
+ * @param time seconds and microseconds
+ * @param text at least 32 bytes of room
+ * @return the length of what was appended
+ */
+int get_ms_time(const struct timeval *time, char *text);
+
+/** Clears @p record. */
+void perf_init(perf_record *record);
+
+/** Marks the start of an interval. */
+void perf_start(perf_record *record);
+
+/**
+ * Ends an interval and counts it. A shortest or longest of 0 counts as unset, so an interval of
+ * 0 ms never stays the shortest. Without perf_start() it is measured from time 0.
+ * @return the interval in milliseconds
+ */
+uint32_t perf_stop(perf_record *record);
+
+/**
+ * Clock ticks since boot, like times(), which it calls once in 12000 ticks at most.
+ * @return ticks, or -1 when times() fails
+ */
+int32_t qel_times(void);
+
+UTILS_END_DECLS
+
+#endif

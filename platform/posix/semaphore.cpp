@@ -1,0 +1,64 @@
+// Counting semaphores: a mutex and a condition variable on the monotonic clock. Negative values are
+// allowed; takers wait while the value is not positive.
+#include "platform/semaphore.h"
+
+#include "internal/deadline.h"
+#include "internal/thread.h"
+
+using utils::RecordLock;
+
+int semaphore_init(semaphore_t *sem) {
+    pthread_condattr_t attributes;
+    if (int error = pthread_condattr_init(&attributes); error != 0)
+        return error;
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    int error = pthread_cond_init(&sem->positive, &attributes);
+    pthread_condattr_destroy(&attributes);
+    if (error != 0)
+        return error;
+    sem->value = 1;
+    return pthread_mutex_init(&sem->lock, nullptr);
+}
+
+int semaphore_down(semaphore_t *sem) {
+    RecordLock lock(sem->lock);
+    while (sem->value <= 0)
+        pthread_cond_wait(&sem->positive, &sem->lock);
+    --sem->value;
+    return 0;
+}
+
+int semaphore_down_to(semaphore_t *sem, int ms) {
+    timespec deadline = utils::deadline_after(ms > 0 ? ms : 0);
+    RecordLock lock(sem->lock);
+    while (sem->value <= 0) {
+        if (int error = pthread_cond_timedwait(&sem->positive, &sem->lock, &deadline); error != 0)
+            return error;
+    }
+    --sem->value;
+    return 0;
+}
+
+int semaphore_up(semaphore_t *sem) {
+    RecordLock lock(sem->lock);
+    ++sem->value;
+    pthread_cond_signal(&sem->positive);
+    return 0;
+}
+
+int semaphore_value(semaphore_t *sem) {
+    RecordLock lock(sem->lock);
+    return sem->value;
+}
+
+int semaphore_count(semaphore_t *sem, int n) {
+    RecordLock lock(sem->lock);
+    sem->value = n;
+    pthread_cond_broadcast(&sem->positive);
+    return 0;
+}
+
+int semaphore_destroy(semaphore_t *sem) {
+    pthread_cond_destroy(&sem->positive);
+    return pthread_mutex_destroy(&sem->lock);
+}

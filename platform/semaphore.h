@@ -1,0 +1,39 @@
+/**
+ * @file semaphore.h
+ * @brief Platform: counting semaphores.
+ *
+ * The first word of the record belongs to the library and must survive every call.
+ */
+#ifndef UTILS_PLATFORM_SEMAPHORE_H
+#define UTILS_PLATFORM_SEMAPHORE_H
+
+#include <pthread.h>
+#include <utils/base.h>
+
+UTILS_BEGIN_DECLS
+
+typedef struct semaphore {
+    int32_t user;           /**< the library's word */
+    int32_t value;          /**< the rest is the platform's own state */
+    pthread_mutex_t lock;
+    pthread_cond_t positive;
+} semaphore_t;
+
+/** Prepares the object with value 1. @return 0, or non-zero when it cannot be made */
+int semaphore_init(semaphore_t *sem);
+/** Waits until the value is positive, then lowers it. @return 0 */
+int semaphore_down(semaphore_t *sem);
+/** As semaphore_down(), giving up after @p ms milliseconds. @return 0, non-zero after the time-out */
+int semaphore_down_to(semaphore_t *sem, int ms);
+/** Raises the value and wakes one waiter. @return 0 */
+int semaphore_up(semaphore_t *sem);
+/** @return the current value, 0 or less while empty */
+int semaphore_value(semaphore_t *sem);
+/** Sets the value to @p n, which may be negative. @return 0 */
+int semaphore_count(semaphore_t *sem, int n);
+/** Releases the object's resources, not its memory. @return 0, or non-zero while somebody uses it */
+int semaphore_destroy(semaphore_t *sem);
+
+UTILS_END_DECLS
+
+#endif

@@ -1,0 +1,121 @@
+#include "support/support.h"
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+
+namespace support {
+namespace {
+
+// An unnamed file that collects what is written to a descriptor while it stands in its place.
+class Capture {
+  public:
+    explicit Capture(int descriptor) : descriptor_(descriptor), file_(tmpfile()) {
+        fflush(nullptr);
+        saved_ = dup(descriptor);
+        if (file_ == nullptr || saved_ < 0 || dup2(fileno(file_), descriptor) < 0)
+            abort();
+    }
+    ~Capture() {
+        close(saved_);
+        fclose(file_);
+    }
+    Capture(const Capture &) = delete;
+    Capture &operator=(const Capture &) = delete;
+
+    std::string finish() {
+        fflush(nullptr);
+        dup2(saved_, descriptor_);
+        std::string text;
+        char part[4096];
+        rewind(file_);
+        for (size_t n; (n = fread(part, 1, sizeof part, file_)) > 0;)
+            text.append(part, n);
+        return text;
+    }
+
+  private:
+    int descriptor_;
+    FILE *file_;
+    int saved_;
+};
+
+}  // namespace
+
+std::string captured(int descriptor, const std::function<void()> &body) {
+    Capture capture(descriptor);
+    body();
+    return capture.finish();
+}
+
+Ending in_child(const std::function<int()> &body, bool core) {
+    Ending ending;
+    int status = 0;
+    Capture out(1);
+    Capture err(2);
+    pid_t child = fork();
+    if (child == 0) {
+        if (!core) {
+            rlimit none{0, 0};
+            setrlimit(RLIMIT_CORE, &none);
+        }
+        int result = body();
+        fflush(nullptr);
+        _exit(result);
+    }
+    if (child > 0 && waitpid(child, &status, 0) == child) {
+        ending.exited = WIFEXITED(status);
+        ending.status = ending.exited ? WEXITSTATUS(status) : WTERMSIG(status);
+    }
+    ending.err = err.finish();
+    ending.out = out.finish();
+    return ending;
+}
+
+void write_file(const std::string &path, std::string_view content) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(content.data(), static_cast<std::streamsize>(content.size()));
+    if (!file.flush()) {
+        perror(path.c_str());
+        abort();
+    }
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool emulated() {
+#ifdef __powerpc__
+    return getenv("QEMU_LD_PREFIX") != nullptr;
+#else
+    return false;
+#endif
+}
+
+std::string runnable(const std::string &command) { return emulated() ? "qemu-ppc " + command : command; }
+
+int64_t monotonic_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+bool eventually(const std::function<bool()> &condition, int limit_ms) {
+    for (int64_t end = monotonic_ms() + limit_ms; !condition();) {
+        if (monotonic_ms() > end)
+            return false;
+        timespec pause{0, 1000000};
+        nanosleep(&pause, nullptr);
+    }
+    return true;
+}
+
+}  // namespace support

@@ -1,0 +1,47 @@
+// What the test programs share: captured output, child processes, files of the system image and a
+// settable clock. Everything here expects to run inside the sandbox.
+#pragma once
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace support {
+
+// What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio or write().
+std::string captured(int descriptor, const std::function<void()> &body);
+
+// How a child process ended.
+struct Ending {
+    bool exited = false;  // with `status`, otherwise by signal `status`
+    int status = -1;
+    std::string out;  // its standard output
+    std::string err;  // its standard error
+};
+
+// Runs `body` in a forked child and waits for it; the child exits with what `body` returns. Core
+// files of a dying child are switched off unless `core` says otherwise.
+Ending in_child(const std::function<int()> &body, bool core = false);
+
+// Writes or reads a whole file of the image; a failure to write stops the test program.
+void write_file(const std::string &path, std::string_view content);
+std::string read_file(const std::string &path);
+
+// Whether the programs run under an emulator of the target.
+bool emulated();
+
+// `command` as it must be started here: behind the emulator's name when there is one.
+std::string runnable(const std::string &command);
+
+// Milliseconds on the monotonic clock.
+int64_t monotonic_ms();
+
+// True as soon as `condition` holds, false when it does not within `limit_ms`; polls each millisecond.
+bool eventually(const std::function<bool()> &condition, int limit_ms = 10000);
+
+}  // namespace support
