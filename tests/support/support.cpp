@@ -100,7 +100,9 @@ bool emulated() {
 #endif
 }
 
-std::string runnable(const std::string &command) { return emulated() ? "qemu-ppc " + command : command; }
+std::string runnable(const std::string &command) {
+    return emulated() ? "qemu-ppc " + command : command;
+}
 
 int64_t monotonic_ms() {
     timespec now{};

@@ -13,7 +13,8 @@
 
 namespace support {
 
-// What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio or write().
+// What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio
+// or write().
 std::string captured(int descriptor, const std::function<void()> &body);
 
 // How a child process ended.
@@ -41,7 +42,8 @@ std::string runnable(const std::string &command);
 // Milliseconds on the monotonic clock.
 int64_t monotonic_ms();
 
-// True as soon as `condition` holds, false when it does not within `limit_ms`; polls each millisecond.
+// True as soon as `condition` holds, false when it does not within `limit_ms`; polls each
+// millisecond.
 bool eventually(const std::function<bool()> &condition, int limit_ms = 10000);
 
 }  // namespace support
