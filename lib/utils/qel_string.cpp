@@ -172,7 +172,7 @@ UTILS_PRINTF(2, 3) int appendf(qelString *string, const char *format, ...) {
     int64_t room = std::min<int64_t>(static_cast<int32_t>(string->avail),
                                      int64_t{string->size} - 1 - static_cast<int64_t>(length));
     if (n > room) {
-        if (!resize(*string, static_cast<uint64_t>(string->size + n - room + 1)))
+        if (!resize(*string, string->size + static_cast<uint64_t>(n - room + 1)))
             return UTILS_ERROR;
         refresh(*string);
     }

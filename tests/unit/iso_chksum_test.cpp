@@ -63,7 +63,7 @@ TEST(IsoChksum, DoesNotOverflow) {
 
 TEST(IsoChksum, FindsEverySingleChangedBit) {
     std::mt19937 random(3);
-    for (size_t size : {2U, 61U, 8300U}) {
+    for (size_t size : {2U, 61U, 4300U}) {
         Bytes unit(size);
         for (unsigned char &byte : unit)
             byte = static_cast<unsigned char>(random());
