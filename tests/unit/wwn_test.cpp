@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/wwn_fuzz.cpp"
 #include "support/support.h"
 
 namespace {
@@ -102,36 +103,27 @@ TEST(StrElement, ReadsOneValueAndStaysWithinTextAndOutput) {
         }
     }
     char text[] = "W=\"a\"</S>", *cursor = text, *none = nullptr;
-    EXPECT_EQ(getStrElement(nullptr, &cursor, "W=", "</S>", 0, nullptr, "", 101), -2);
-    EXPECT_EQ(getStrElement(text, nullptr, "W=", "</S>", 0, nullptr, "", 101), -2);
-    EXPECT_EQ(getStrElement(text, &none, "W=", "</S>", 0, nullptr, "", 101), -2);
-    EXPECT_EQ(getStrElement(text, &cursor, nullptr, "</S>", 0, nullptr, "", 101), -2);
-    EXPECT_EQ(getStrElement(text, &cursor, "W=", nullptr, 0, nullptr, "", 101), -2);
+    EXPECT_EQ((std::vector{getStrElement(none, &cursor, "W=", "</S>", 0, none, "", 101),
+                           getStrElement(text, nullptr, "W=", "</S>", 0, none, "", 101),
+                           getStrElement(text, &none, "W=", "</S>", 0, none, "", 101),
+                           getStrElement(text, &cursor, none, "</S>", 0, none, "", 101),
+                           getStrElement(text, &cursor, "W=", none, 0, none, "", 101)}),
+              std::vector(5, STR_ELEMENT_BAD_ARGUMENT));
 }
 
-// Texts made of every piece that means something, walked to their end.
-TEST(StrElement, SurvivesRandomTextsAtTheEdgeOfMemory) {
-    const char *const pieces[] = {"W=", "\"", "<T>", "</S>", "\\", ">", "<", "ab", "</", "S>"};
+// The checks of the fuzz target, over texts made of every piece that means something.
+TEST(TaggedText, SurvivesRandomTexts) {
+    const char *const pieces[] = {"W=", "\"",  "<T>",  "</S>", "\\",
+                                  ">",  "ab:", "ISN=", "WWN=", "</Switch>"};
     std::mt19937 random(1);
-    auto piece = [&] { return pieces[random() % std::size(pieces)]; };
-    Edge in, out;
     for (int round = 0; round < (support::emulated() ? 5000 : 100000); ++round) {
-        std::string content;
+        std::string input(1, static_cast<char>(random()));
+        input += random() % 4 != 0 ? "W=" : "<T>";
+        (input += '\0') += random() % 4 != 0 ? "</S>" : pieces[random() % std::size(pieces)];
+        input += '\0';
         while (random() % 12 != 0)
-            content += piece();
-        const char *start = random() % 4 != 0 ? "W=" : "<T>",
-                   *end = random() % 4 != 0 ? "</S>" : piece();
-        int max = static_cast<int>(random() % 9), result = 1;
-        bool terminated = random() % 2 == 0;
-        char *text = in.text(content), *dst = out.last(static_cast<size_t>(max + terminated), '#');
-        for (char *cursor = text, *before = nullptr; result > 0 && cursor != before;) {
-            before = cursor;
-            result = getStrElement(dst, &cursor, start, end, max, nullptr,
-                                   terminated ? "" : nullptr, 101);
-            ASSERT_TRUE(result >= -5 && result <= std::max(max, 1)) << content;
-            ASSERT_TRUE(cursor >= before && cursor <= text + content.size()) << content;
-            ASSERT_TRUE(result < 1 || max == 0 || !terminated || dst[result] == '\0') << content;
-        }
+            input += pieces[random() % std::size(pieces)];
+        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.data()), input.size());
     }
 }
 
