@@ -48,6 +48,8 @@ void *calloc(size_t count, size_t size) noexcept {
 
 void *realloc(void *old, size_t size) noexcept {
     void *block = support::allocation_fails() ? nullptr : malloc(size);
+    if (block != nullptr)
+        memset(block, 0x5A, size);
     if (block != nullptr && old != nullptr) {
         memcpy(block, old, std::min(size, malloc_usable_size(old)));
         free(old);

@@ -132,6 +132,10 @@ TEST_P(HashModel, AgreesOverRandomOperationsAndEveryAllocationFailure) {
         if (step % 8000 == 7000) {
             free_hash_eles(table);
             model.clear();
+            for (int i = 0; i < HASH_BUCKETS; ++i)
+                ASSERT_EQ(pthread_mutex_trylock(&table->buckets[i].lock) +
+                              pthread_mutex_unlock(&table->buckets[i].lock),
+                          0);
         }
         if (step % 500 == 0) {
             ASSERT_NO_FATAL_FAILURE(expect_holds(table, model)) << step;
@@ -140,7 +144,10 @@ TEST_P(HashModel, AgreesOverRandomOperationsAndEveryAllocationFailure) {
     expect_holds(table, model);
     hash_table *copy = nullptr;
     int result = support::with_each_failure(
-        [&] { return copy_hash_table(table, &copy); },
+        [&] {
+            copy = table;
+            return copy_hash_table(table, &copy);
+        },
         [&](int refused) { EXPECT_TRUE(refused == -1 && copy == nullptr); });
     ASSERT_EQ(result, 0);
     free_hash_handle(table);

@@ -42,7 +42,8 @@ const Step kSteps[] = {
     {'a', "12345678", 36, 15, "abcd1234567x12345678"},
     {'i', "-3", 4, 3, ""},
     {'c', "a", 4, 2, "a"},
-    {'a', "bc", 4, 0, "abc"},
+    {'c', "b", 4, 1, "ab"},
+    {'c', "c", 4, 0, "abc"},
     {'c', "d", 8, 3, "abcd"},
     {'i', "1", 1, 0, ""},
     {'c', "a", 5, 3, "a"},
@@ -53,6 +54,8 @@ const Step kSteps[] = {
     {'a', "c", 7, 3, "abc"},
     {'s', "abcdef", 7, -3, "abcdef"},
     {'f', "g", 12, 4, "abcdefg"},
+    {'i', "1", 1, 0, ""},
+    {'a', "12345", 11, 5, "12345"},
     {'i', "16", 16, 15, ""},
     {'s', "12345678", 16, 7, "12345678"},
     {'s', "ab", 16, 5, "ab"},
@@ -83,6 +86,9 @@ TEST(QelString, KeepsItsSizeAndRoomThroughSequencesOfOperations) {
             EXPECT_EQ(s->size, step.size) << step.content;
             EXPECT_EQ(static_cast<int32_t>(s->avail), step.avail) << step.content;
             EXPECT_LE(s->size, malloc_usable_size(s->buf));
+            EXPECT_EQ(s->buf[s->size - 1], '\0');
+            EXPECT_TRUE(step.operation != 'z' ||
+                        std::string(s->buf, s->size) == std::string(s->size, '\0'));
         }
         s->ops->free(s);
     }
