@@ -18,7 +18,7 @@
 #endif
 
 /** Lets the compiler check a printf-like call: position of the format, of the first value (0: a va_list). */
-#define UTILS_PRINTF(format, values) __attribute__((format(printf, format, values)))
+#define UTILS_PRINTF(position, values) __attribute__((format(printf, position, values)))
 
 /** @name Results that several families share
  *  The negative numbers are negated errno values of the target's kernel. @{ */
