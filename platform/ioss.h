@@ -51,7 +51,7 @@ int ioss_watch(ioss_loop *loop, int descriptor, ioss_ready ready, void *arg);
 void ioss_unwatch(ioss_loop *loop, int descriptor);
 /** Lets the loop run its poll callbacks again; the wake function for timer_ioss_create(), with the loop as its word. */
 void ioss_wake(uintptr_t loop);
-/** Ends ioss_run() after its current round. */
+/** Ends ioss_run() after its current round, or the next one at once when none runs. */
 void ioss_stop(ioss_loop *loop);
 /**
  * Runs the poll callbacks, waits for descriptors and serves them, until ioss_stop() or until

@@ -41,7 +41,7 @@ int taskPriority(int nice_value);
 
 /**
  * Sleeps for @p ticks of 1/60 s, counted in whole milliseconds (5 ticks are 83 ms). 0 returns at
- * once; a negative number of milliseconds counts as no delay. Signals do not shorten the sleep.
+ * once, a negative number too; 2147483 ticks (ten hours) are the most. Signals do not shorten it.
  * @return 0
  */
 int taskDelay(int ticks);

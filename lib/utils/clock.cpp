@@ -1,7 +1,7 @@
-// Tick globals, counters from the time base, interval statistics and dates. The tick globals are set
-// by a constructor of the library, before any code of the program runs, and never change. The state
-// of qel_times is kept in relaxed atomics: two threads that resynchronise at once both re-anchor,
-// which is harmless.
+// Tick globals, counters from the time base, interval statistics and dates. The tick globals are
+// set by a constructor of the library, before any code of the program runs, and never change. The
+// state of qel_times is kept in relaxed atomics: two threads that resynchronise at once both
+// re-anchor, which is harmless.
 #include "utils/clock.h"
 
 #include <fcntl.h>
@@ -41,7 +41,8 @@ int32_t saturated(int64_t value) {
 int32_t ticks_from_file() {
     int32_t ticks = 0;
     Descriptor file(open(kTickFile, O_RDONLY | O_CLOEXEC));
-    bool whole = file && read(file.get(), &ticks, sizeof ticks) == static_cast<ssize_t>(sizeof ticks);
+    bool whole =
+        file && read(file.get(), &ticks, sizeof ticks) == static_cast<ssize_t>(sizeof ticks);
     return whole && ticks >= 0 ? ticks : kDefaultTicksPerJiffy;
 }
 

@@ -11,7 +11,8 @@
 #include "internal/thread.h"
 
 static_assert(sizeof(void *) != 4 || sizeof(LIST) == 12 + sizeof(pthread_mutex_t));
-static_assert(offsetof(LIST, tail) == sizeof(void *) && offsetof(LIST, count) == 2 * sizeof(void *));
+static_assert(offsetof(LIST, tail) == sizeof(void *) &&
+              offsetof(LIST, count) == 2 * sizeof(void *));
 static_assert(offsetof(NODE, next) == 0 && offsetof(NODE, previous) == sizeof(void *));
 
 namespace utils {
@@ -146,9 +147,13 @@ int lstFind(LIST *list, NODE *node) {
     return utils::position_of(*list, node);
 }
 
-NODE *lstNext(NODE *node) { return node != nullptr ? node->next : nullptr; }
+NODE *lstNext(NODE *node) {
+    return node != nullptr ? node->next : nullptr;
+}
 
-NODE *lstPrevious(NODE *node) { return node != nullptr ? node->previous : nullptr; }
+NODE *lstPrevious(NODE *node) {
+    return node != nullptr ? node->previous : nullptr;
+}
 
 NODE *lstNStep(NODE *node, int steps) {
     for (; steps > 0 && node != nullptr; --steps)

@@ -18,4 +18,6 @@ int ep_context(const void *from, void *to) {
     return 0;
 }
 
-unsigned sizeof_geps(void) { return kContextSize; }
+unsigned sizeof_geps(void) {
+    return kContextSize;
+}

@@ -8,7 +8,9 @@
 
 #ifdef __powerpc__
 
-uint64_t timebase_read(void) { return timebase_read_registers(); }
+uint64_t timebase_read(void) {
+    return timebase_read_registers();
+}
 
 #else
 

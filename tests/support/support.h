@@ -13,7 +13,8 @@
 
 namespace support {
 
-// What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio or write().
+// What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio
+// or write().
 std::string captured(int descriptor, const std::function<void()> &body);
 
 // How a child process ended.
@@ -28,6 +29,10 @@ struct Ending {
 // files of a dying child are switched off unless `core` says otherwise.
 Ending in_child(const std::function<int()> &body, bool core = false);
 
+// Runs `body`, which uses EXPECT_* itself, in a forked child: for what a process can do only once,
+// or only without threads of another test. Succeeds when nothing failed there.
+testing::AssertionResult passes_in_child(const std::function<void()> &body);
+
 // Writes or reads a whole file of the image; a failure to write stops the test program.
 void write_file(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path);
@@ -41,7 +46,8 @@ std::string runnable(const std::string &command);
 // Milliseconds on the monotonic clock.
 int64_t monotonic_ms();
 
-// True as soon as `condition` holds, false when it does not within `limit_ms`; polls each millisecond.
+// True as soon as `condition` holds, false when it does not within `limit_ms`; polls each
+// millisecond.
 bool eventually(const std::function<bool()> &condition, int limit_ms = 10000);
 
 }  // namespace support

@@ -200,7 +200,8 @@ TEST(Lst, StaysConsistentUnderEightThreads) {
             Item *mine = &items[static_cast<size_t>(t) * 4];
             for (int round = 0; round < kRounds; ++round) {
                 for (int i = 0; i < 4; ++i)
-                    i % 2 == 0 ? lstAdd(&list, &mine[i].node) : lstInsert(&list, nullptr, &mine[i].node);
+                    i % 2 == 0 ? lstAdd(&list, &mine[i].node)
+                               : lstInsert(&list, nullptr, &mine[i].node);
                 for (int i = 0; i < 4; ++i)
                     ASSERT_EQ(lstRemove(&list, &mine[i].node), 1);
             }

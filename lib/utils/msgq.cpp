@@ -1,0 +1,211 @@
+// Message queues. A queue owns its nodes: they move between the chain of waiting messages and the
+// chain of spares, and are freed when 64 spares are kept already or the queue is deleted.
+// Everything happens under the queue's own recursive mutex; no other lock is taken while it is
+// held.
+#include "utils/msgq.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "internal/deadline.h"
+#include "internal/heap.h"
+#include "internal/text.h"
+#include "internal/thread.h"
+#include "platform/context.h"
+
+// A node is one heap block: this header, room for the longest message, then the sender's context.
+struct msgQNode {
+    msgQNode *next;
+    int16_t length;
+};
+
+static_assert(MSGQ_LENGTH_MAX == INT16_MAX);
+static_assert(offsetof(msgQ, maxMsgs) == MSGQ_NAME_SIZE && offsetof(msgQ, missCount) == 40);
+static_assert(sizeof(void *) != 4 || offsetof(msgQ, queued) == 44 + sizeof(pthread_mutex_t) +
+                                                                   sizeof(pthread_cond_t) +
+                                                                   (44 + sizeof(pthread_mutex_t)) %
+                                                                       alignof(pthread_cond_t));
+
+namespace utils {
+namespace {
+
+constexpr int kMissesPerReport = 128;
+
+// Longer messages are refused, so the room of a node ends there.
+size_t payload_room(const msgQ &queue) {
+    size_t room = queue.maxMsgLength < MSGQ_LENGTH_MAX ? queue.maxMsgLength : MSGQ_LENGTH_MAX;
+    return (room + alignof(max_align_t) - 1) / alignof(max_align_t) * alignof(max_align_t);
+}
+
+unsigned char *payload(msgQNode *node) {
+    return reinterpret_cast<unsigned char *>(node + 1);
+}
+
+unsigned char *context(const msgQ &queue, msgQNode *node) {
+    return payload(node) + payload_room(queue);
+}
+
+void append(msgQChain &chain, msgQNode *node) {
+    node->next = nullptr;
+    (chain.tail != nullptr ? chain.tail->next : chain.head) = node;
+    chain.tail = node;
+    ++chain.count;
+}
+
+msgQNode *take(msgQChain &chain) {
+    msgQNode *node = chain.head;
+    if (node != nullptr) {
+        chain.head = node->next;
+        if (chain.head == nullptr)
+            chain.tail = nullptr;
+        --chain.count;
+    }
+    return node;
+}
+
+void free_chain(msgQChain &chain) {
+    while (msgQNode *node = take(chain))
+        free(node);
+}
+
+// A node for one message: a spare one, or a new one; null when memory runs out.
+msgQNode *fresh_node(msgQ &queue) {
+    if (msgQNode *node = take(queue.spare))
+        return node;
+    return static_cast<msgQNode *>(malloc(sizeof(msgQNode) + payload_room(queue) + sizeof_geps()));
+}
+
+int init_lock(pthread_mutex_t *lock) {
+    pthread_mutexattr_t attributes;
+    if (int error = pthread_mutexattr_init(&attributes); error != 0)
+        return error;
+    int error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    if (error == 0)
+        error = pthread_mutex_init(lock, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    return error;
+}
+
+int init_condition(pthread_cond_t *condition) {
+    pthread_condattr_t attributes;
+    if (int error = pthread_condattr_init(&attributes); error != 0)
+        return error;
+    int error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    if (error == 0)
+        error = pthread_cond_init(condition, &attributes);
+    pthread_condattr_destroy(&attributes);
+    return error;
+}
+
+// Waits once for a message, when none is there; a wait that ends early is not repeated.
+void wait_for_message(msgQ &queue, int timeout_ms) {
+    if (queue.queued.count > 0 || timeout_ms == UTILS_NO_WAIT)
+        return;
+    if (timeout_ms == UTILS_WAIT_FOREVER) {
+        while (pthread_cond_wait(&queue.notEmpty, &queue.lock) == EINTR) {
+        }
+        return;
+    }
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += timeout_ms / 1000;
+    deadline.tv_nsec += timeout_ms % 1000 * 1000000L;
+    deadline = normalized(deadline);
+    while (pthread_cond_timedwait(&queue.notEmpty, &queue.lock, &deadline) == EINTR) {
+    }
+}
+
+}  // namespace
+}  // namespace utils
+
+msgQHandle msgQCreate(int maxMsgs, unsigned maxMsgLength, int options, const char *name) {
+    utils::HeapBlock<msgQ> queue(utils::allocate_zeroed<msgQ>());
+    if (!queue || utils::init_lock(&queue->lock) != 0)
+        return nullptr;
+    if (utils::init_condition(&queue->notEmpty) != 0) {
+        pthread_mutex_destroy(&queue->lock);
+        return nullptr;
+    }
+    queue->maxMsgs = maxMsgs;
+    queue->maxMsgLength = maxMsgLength;
+    queue->options = options;
+    utils::copy_text(queue->name, name);
+    return queue.release();
+}
+
+int msgQSend(msgQHandle queue, const void *msg, unsigned len, ...) {
+    if (queue == nullptr)
+        return UTILS_ERROR;
+    utils::RecordLock lock(queue->lock);
+    if (queue->queued.count >= queue->maxMsgs) {
+        int32_t before = queue->missCount;
+        queue->missCount = before == INT32_MAX ? 0 : before + 1;
+        if (before % utils::kMissesPerReport == 0)
+            printf("queue %s: queue full (miss=%d)\n", queue->name, queue->missCount);
+        return UTILS_ERROR;
+    }
+    if (len > queue->maxMsgLength || len > MSGQ_LENGTH_MAX) {
+        printf("queue %s: msg too long (len=%d)\n", queue->name, static_cast<int>(len));
+        return UTILS_ERROR;
+    }
+    msgQNode *node = utils::fresh_node(*queue);
+    if (node == nullptr)
+        return UTILS_ERROR;
+    node->length = static_cast<int16_t>(len);
+    if (len > 0)
+        memcpy(utils::payload(node), msg, len);
+    ep_context(nullptr, utils::context(*queue, node));
+    utils::append(queue->queued, node);
+    if (queue->queued.count > queue->highWater)
+        queue->highWater = queue->queued.count;
+    pthread_cond_signal(&queue->notEmpty);
+    return UTILS_OK;
+}
+
+int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms) {
+    if (queue == nullptr)
+        return 1;
+    utils::RecordLock lock(queue->lock);
+    utils::wait_for_message(*queue, timeout_ms);
+    msgQNode *node = utils::take(queue->queued);
+    if (node == nullptr)
+        return 1;
+    unsigned length = static_cast<unsigned>(node->length);
+    if (unsigned taken = length < size ? length : size; taken > 0)
+        memcpy(buf, utils::payload(node), taken);
+    ep_context(utils::context(*queue, node), nullptr);
+    if (queue->spare.count < MSGQ_SPARE_MAX)
+        utils::append(queue->spare, node);
+    else
+        free(node);
+    return 0;
+}
+
+int msgQDelete(msgQHandle queue) {
+    if (queue == nullptr)
+        return UTILS_ERROR;
+    utils::free_chain(queue->queued);
+    utils::free_chain(queue->spare);
+    pthread_mutex_destroy(&queue->lock);
+    pthread_cond_destroy(&queue->notEmpty);
+    free(queue);
+    return UTILS_OK;
+}
+
+int msgQShow(msgQHandle queue) {
+    if (queue == nullptr)
+        return UTILS_ERROR;
+    utils::RecordLock lock(queue->lock);
+    printf("queue name: %s, high water: %d\n", queue->name, queue->highWater);
+    printf("Task Queuing     : FIFO");
+    printf(" (do not support MSG_Q_PRIORITY)\n");
+    printf("Message Byte Len : %d\n", static_cast<int>(queue->maxMsgLength));
+    printf("Messages Max     : %d\n", queue->maxMsgs);
+    printf("Messages Queued  : %d\n", queue->queued.count);
+    return UTILS_OK;
+}

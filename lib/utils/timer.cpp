@@ -1,0 +1,223 @@
+// The timer engine: one delta chain, ordered by due time, and a pass that fires what is due. The
+// first timer's delta counts from the last refresh, every other one's from its predecessor. Nothing
+// here locks; the service in timer_r serialises the calls.
+#include "utils/timer.h"
+
+#include <cstddef>
+#include <cstdlib>
+
+#include "internal/heap.h"
+#include "internal/ticks.h"
+#include "platform/context.h"
+
+static_assert(sizeof(void *) != 4 || sizeof(timer) == 52);
+static_assert(sizeof(void *) != 4 ||
+              (offsetof(timer, state) == 8 && offsetof(timer, expiry) == 20 &&
+               offsetof(timer, flags) == 36 && offsetof(timer, magicTail) == 48));
+static_assert(offsetof(timer, state) < offsetof(timer, handler) &&
+              offsetof(timer, arg2) < offsetof(timer, ulhArg) &&
+              offsetof(timer, ulhFn) < offsetof(timer, magicTail));
+
+namespace utils {
+namespace {
+
+constexpr int32_t kDueWithinMs = 49;
+constexpr unsigned kContextMax = 256;
+
+timer *chain = nullptr;
+int32_t live_timers = 0;
+
+bool valid(const timer *t) {
+    return t != nullptr && t->magicHead == TIMER_MAGIC_HEAD && t->magicTail == TIMER_MAGIC_TAIL;
+}
+
+unsigned char *context_of(timer *t) {
+    return reinterpret_cast<unsigned char *>(t + 1);
+}
+
+// Counts the first timer's delta from `now`; less than 50 ms counts as due.
+void refresh(uint32_t now) {
+    if (chain == nullptr)
+        return;
+    uint32_t remaining = chain->expiry - now;
+    chain->delta = static_cast<int32_t>(remaining) <= kDueWithinMs ? 0 : remaining;
+}
+
+void insert(timer *t) {
+    timer **at = &chain;
+    while (*at != nullptr && (*at)->delta < t->delta) {
+        t->delta -= (*at)->delta;
+        at = &(*at)->next;
+    }
+    if (*at != nullptr)
+        (*at)->delta -= t->delta;
+    t->next = *at;
+    *at = t;
+}
+
+void remove(timer *t) {
+    timer **at = &chain;
+    while (*at != nullptr && *at != t)
+        at = &(*at)->next;
+    if (*at == nullptr)
+        return;
+    if (t->next != nullptr)
+        t->next->delta += t->delta;
+    *at = t->next;
+    t->next = nullptr;
+}
+
+void make_idle(timer *t) {
+    t->state = TIMER_IDLE;
+    t->period = 0;
+    t->delta = 0;
+}
+
+timer *create(timerHandler handler, uintptr_t arg1, uintptr_t arg2, uint32_t flags) {
+    unsigned context_size = sizeof_geps();
+    timer *t = context_size <= kContextMax ? allocate_zeroed<timer>(context_size) : nullptr;
+    if (t == nullptr)
+        return nullptr;
+    ep_context(nullptr, context_of(t));
+    t->magicHead = TIMER_MAGIC_HEAD;
+    t->magicTail = TIMER_MAGIC_TAIL;
+    t->state = TIMER_IDLE;
+    t->handler = handler;
+    t->arg1 = arg1;
+    t->arg2 = arg2;
+    t->flags = flags;
+    ++live_timers;
+    return t;
+}
+
+// Stops a valid timer. Whether it was armed.
+bool stop(timer *t) {
+    if (t->state != TIMER_ARMED)
+        return false;
+    refresh(now_ms());
+    remove(t);
+    make_idle(t);
+    return true;
+}
+
+// Calls the handler of a timer that has left the chain, with its context in place of the thread's.
+// The record is not touched afterwards: the handler may have deleted it.
+void fire(timer *t) {
+    alignas(max_align_t) unsigned char previous[kContextMax];
+    ep_context(context_of(t), previous);
+    if (t->ulhFn != nullptr)
+        t->ulhFn(t, t->ulhArg, t->handler, t->arg1, t->arg2);
+    else if (t->handler != nullptr)
+        t->handler(t->arg1, t->arg2);
+    ep_context(previous, nullptr);
+}
+
+}  // namespace
+}  // namespace utils
+
+using namespace utils;
+
+timerHandle timer_create(timerHandler handler, uintptr_t arg1, uintptr_t arg2) {
+    return create(handler, arg1, arg2, 0);
+}
+
+timerHandle timer_create_periodic(timerHandler handler, uintptr_t arg1, uintptr_t arg2) {
+    return create(handler, arg1, arg2, TIMER_PERIODIC);
+}
+
+int timer_set(timerHandle timer, uint32_t ms) {
+    if (!valid(timer))
+        return UTILS_ERROR;
+    uint32_t now = now_ms();
+    if (timer->state == TIMER_ARMED) {
+        refresh(now);
+        remove(timer);
+    }
+    timer->delta = ms;
+    timer->period = ms;
+    timer->state = TIMER_ARMED;
+    timer->expiry = now + ms;
+    ep_context(nullptr, context_of(timer));
+    refresh(now);
+    insert(timer);
+    return UTILS_OK;
+}
+
+int timer_cancel(timerHandle timer) {
+    if (!valid(timer))
+        return UTILS_ERROR;
+    stop(timer);
+    return UTILS_OK;
+}
+
+int timer_cancelx(timerHandle timer) {
+    return valid(timer) && stop(timer) ? UTILS_OK : UTILS_ERROR;
+}
+
+int timer_delete(timerHandle timer) {
+    if (!valid(timer))
+        return UTILS_ERROR;
+    stop(timer);
+    // Volatile: a stale handle must fail validation, so these words reach the memory for sure.
+    *const_cast<volatile uint32_t *>(&timer->magicHead) = ~TIMER_MAGIC_HEAD;
+    *const_cast<volatile uint32_t *>(&timer->magicTail) = ~TIMER_MAGIC_TAIL;
+    free(timer);
+    --live_timers;
+    return UTILS_OK;
+}
+
+int timer_modhandler(timerHandle timer, timerHandler handler) {
+    if (!valid(timer))
+        abort();
+    if (timer->state == TIMER_ARMED)
+        return UTILS_ERROR;
+    timer->handler = handler;
+    return UTILS_OK;
+}
+
+int timer_ticking(timerHandle timer) {
+    if (!valid(timer))
+        abort();
+    return timer->state == TIMER_ARMED ? 1 : 0;
+}
+
+void timer_setulh(timerHandle timer, uintptr_t ulhArg, timerWrapper wrapper) {
+    if (timer == nullptr || wrapper == nullptr)
+        abort();
+    timer->ulhArg = ulhArg;
+    timer->ulhFn = wrapper;
+}
+
+timerHandle timer_gethead(void) {
+    return chain;
+}
+
+int timer_gettimeout(void) {
+    if (chain == nullptr)
+        return -1;
+    refresh(now_ms());
+    return static_cast<int>(chain->delta);
+}
+
+void timer_callback(void) {
+    uint32_t now = now_ms();
+    refresh(now);
+    while (chain != nullptr && chain->delta == 0) {
+        timer *due = chain;
+        remove(due);
+        if ((due->flags & TIMER_PERIODIC) != 0) {
+            due->delta = due->period;
+            due->expiry = now + due->period;
+            insert(due);
+        } else {
+            make_idle(due);
+        }
+        fire(due);
+        refresh(now);
+    }
+}
+
+void timer_cleanup(void) {
+    while (chain != nullptr && timer_delete(chain) == UTILS_OK) {
+    }
+}

@@ -1,0 +1,315 @@
+// The timer service: one mutex around the engine in timer.cpp, and a thread or the platform's I/O
+// subsystem that runs the engine's pass when a timer falls due. Lock order: the timer mutex before
+// a message queue's. Broken locking and a lost expiry message end the process, named by fixed
+// numbers that support staff know.
+#include "utils/timer_r.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <atomic>
+
+#include "internal/deadline.h"
+#include "internal/thread.h"
+#include "internal/ticks.h"
+#include "platform/ioss.h"
+
+static_assert(sizeof(timer_message) == TIMER_MESSAGE_LENGTH &&
+              offsetof(timer_message, time_ms) == 12 && offsetof(timer_message, timer) == 16 &&
+              offsetof(timer_message, arg2) == 16 + 3 * sizeof(uintptr_t));
+
+namespace utils {
+namespace {
+
+constexpr uint32_t kNotStarted = 0, kByIoSubsystem = 1, kByThread = 2;
+
+Mutex timer_mutex;
+pthread_cond_t service_condition UTILS_GUARDED_BY(timer_mutex);
+bool service_running UTILS_GUARDED_BY(timer_mutex) = false;
+void (*wake_fn)(uintptr_t) UTILS_GUARDED_BY(timer_mutex) = nullptr;
+uintptr_t wake_arg UTILS_GUARDED_BY(timer_mutex) = 0;
+std::atomic<uint32_t> service_mode{kNotStarted};  // written under the mutex, read first without it
+std::atomic<bool> flush_all{false};
+
+constexpr auto kRelaxed = std::memory_order_relaxed;
+
+[[noreturn]] void fail(int line) {
+    printf("Assert failure: %s:%d\n", "timer_r", line);
+    fflush(stdout);
+    abort();
+}
+
+void lock_or_fail(int line) UTILS_ACQUIRE(timer_mutex) UTILS_NO_THREAD_SAFETY_ANALYSIS {
+    if (timer_mutex.lock() != 0)
+        fail(line);
+}
+
+void unlock_or_fail(int line) UTILS_RELEASE(timer_mutex) UTILS_NO_THREAD_SAFETY_ANALYSIS {
+    if (timer_mutex.unlock() != 0)
+        fail(line);
+}
+
+void signal_service(uintptr_t condition) {
+    if (pthread_cond_signal(reinterpret_cast<pthread_cond_t *>(condition)) != 0)
+        fail(286);
+}
+
+void wake_service() UTILS_REQUIRES(timer_mutex) {
+    if (wake_fn != nullptr)
+        wake_fn(wake_arg);
+}
+
+// One wait of the service thread, for the next due time or for a wake.
+void wait_for_due(int timeout_ms) UTILS_REQUIRES(timer_mutex) {
+    int result = 0;
+    if (timeout_ms < 0) {
+        result = pthread_cond_wait(&service_condition, timer_mutex.native());
+    } else {
+        timespec deadline = deadline_after(timeout_ms);
+        result = pthread_cond_timedwait(&service_condition, timer_mutex.native(), &deadline);
+    }
+    if (result == ETIMEDOUT)
+        timer_callback();
+    else if (result != 0 && result != EINTR)
+        fail(211);
+}
+
+void *service_thread(void *) {
+    lock_or_fail(183);
+    while (service_running) {
+        int timeout_ms = timer_gettimeout();
+        if (timeout_ms == 0)
+            timer_callback();
+        else
+            wait_for_due(timeout_ms);
+    }
+    timer_cleanup();
+    pthread_cond_destroy(&service_condition);
+    service_mode.store(kNotStarted, kRelaxed);
+    timer_mutex.unlock();
+    return nullptr;
+}
+
+int init_condition() UTILS_REQUIRES(timer_mutex) {
+    pthread_condattr_t attributes;
+    if (int error = pthread_condattr_init(&attributes); error != 0)
+        return error;
+    int error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    if (error == 0)
+        error = pthread_cond_init(&service_condition, &attributes);
+    pthread_condattr_destroy(&attributes);
+    return error;
+}
+
+// The real-time policy takes effect where the system lets a thread choose its own.
+int start_thread() {
+    pthread_attr_t attributes;
+    if (int error = pthread_attr_init(&attributes); error != 0)
+        return error;
+    int error = pthread_attr_setschedpolicy(&attributes, SCHED_FIFO);
+    if (error == 0)
+        error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_t thread;
+    if (error == 0)
+        error = pthread_create(&thread, &attributes, service_thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+int start_service() UTILS_REQUIRES(timer_mutex) {
+    if (service_mode.load(kRelaxed) != kNotStarted)
+        return UTILS_OK;
+    if (init_condition() != 0)
+        return UTILS_ERROR;
+    wake_fn = signal_service;
+    wake_arg = reinterpret_cast<uintptr_t>(&service_condition);
+    service_running = true;
+    if (start_thread() != 0) {
+        service_running = false;
+        wake_fn = nullptr;
+        pthread_cond_destroy(&service_condition);
+        return UTILS_ERROR;
+    }
+    service_mode.store(kByThread, kRelaxed);
+    return UTILS_OK;
+}
+
+// Delivers a timer that has fired; the engine calls it in place of the handler, mutex held.
+void deliver(timerHandle timer, uintptr_t queue, timerHandler handler, uintptr_t arg1,
+             uintptr_t arg2) UTILS_NO_THREAD_SAFETY_ANALYSIS {
+    if (flush_all.load(kRelaxed))
+        return;
+    if (queue != 0) {
+        timer_message message{};
+        message.type = TIMER_MESSAGE_TYPE;
+        message.time_ms = now_ms();
+        message.timer = timer;
+        message.handler = handler;
+        message.arg1 = arg1;
+        message.arg2 = arg2;
+        if (msgQSend(reinterpret_cast<msgQHandle>(queue), &message, sizeof message, 0, 1) != 0)
+            fail(275);
+    } else if (handler != nullptr) {
+        unlock_or_fail(261);
+        handler(arg1, arg2);
+        lock_or_fail(264);
+    }
+}
+
+timerHandle create(msgQHandle queue, timerHandler handler, uintptr_t arg1, uintptr_t arg2,
+                   bool periodic) {
+    if (timer_init_r() != 0) {
+        printf("Timer failure: %s:%d\n", "timer_r", 404);
+        return nullptr;
+    }
+    if (timer_mutex.lock() != 0) {
+        printf("Timer failure: %s:%d\n", "timer_r", 409);
+        return nullptr;
+    }
+    timerHandle timer =
+        periodic ? timer_create_periodic(handler, arg1, arg2) : timer_create(handler, arg1, arg2);
+    if (timer != nullptr)
+        timer_setulh(timer, reinterpret_cast<uintptr_t>(queue), deliver);
+    unlock_or_fail(424);
+    return timer;
+}
+
+// Runs an engine operation under the mutex. `line` names a failure to release it.
+template <typename Operation>
+int locked(int line, Operation operation) {
+    if (timer_mutex.lock() != 0)
+        return UTILS_ERROR;
+    int result = operation();
+    unlock_or_fail(line);
+    return result;
+}
+
+// As `locked`, for operations that may change which timer falls due first; then wakes the service.
+template <typename Operation>
+int locked_and_woken(int line, Operation operation) {
+    return locked(line, [&]() UTILS_NO_THREAD_SAFETY_ANALYSIS {
+        timerHandle first = timer_gethead();
+        int result = operation();
+        if (result == 0 && timer_gethead() != first)
+            wake_service();
+        return result;
+    });
+}
+
+// Called by the I/O subsystem: fires what is due and says when to come back.
+int poll_timers(void *, int32_t *descriptor, int32_t *timeout_ms) {
+    *descriptor = -1;
+    lock_or_fail(90);
+    int timeout = timer_gettimeout();
+    for (; timeout == 0; timeout = timer_gettimeout())
+        timer_callback();
+    timer_mutex.unlock();
+    *timeout_ms = timeout < 0 ? 0 : timeout;
+    return 0;
+}
+
+}  // namespace
+}  // namespace utils
+
+using namespace utils;
+
+int timer_init_r(void) {
+    if (service_mode.load(kRelaxed) != kNotStarted)
+        return UTILS_OK;
+    if (timer_mutex.lock() != 0)
+        return UTILS_ERROR;
+    int result = start_service();
+    timer_mutex.unlock();
+    return result;
+}
+
+timerHandle timer_create_r(msgQHandle queue, timerHandler handler, uintptr_t arg1, uintptr_t arg2) {
+    return create(queue, handler, arg1, arg2, false);
+}
+
+timerHandle timer_create_periodic_r(msgQHandle queue, timerHandler handler, uintptr_t arg1,
+                                    uintptr_t arg2) {
+    return create(queue, handler, arg1, arg2, true);
+}
+
+timerHandle createTimer(msgQHandle queue, uintptr_t, timerHandler handler, uintptr_t arg1,
+                        uintptr_t arg2, int periodic) {
+    return create(queue, handler, arg1, arg2, periodic == 1);
+}
+
+timerHandle createTimerCB(timerHandler handler, uintptr_t ignored, uintptr_t arg1, uintptr_t arg2,
+                          int periodic) {
+    return handler != nullptr ? createTimer(nullptr, ignored, handler, arg1, arg2, periodic)
+                              : nullptr;
+}
+
+int timer_set_r(timerHandle timer, uint32_t ms) {
+    return locked_and_woken(476, [&] { return timer_set(timer, ms); });
+}
+
+int timer_cancel_r(timerHandle timer) {
+    return locked_and_woken(510, [&] { return timer_cancel(timer); });
+}
+
+int timer_cancelx_r(timerHandle timer) {
+    return locked_and_woken(510, [&] { return timer_cancelx(timer); });
+}
+
+int timer_delete_r(timerHandle timer) {
+    return locked(555, [&] { return timer_delete(timer); });
+}
+
+int timer_modhandler_r(timerHandle timer, timerHandler handler) {
+    return locked(660, [&] { return timer_modhandler(timer, handler); });
+}
+
+int timer_ticking_r(timerHandle timer) {
+    lock_or_fail(632);
+    int ticking = timer_ticking(timer);
+    unlock_or_fail(637);
+    return ticking;
+}
+
+void timer_flush_r(void) {
+    flush_all.store(true, kRelaxed);
+}
+
+int timer_close_r(void) {
+    lock_or_fail(607);
+    service_running = false;
+    wake_service();
+    unlock_or_fail(620);
+    return UTILS_OK;
+}
+
+int timer_ioss_create(void *ioss_arg, void (*wake)(uintptr_t), uintptr_t wakeArg) {
+    lock_or_fail(110);
+    if (service_mode.load(kRelaxed) != kNotStarted)
+        fail(115);
+    int result = UTILS_OK;
+    if (ioss_create(ioss_arg, poll_timers, 0, 0, 0) != 0) {
+        perror("timer_ioss_create: ioss_create failed");
+        result = UTILS_ENOMEM;
+    } else {
+        service_mode.store(kByIoSubsystem, kRelaxed);
+        wake_fn = wake;
+        wake_arg = wakeArg;
+    }
+    timer_mutex.unlock();
+    return result;
+}
+
+int timer_ioss_free(void *handle) {
+    uintptr_t first = 0;
+    if (handle != nullptr)
+        memcpy(&first, handle, sizeof first);
+    if (first == 0)
+        fail(141);
+    lock_or_fail(144);
+    ioss_free(handle);
+    timer_mutex.unlock();
+    return UTILS_OK;
+}
