@@ -2,10 +2,10 @@
  * @file ipc.h
  * @brief Platform: messages to daemons, addressed by node, logical switch and name.
  *
- * The library calls ipcSendRcv() and ipcSend() only. A daemon makes itself known with ipc_open() and
- * registers its handlers with ipc_register(); both belong to the stand-in, which gives every daemon
- * a socket "/run/korin/NODE.SWITCH.NAME.ipc". Requests are taken from processes of the same user and
- * of root only.
+ * The library calls ipcSendRcv() and ipcSend() only. A daemon makes itself known with ipc_open()
+ * and registers its handlers with ipc_register(); both belong to the stand-in, which gives every
+ * daemon a socket "/run/korin/NODE.SWITCH.NAME.ipc". Requests are taken from processes of the same
+ * user and of root only.
  */
 #ifndef UTILS_PLATFORM_IPC_H
 #define UTILS_PLATFORM_IPC_H
@@ -14,11 +14,13 @@
 
 UTILS_BEGIN_DECLS
 
-#define IPC_NAME_SIZE 64       /**< room for a daemon's name and its terminator in an address */
-#define IPC_REQUEST_MAX 2044   /**< longest request: a block header of 20 bytes and a body of 2024 */
-#define IPC_REPLY_MAX 2048     /**< longest reply in bytes */
-#define IPC_MESSAGE_SIZE 2048  /**< room behind the platform word of a message given to a handler */
-#define IPC_HANDLERS_MAX 32    /**< most message codes that a daemon registers */
+#define IPC_NAME_SIZE 64      /**< room for a daemon's name and its terminator in an address */
+#define IPC_REQUEST_MAX 2044  /**< longest request: a block header of 20 bytes and a body of 2024 \
+                               */
+#define IPC_REPLY_MAX 2048    /**< longest reply in bytes */
+#define IPC_MESSAGE_SIZE 2048 /**< room behind the platform word of a message given to a handler \
+                               */
+#define IPC_HANDLERS_MAX 32   /**< most message codes that a daemon registers */
 
 /** @name Message codes of the demo daemons @{ */
 #define IPC_CODE_REDIRECT_OUTPUT 0x4401 /**< ipcCbQelDRedirectOutput() */
@@ -62,9 +64,9 @@ int ipcSend(void *address, int code, const void *data, uint32_t length, const ui
  * @param reply_address what ipcSend() takes to answer; an ipc_address, which may be copied and used
  *                      later, from any thread, as long as the requester waits
  * @param code          the request's message code
- * @param message       a word that belongs to the platform, then IPC_MESSAGE_SIZE bytes: the request,
- *                      filled up with zeros. Valid and writable until the handler returns. Null for a
- *                      request without any bytes.
+ * @param message       a word that belongs to the platform, then IPC_MESSAGE_SIZE bytes: the
+ * request, filled up with zeros. Valid and writable until the handler returns. Null for a request
+ * without any bytes.
  * @return ignored
  */
 typedef int (*ipc_handler)(void *reply_address, int code, void *message);
@@ -72,18 +74,20 @@ typedef int (*ipc_handler)(void *reply_address, int code, void *message);
 /**
  * Opens this process's socket under @p own and starts the thread that serves it. What a dead daemon
  * left there is replaced. The socket goes with ipc_close() or exit().
- * @return 0, or a negated errno value: -98 when a living daemon has the name, -114 when this process
- *         is open already, -22 for a bad name, and those of the system
+ * @return 0, or a negated errno value: -98 when a living daemon has the name, -114 when this
+ * process is open already, -22 for a bad name, and those of the system
  */
 int ipc_open(const ipc_address *own);
 
-/** Lets @p handler serve requests of @p code, before or after ipc_open(); replaces an earlier one. @return 0, or -28 when IPC_HANDLERS_MAX codes are taken */
+/** Lets @p handler serve requests of @p code, before or after ipc_open(); replaces an earlier one.
+ * @return 0, or -28 when IPC_HANDLERS_MAX codes are taken */
 int ipc_register(int code, ipc_handler handler);
 
 /** Refuses requests of @p code from now on. @return 0, or -2 when it was not registered */
 int ipc_unregister(int code);
 
-/** Closes the socket; waits for the handler that runs, unless it is called from there. Registrations stay. */
+/** Closes the socket; waits for the handler that runs, unless it is called from there.
+ * Registrations stay. */
 void ipc_close(void);
 /** @} */
 

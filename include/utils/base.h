@@ -11,13 +11,16 @@
 
 #ifdef __cplusplus
 #define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)") extern "C" {
-#define UTILS_END_DECLS } _Pragma("GCC visibility pop")
+#define UTILS_END_DECLS \
+    }                   \
+    _Pragma("GCC visibility pop")
 #else
 #define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)")
 #define UTILS_END_DECLS _Pragma("GCC visibility pop")
 #endif
 
-/** Lets the compiler check a printf-like call: position of the format, of the first value (0: a va_list). */
+/** Lets the compiler check a printf-like call: position of the format, of the first value (0: a
+ * va_list). */
 #define UTILS_PRINTF(format, values) __attribute__((format(printf, format, values)))
 
 /** @name Results that several families share

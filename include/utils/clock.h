@@ -43,21 +43,26 @@ int sysProbe(uintptr_t x);
 /** @return the date now as ctime() writes it, with its newline; static text */
 char *dateCurrent(void);
 
-/** @return the date of the last boot as ctime() writes it, or null when "/proc/uptime" cannot tell; static text */
+/** @return the date of the last boot as ctime() writes it, or null when "/proc/uptime" cannot tell;
+ * static text */
 char *dateBooted(void);
 
-/** @return the install date of the boot PROM package, empty when unknown, null when the query cannot start; static text */
+/** @return the install date of the boot PROM package, empty when unknown, null when the query
+ * cannot start; static text */
 char *dateBootProm(void);
 
-/** @return the install date of the firmware package, empty when unknown, null when the query cannot start; static text */
+/** @return the install date of the firmware package, empty when unknown, null when the query cannot
+ * start; static text */
 char *dateFirmwareLoaded(void);
 
-/** @return the firmware version, "v3.2.0" for instance, or null when the platform has no release record; static text */
+/** @return the firmware version, "v3.2.0" for instance, or null when the platform has no release
+ * record; static text */
 char *getFirmwareVersion(void);
 
 /**
  * Sets the peer control processor's date from this one's, and lets it write its hardware clock.
- * @return the status of the last command run as system() gives it, or -1 when the second was not run
+ * @return the status of the last command run as system() gives it, or -1 when the second was not
+ * run
  */
 int syncDateAndTime(void);
 
