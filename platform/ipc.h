@@ -15,11 +15,9 @@
 UTILS_BEGIN_DECLS
 
 #define IPC_NAME_SIZE 64      /**< room for a daemon's name and its terminator in an address */
-#define IPC_REQUEST_MAX 2044  /**< longest request: a block header of 20 bytes and a body of 2024 \
-                               */
+#define IPC_REQUEST_MAX 2044  /**< longest request: a block of 20 and 2024 bytes */
 #define IPC_REPLY_MAX 2048    /**< longest reply in bytes */
-#define IPC_MESSAGE_SIZE 2048 /**< room behind the platform word of a message given to a handler \
-                               */
+#define IPC_MESSAGE_SIZE 2048 /**< room for the request in a message to a handler */
 #define IPC_HANDLERS_MAX 32   /**< most message codes that a daemon registers */
 
 /** @name Message codes of the demo daemons @{ */
