@@ -88,7 +88,8 @@ TEST(ClaFltr, AgreesWithAPlainWalkOverRandomTablesAndArguments) {
         return result;
     };
     size_t taken_in_all = 0;
-    for (int round = 0; round < (support::emulated() ? 5000 : 50000); ++round) {
+    const size_t rounds = support::emulated() ? 5000 : 50000;
+    for (size_t round = 0; round < rounds; ++round) {
         const char *names[] = {"a", "s", "sw", "-s", "", nullptr};
         Rule rules[4];
         std::vector<claFltrEntry> table;
@@ -115,7 +116,7 @@ TEST(ClaFltr, AgreesWithAPlainWalkOverRandomTablesAndArguments) {
         ASSERT_EQ(args.words(), words);
         ASSERT_EQ(seen, calls);
     }
-    EXPECT_GT(taken_in_all, 2000U);
+    EXPECT_GT(taken_in_all, rounds / 10);
 }
 
 TEST(ClaFltr, TakesOptionsWithTheReadyMadeHandlersAndRefusesBadTables) {
