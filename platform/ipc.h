@@ -12,10 +12,12 @@
 
 UTILS_BEGIN_DECLS
 
-#define IPC_NAME_SIZE 64       /**< room for a daemon's name and its terminator in an address */
-#define IPC_REQUEST_MAX 2044   /**< longest request: a block header of 20 bytes and a body of 2024 */
-#define IPC_REPLY_MAX 2048     /**< longest reply in bytes */
-#define IPC_MESSAGE_SIZE 2048  /**< room behind the platform word of a message given to a handler */
+#define IPC_NAME_SIZE 64      /**< room for a daemon's name and its terminator in an address */
+#define IPC_REQUEST_MAX 2044  /**< longest request: a block header of 20 bytes and a body of 2024 \
+                               */
+#define IPC_REPLY_MAX 2048    /**< longest reply in bytes */
+#define IPC_MESSAGE_SIZE 2048 /**< room behind the platform word of a message given to a handler \
+                               */
 
 /** Where a request goes; native byte order, it never leaves the machine. */
 typedef struct ipc_address {

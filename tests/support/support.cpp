@@ -78,6 +78,18 @@ Ending in_child(const std::function<int()> &body, bool core) {
     return ending;
 }
 
+testing::AssertionResult passes_in_child(const std::function<void()> &body) {
+    Ending ending = in_child([&] {
+        body();
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    if (ending.exited && ending.status == 0)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << (ending.exited ? "exit status " : "signal ") << ending.status << "\n"
+           << ending.out << ending.err;
+}
+
 void write_file(const std::string &path, std::string_view content) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(content.data(), static_cast<std::streamsize>(content.size()));

@@ -29,6 +29,10 @@ struct Ending {
 // files of a dying child are switched off unless `core` says otherwise.
 Ending in_child(const std::function<int()> &body, bool core = false);
 
+// Runs `body`, which uses EXPECT_* itself, in a forked child: for what a process can do only once,
+// or only without threads of another test. Succeeds when nothing failed there.
+testing::AssertionResult passes_in_child(const std::function<void()> &body);
+
 // Writes or reads a whole file of the image; a failure to write stops the test program.
 void write_file(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path);

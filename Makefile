@@ -1,0 +1,84 @@
+# The commands of the project. Each installs the Debian packages it misses and says so.
+SHELL := /bin/bash
+.SHELLFLAGS := -euo pipefail -c
+.DEFAULT_GOAL := help
+MAKEFLAGS += --no-print-directory
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+DESTDIR ?=
+CCACHE := $(shell command -v ccache 2>/dev/null)
+export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
+export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
+
+build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config
+test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
+target_packages := g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
+docs_packages := doxygen graphviz man-db
+
+# build PRESET: configures and builds it, quietly unless something is wrong.
+define build
+	@echo "== $(1): building"
+	@mkdir -p build && cmake --preset $(1) > build/$(1).configure.log 2>&1 || { cat build/$(1).configure.log; exit 1; }
+	@cmake --build --preset $(1) --parallel $(JOBS)
+endef
+
+# check PRESET [ctest option...]: builds it and runs its tests.
+define check
+	$(call build,$(1))
+	@echo "== $(1): testing"
+	@ctest --preset $(1) --parallel $(JOBS) $(2)
+endef
+
+.PHONY: help demo test native target asan tsan clang lint format install clean ci
+
+help: ## This list
+	@grep -hE '^[a-z-]+:.*##' Makefile | sed -E 's/:.*## /|/' | column -t -s '|'
+
+demo: ## Show the library at its main job: a daemon at work
+	@scripts/need $(build_packages) bubblewrap
+	$(call build,native)
+	@examples/demo build/native
+
+test: native target ## Run the tests on this machine, then on the target's processor
+	@echo "make test: all tests passed, on this machine and on the target"
+
+native: ## Run the tests on this machine
+	@scripts/need $(test_packages)
+	$(call check,native)
+
+target: ## Cross-build for 32-bit big-endian PowerPC and run the same tests under the emulator
+	@scripts/need $(test_packages) $(target_packages)
+	$(call check,ppc)
+
+asan: ## Run the tests under the address and undefined behaviour sanitizers
+	@scripts/need $(test_packages)
+	$(call check,asan)
+
+tsan: ## Run the tests under the thread sanitizer
+	@scripts/need $(test_packages)
+	$(call check,tsan)
+
+clang: ## Build everything with clang++ (warnings are errors) and run the tests
+	@scripts/need $(test_packages) clang
+	$(call check,clang)
+
+format: ## Format the sources
+	@scripts/need clang-format
+	@git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format -i
+
+lint: ## Check the format, the house rules and the code with static analysers
+	@scripts/need $(build_packages) clang clang-tidy clang-format cppcheck shellcheck
+	@scripts/lint
+
+install: ## Install into DESTDIR and PREFIX (default /usr/local)
+	@scripts/need $(build_packages)
+	@cmake -G Ninja -S . -B build/install -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
+	    -DUTILS_TESTS=OFF > /dev/null
+	@cmake --build build/install --parallel $(JOBS)
+	@DESTDIR=$(DESTDIR) cmake --install build/install --strip
+
+ci: ## What the continuous integration runs
+	@.ci/run
+
+clean: ## Remove everything that was built
+	@rm -rf build dist

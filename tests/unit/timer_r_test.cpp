@@ -1,0 +1,318 @@
+// Every test runs in a child: the service is one per process, and some of its states are for life.
+#include "utils/timer_r.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/ioss.h"
+#include "support/support.h"
+#include "utils/lst.h"
+
+namespace {
+
+// Which call of the service fails next: a creation step, or a use of the timer mutex.
+std::atomic<bool> refuse_policy{false};
+std::atomic<int> fail_lock{0}, fail_unlock{0};  // 1: the next one fails; 2: the one after it
+
+[[maybe_unused]] int countdown(std::atomic<int> &counter) {
+    int left = counter;
+    if (left > 0)
+        counter = left - 1;
+    return left == 1 ? EPERM : 0;
+}
+
+}  // namespace
+
+extern "C" int pthread_attr_setschedpolicy(pthread_attr_t *, int policy) noexcept {
+    return refuse_policy || policy != SCHED_FIFO ? EINVAL : 0;
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define UTILS_FAKE_LOCKS 1
+extern "C" {
+int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
+    static auto *real =
+        reinterpret_cast<int (*)(pthread_mutex_t *)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    int error = countdown(fail_lock);
+    return error != 0 ? error : real(mutex);
+}
+int pthread_mutex_unlock(pthread_mutex_t *mutex) noexcept {
+    static auto *real =
+        reinterpret_cast<int (*)(pthread_mutex_t *)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    int error = countdown(fail_unlock);
+    return error != 0 ? error : real(mutex);
+}
+}
+#endif
+
+namespace {
+
+std::atomic<int> calls{0};
+
+void count(uintptr_t, uintptr_t) {
+    ++calls;
+}
+
+TEST(TimerR, PostsExpiryMessagesToTheQueue) {
+    EXPECT_TRUE(support::passes_in_child([] {
+        msgQHandle queue = msgQCreate(10, TIMER_MESSAGE_LENGTH, 0, "events");
+        timerHandle once = timer_create_r(queue, count, 11, 12);
+        timerHandle often = createTimer(queue, 0, count, 21, 22, 1);
+        ASSERT_EQ(timer_set_r(often, 60), 0);
+        ASSERT_EQ(timer_set_r(once, 100), 0);
+        int from_once = 0, from_often = 0;
+        uint32_t last = 0;
+        while (from_once < 1 || from_often < 4) {
+            timer_message message;
+            memset(&message, 0xEE, sizeof message);
+            ASSERT_EQ(msgQReceive(queue, &message, sizeof message, 10000), 0);
+            ASSERT_EQ(message.type, TIMER_MESSAGE_TYPE);
+            ASSERT_EQ(message.zero, 0u);
+            ASSERT_EQ(message.zero_byte, 0);
+            ASSERT_EQ(message.handler, count);
+            ASSERT_TRUE(last == 0 || message.time_ms - last < 10000u);
+            last = message.time_ms;
+            ++(message.timer == once ? from_once : from_often);
+            ASSERT_EQ(message.arg1, message.timer == once ? 11u : 21u);
+            ASSERT_EQ(message.arg2, message.arg1 + 1);
+        }
+        EXPECT_EQ(from_once, 1);
+        EXPECT_EQ(calls, 0) << "the receiver runs the handler";
+        EXPECT_EQ(timer_ticking_r(once), 0);
+        EXPECT_EQ(timer_ticking_r(often), 1);
+        EXPECT_EQ(timer_modhandler_r(often, count), -1);
+        EXPECT_EQ(timer_modhandler_r(once, nullptr), 0);
+        EXPECT_EQ(timer_cancelx_r(often), 0);
+        EXPECT_EQ(timer_cancelx_r(often), -1);
+        EXPECT_EQ(timer_cancel_r(often), 0);
+        EXPECT_EQ(timer_delete_r(often), 0);
+        EXPECT_EQ(timer_delete_r(once), 0);
+        timer_close_r();
+    }));
+}
+
+TEST(TimerR, DirectHandlersMayUseTheWholeFamily) {
+    static timerHandle self, next;
+    EXPECT_TRUE(support::passes_in_child([] {
+        self = createTimerCB(
+            [](uintptr_t, uintptr_t) {
+                if (timer_set_r(next, 50) == 0 && timer_delete_r(self) == 0)
+                    ++calls;
+            },
+            0, 0, 0, 0);
+        next = timer_create_r(nullptr, count, 0, 0);
+        timer_set_r(self, 50);
+        EXPECT_TRUE(support::eventually([] { return calls == 2; }));
+        EXPECT_EQ(createTimerCB(nullptr, 0, 0, 0, 0), nullptr);
+    }));
+}
+
+TEST(TimerR, AnEarlierTimerWakesTheService) {
+    EXPECT_TRUE(support::passes_in_child([] {
+        timer_set_r(timer_create_r(nullptr, count, 0, 0), 1000000);
+        int64_t begin = support::monotonic_ms();
+        timer_set_r(timer_create_r(nullptr, count, 0, 0), 100);
+        EXPECT_TRUE(support::eventually([] { return calls == 1; }));
+        EXPECT_GE(support::monotonic_ms() - begin, 49);
+    }));
+}
+
+int threads() {
+    int count = 0;
+    for ([[maybe_unused]] auto &task : std::filesystem::directory_iterator("/proc/self/task"))
+        ++count;
+    return count;
+}
+
+TEST(TimerR, CloseDeletesWhatIsArmedAndTheNextCreateStartsAgain) {
+    EXPECT_TRUE(support::passes_in_child([] {
+        timerHandle idle = timer_create_r(nullptr, count, 0, 0);
+        timer_set_r(timer_create_periodic_r(nullptr, count, 0, 0), 1000000);
+        int running = threads();
+        timer_close_r();
+        // The question about the idle timer passes the mutex, as the thread's last words do.
+        EXPECT_TRUE(
+            support::eventually([&] { return timer_ticking_r(idle) == 0 && threads() < running; }));
+        EXPECT_EQ(timer_gethead(), nullptr);
+        timerHandle next = timer_create_r(nullptr, count, 0, 0);
+        timer_set_r(idle, 0);
+        timer_set_r(next, 60);
+        EXPECT_TRUE(support::eventually([] { return calls == 2; }));
+    }));
+}
+
+TEST(TimerR, AfterAFlushTimersRunDownAndDeliverNothing) {
+    EXPECT_TRUE(support::passes_in_child([] {
+        ioss_loop *loop = ioss_loop_create();
+        timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop));
+        timerHandle often = timer_create_periodic_r(nullptr, count, 0, 0);
+        timer_set_r(often, 50);
+        uint32_t expiry = often->expiry;
+        timer_flush_r();
+        EXPECT_EQ(ioss_run(loop, 150), 0);
+        EXPECT_EQ(calls, 0);
+        EXPECT_EQ(timer_ticking_r(often), 1);
+        EXPECT_NE(often->expiry, expiry);
+        timer_delete_r(often);
+        ioss_loop_destroy(loop);
+    }));
+}
+
+// A daemon's own loop: a pipe is served and timers fire on the loop's thread, no service thread
+// runs.
+TEST(TimerR, TheIoLoopDrivesTimersAndDescriptors) {
+    static ioss_loop *loop;
+    static pthread_t here;
+    static timerHandle often;
+    EXPECT_TRUE(support::passes_in_child([] {
+        here = pthread_self();
+        loop = ioss_loop_create();
+        ASSERT_EQ(timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop)), 0);
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        ASSERT_EQ(ioss_watch(
+                      loop, ends[0],
+                      [](void *arg, int fd) {
+                          char byte;
+                          if (read(fd, &byte, 1) == 1)
+                              *static_cast<char *>(arg) = byte;
+                          timer_set_r(often, 50);
+                      },
+                      &ends[1]),
+                  0);
+        often = createTimerCB(
+            [](uintptr_t, uintptr_t) {
+                EXPECT_TRUE(pthread_equal(pthread_self(), here));
+                if (++calls == 3)
+                    ioss_stop(loop);
+            },
+            0, 0, 0, 1);
+        ASSERT_EQ(write(ends[1], "x", 1), 1);
+        EXPECT_EQ(ioss_run(loop, 20000), 0);
+        EXPECT_EQ(calls, 3);
+        EXPECT_EQ(reinterpret_cast<char *>(&ends[1])[0], 'x');
+        EXPECT_EQ(timer_ioss_free(loop), 0);
+        EXPECT_EQ(ioss_run(loop, 80), 0);
+        EXPECT_EQ(calls, 3) << "the loop no longer drives timers";
+        ioss_loop_destroy(loop);
+    }));
+}
+
+TEST(TimerR, WakesABlockedLoopFromAnotherThread) {
+    static ioss_loop *loop;
+    EXPECT_TRUE(support::passes_in_child([] {
+        loop = ioss_loop_create();
+        timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop));
+        pthread_t setter;
+        pthread_create(
+            &setter, nullptr,
+            [](void *) -> void * {
+                timer_set_r(
+                    createTimerCB([](uintptr_t, uintptr_t) { ioss_stop(loop); }, 0, 0, 0, 0), 100);
+                return nullptr;
+            },
+            nullptr);
+        int64_t begin = support::monotonic_ms();
+        EXPECT_EQ(ioss_run(loop, 60000), 0);
+        EXPECT_LT(support::monotonic_ms() - begin, 30000);
+        pthread_join(setter, nullptr);
+    }));
+}
+
+struct Failure {
+    const char *printed;
+    std::function<int()> body;
+};
+
+void expect_fatal(const Failure &failure) {
+    support::Ending ending = support::in_child(failure.body);
+    EXPECT_FALSE(ending.exited) << failure.printed;
+    EXPECT_EQ(ending.status, SIGABRT) << failure.printed;
+    EXPECT_EQ(ending.out, failure.printed);
+}
+
+TEST(TimerR, MisuseIsFatalWithItsOwnNumber) {
+    static uintptr_t zero = 0;
+    for (const Failure &failure : std::initializer_list<Failure>{
+             {"Assert failure: timer_r:115\n",
+              [] { return timer_init_r() + timer_ioss_create(nullptr, nullptr, 0); }},
+             {"Assert failure: timer_r:141\n", [] { return timer_ioss_free(nullptr); }},
+             {"Assert failure: timer_r:141\n", [] { return timer_ioss_free(&zero); }},
+             {"queue full: queue full (miss=1)\nAssert failure: timer_r:275\n", [] {
+                  msgQHandle queue = msgQCreate(1, TIMER_MESSAGE_LENGTH, 0, "full");
+                  timer_set_r(timer_create_periodic_r(queue, count, 0, 0), 50);
+                  return support::eventually([] { return false; }) ? 1 : 0;
+              }}})
+        expect_fatal(failure);
+}
+
+TEST(TimerR, AServiceThatCannotStartIsReported) {
+    support::Ending ending = support::in_child([] {
+        refuse_policy = true;
+        bool failed = timer_init_r() == -1 && timer_create_r(nullptr, count, 0, 0) == nullptr;
+        refuse_policy = false;
+        return failed && timer_create_r(nullptr, count, 0, 0) != nullptr ? 0 : 1;
+    });
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_EQ(ending.out, "Timer failure: timer_r:404\n");
+    ending =
+        support::in_child([] { return timer_ioss_create(nullptr, nullptr, 0) == -12 ? 0 : 1; });
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_EQ(ending.err, "timer_ioss_create: ioss_create failed: Invalid argument\n");
+}
+
+#ifdef UTILS_FAKE_LOCKS
+// The loop's thread is the only one, so the next lock or unlock is the one under test.
+TEST(TimerR, BrokenLockingIsFatalOrRefused) {
+    static timerHandle t;
+    struct Case {
+        int line;  // 0: the call gives -1 instead
+        bool lock;
+        std::function<int()> call;
+    };
+    const Case cases[] = {
+        {476, false, [] { return timer_set_r(t, 100); }},
+        {510, false, [] { return timer_cancel_r(t); }},
+        {510, false, [] { return timer_cancelx_r(t); }},
+        {555, false, [] { return timer_delete_r(t); }},
+        {660, false, [] { return timer_modhandler_r(t, count); }},
+        {632, true, [] { return timer_ticking_r(t); }},
+        {637, false, [] { return timer_ticking_r(t); }},
+        {607, true, [] { return timer_close_r(); }},
+        {620, false, [] { return timer_close_r(); }},
+        {424, false, [] { return timer_create_r(nullptr, count, 0, 0) != nullptr ? 1 : 0; }},
+        {0, true, [] { return timer_set_r(t, 100); }},
+        {0, true, [] { return timer_cancel_r(t); }},
+        {0, true, [] { return timer_cancelx_r(t); }},
+        {0, true, [] { return timer_delete_r(t); }},
+        {0, true, [] { return timer_modhandler_r(t, count); }},
+    };
+    for (const Case &c : cases) {
+        support::Ending ending = support::in_child([&] {
+            ioss_loop *loop = ioss_loop_create();
+            timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop));
+            t = timer_create_r(nullptr, count, 0, 0);
+            (c.lock ? fail_lock : fail_unlock) = 1;
+            return c.call() == -1 ? 0 : 1;
+        });
+        EXPECT_EQ(ending.exited, c.line == 0) << c.line;
+        EXPECT_EQ(ending.status, c.line == 0 ? 0 : SIGABRT) << c.line;
+        EXPECT_EQ(ending.out,
+                  c.line == 0 ? "" : "Assert failure: timer_r:" + std::to_string(c.line) + "\n");
+    }
+    support::Ending ending = support::in_child([] {
+        ioss_loop *loop = ioss_loop_create();
+        timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop));
+        fail_lock = 1;
+        return timer_create_r(nullptr, count, 0, 0) == nullptr ? 0 : 1;
+    });
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_EQ(ending.out, "Timer failure: timer_r:409\n");
+}
+#endif
+
+}  // namespace

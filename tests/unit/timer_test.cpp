@@ -1,0 +1,333 @@
+#include "utils/timer.h"
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "platform/context.h"
+#include "platform/timebase.h"
+#include "support/heap.h"
+#include "support/support.h"
+#include "utils/clock.h"
+
+namespace {
+
+uint64_t clock_ms = 1000;  // the engine's clock, set by the tests
+
+}  // namespace
+
+uint64_t timebase_read(void) {
+    return clock_ms * static_cast<uint64_t>(tb_ticks_p_msec) +
+           static_cast<uint64_t>(tb_ticks_p_msec) / 2;
+}
+
+namespace {
+
+std::vector<int> fired;
+std::function<void(int)> on_fire;
+
+void record(uintptr_t id, uintptr_t) {
+    fired.push_back(static_cast<int>(id));
+    if (on_fire)
+        on_fire(static_cast<int>(id));
+}
+
+std::vector<uint32_t> deltas() {
+    std::vector<uint32_t> found;
+    for (timer *t = timer_gethead(); t != nullptr; t = t->next)
+        found.push_back(t->delta);
+    return found;
+}
+
+std::vector<int> pass() {
+    fired.clear();
+    timer_callback();
+    return fired;
+}
+
+class Timer : public testing::Test {
+  protected:
+    void TearDown() override {
+        on_fire = nullptr;
+        timer_cleanup();
+        EXPECT_EQ(timer_gethead(), nullptr);
+    }
+};
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST_F(Timer, ChainsByDueTimeAndFiresWithinFiftyMilliseconds) {
+    timerHandle a = timer_create(record, 1, 0), b = timer_create(record, 2, 0),
+                c = timer_create(record, 3, 0);
+    EXPECT_EQ(timer_gettimeout(), -1);
+    timer_set(a, 100);
+    timer_set(b, 300);
+    timer_set(c, 200);
+    EXPECT_THAT(deltas(), ElementsAre(100, 100, 100));
+    EXPECT_EQ(timer_gettimeout(), 100);
+    clock_ms += 50;
+    EXPECT_EQ(timer_gettimeout(), 50);
+    EXPECT_THAT(pass(), IsEmpty());
+    clock_ms += 1;
+    EXPECT_EQ(timer_gettimeout(), 0);
+    EXPECT_THAT(pass(), ElementsAre(1));
+    clock_ms += 1000;
+    EXPECT_THAT(pass(), ElementsAre(3, 2));
+    timer_set(a, 30);
+    EXPECT_EQ(timer_gettimeout(), 0);
+    EXPECT_THAT(pass(), ElementsAre(1));
+    for (timerHandle t : {a, b, c}) {
+        EXPECT_EQ(timer_ticking(t), 0);
+        EXPECT_EQ(timer_delete(t), 0);
+    }
+}
+
+TEST_F(Timer, SameMomentFiresLastSetFirstAndSettingAgainRestarts) {
+    timerHandle a = timer_create(record, 1, 0), b = timer_create(record, 2, 0);
+    timer_set(a, 100);
+    timer_set(b, 100);
+    timer_set(b, 100);
+    EXPECT_THAT(deltas(), ElementsAre(100, 0));
+    clock_ms += 90;
+    timer_set(a, 200);
+    EXPECT_THAT(deltas(), ElementsAre(0, 200));
+    EXPECT_THAT(pass(), ElementsAre(2));
+    clock_ms += 200;
+    EXPECT_THAT(pass(), ElementsAre(1));
+    timer_delete(a);
+    timer_delete(b);
+}
+
+TEST_F(Timer, HandlesAreValidatedEverywhere) {
+    timerHandle t = timer_create(record, 1, 0);
+    EXPECT_EQ(timer_cancelx(t), -1);
+    EXPECT_EQ(timer_cancel(t), 0);
+    timer_set(t, 500);
+    EXPECT_EQ(timer_modhandler(t, nullptr), -1);
+    EXPECT_EQ(t->handler, record);
+    EXPECT_EQ(timer_cancelx(t), 0);
+    EXPECT_EQ(timer_modhandler(t, nullptr), 0);
+    timer_set(t, 0);
+    EXPECT_THAT(pass(), IsEmpty()) << "no handler, nothing to call";
+
+    timer copy = *t;
+    EXPECT_EQ(timer_delete(t), 0);
+    copy.magicTail = ~TIMER_MAGIC_TAIL;
+    for (timerHandle bad : {static_cast<timerHandle>(nullptr), &copy}) {
+        EXPECT_EQ(timer_set(bad, 1), -1);
+        EXPECT_EQ(timer_cancel(bad), -1);
+        EXPECT_EQ(timer_cancelx(bad), -1);
+        EXPECT_EQ(timer_delete(bad), -1);
+        for (auto body : {std::function<int()>([&] { return timer_ticking(bad); }),
+                          std::function<int()>([&] { return timer_modhandler(bad, record); })}) {
+            support::Ending ending = support::in_child(body);
+            EXPECT_FALSE(ending.exited);
+            EXPECT_EQ(ending.status, SIGABRT);
+        }
+    }
+    EXPECT_EQ(support::in_child([] {
+                  timer_setulh(nullptr, 0, nullptr);
+                  return 0;
+              }).status,
+              SIGABRT);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(Timer, DeletionMarksTheRecord) {
+    timerHandle t = timer_create(record, 1, 0);
+    timer_delete(t);
+    asm volatile("" : "+r"(t));
+    EXPECT_EQ(timer_set(t, 1), -1) << "the freed record is not a timer";
+}
+#endif
+
+TEST_F(Timer, HandlersMaySetCancelAndDeleteAnyTimer) {
+    timerHandle self = timer_create(record, 1, 0), other = timer_create(record, 2, 0);
+    timerHandle periodic = timer_create_periodic(record, 3, 0);
+    timer_set(self, 100);
+    timer_set(other, 110);
+    timer_set(periodic, 120);
+    clock_ms += 120;
+    on_fire = [&](int id) {
+        if (id == 1) {
+            EXPECT_EQ(timer_cancelx(other), 0);
+            EXPECT_EQ(timer_delete(self), 0);
+        }
+        if (id == 3) {
+            EXPECT_EQ(timer_ticking(periodic), 1) << "a periodic timer is armed in its own handler";
+        }
+    };
+    EXPECT_THAT(pass(), ElementsAre(1, 3));
+    EXPECT_THAT(deltas(), ElementsAre(120));
+    clock_ms += 150;
+    on_fire = [&](int) { timer_delete(periodic); };
+    EXPECT_THAT(pass(), ElementsAre(3));
+    EXPECT_EQ(timer_gethead(), nullptr);
+    timer_delete(other);
+}
+
+void wrapper(timerHandle, uintptr_t ulh, timerHandler handler, uintptr_t arg1, uintptr_t arg2) {
+    fired.push_back(static_cast<int>(ulh));
+    handler(arg1 + 1, arg2);
+}
+
+TEST_F(Timer, WrapperStandsInForTheHandlerWithTheTimersContext) {
+    unsigned char mine[32] = {1}, theirs[32] = {2}, seen[32];
+    ep_context(theirs, nullptr);
+    timerHandle t = timer_create(record, 10, 0);
+    timer_setulh(t, 99, wrapper);
+    timer_set(t, 0);
+    ep_context(mine, nullptr);
+    on_fire = [&](int) { ep_context(nullptr, seen); };
+    EXPECT_THAT(pass(), ElementsAre(99, 11));
+    EXPECT_EQ(seen[0], 2);
+    ep_context(nullptr, seen);
+    EXPECT_EQ(seen[0], 1);
+    timer_set(t, 0);
+    on_fire = [&](int) { ep_context(nullptr, seen); };
+    pass();
+    EXPECT_EQ(seen[0], 1) << "setting a timer takes on the setter's context";
+    timer_delete(t);
+}
+
+// What the chain must hold, told by times since the last refresh instead of by differences.
+struct Model {
+    struct Entry {
+        timer *handle;
+        uint32_t at, expiry;
+    };
+    std::vector<Entry> entries;
+
+    void refresh(uint32_t now) {
+        if (entries.empty())
+            return;
+        auto left = static_cast<int32_t>(entries[0].expiry - now);
+        uint32_t shift = (left <= 49 ? 0u : static_cast<uint32_t>(left)) - entries[0].at;
+        for (Entry &entry : entries)
+            entry.at += shift;
+    }
+    void insert(timer *t, uint32_t ms, uint32_t now) {
+        auto place =
+            std::find_if(entries.begin(), entries.end(), [&](Entry &e) { return e.at >= ms; });
+        entries.insert(place, {t, ms, now + ms});
+    }
+    bool remove(timer *t) {
+        auto place =
+            std::find_if(entries.begin(), entries.end(), [&](Entry &e) { return e.handle == t; });
+        if (place == entries.end())
+            return false;
+        entries.erase(place);
+        return true;
+    }
+};
+
+TEST_F(Timer, AgreesWithAModelOverTenThousandOperationsAcrossTheWrap) {
+    constexpr int kTimers = 24;
+    std::mt19937 random(7);
+    clock_ms = 0xFFFFFFFFull - 60000;
+    timer *timers[kTimers];
+    for (int i = 0; i < kTimers; ++i)
+        timers[i] = i % 4 == 0 ? timer_create_periodic(record, static_cast<uintptr_t>(i), 0)
+                               : timer_create(record, static_cast<uintptr_t>(i), 0);
+    Model model;
+    for (int step = 0; step < 10000; ++step) {
+        auto i = static_cast<int>(random() % kTimers);
+        timer *t = timers[i];
+        auto now = static_cast<uint32_t>(clock_ms);
+        switch (random() % 6) {
+            case 0:
+            case 1: {
+                auto ms =
+                    static_cast<uint32_t>(i % 4 == 0 ? 50 + random() % 1000 : random() % 1500);
+                model.refresh(now);
+                if (model.remove(t))
+                    model.refresh(now);
+                model.insert(t, ms, now);
+                ASSERT_EQ(timer_set(t, ms), 0);
+                break;
+            }
+            case 2: {
+                bool armed = timer_ticking(t) == 1;
+                if (armed)
+                    model.refresh(now);
+                ASSERT_EQ(model.remove(t), armed);
+                ASSERT_EQ(random() % 2 == 0 ? (timer_cancel(t), armed ? 0 : -1) : timer_cancelx(t),
+                          armed ? 0 : -1);
+                break;
+            }
+            case 3: {
+                model.refresh(now);
+                int expected = model.entries.empty() ? -1 : static_cast<int>(model.entries[0].at);
+                ASSERT_EQ(timer_gettimeout(), expected);
+                break;
+            }
+            case 4: {
+                std::vector<int> expected;
+                for (model.refresh(now); !model.entries.empty() && model.entries[0].at == 0;
+                     model.refresh(now)) {
+                    Model::Entry due = model.entries[0];
+                    ASSERT_LE(static_cast<int32_t>(due.expiry - now), 49);
+                    model.entries.erase(model.entries.begin());
+                    auto id = static_cast<int>(due.handle->arg1);
+                    if (id % 4 == 0)
+                        model.insert(due.handle, due.handle->period, now);
+                    expected.push_back(id);
+                }
+                ASSERT_EQ(pass(), expected) << "step " << step;
+                break;
+            }
+            default:
+                clock_ms += random() % 160;
+        }
+        timer *found = timer_gethead();
+        uint32_t previous = 0;
+        for (Model::Entry &entry : model.entries) {
+            ASSERT_EQ(found, entry.handle) << "step " << step;
+            ASSERT_EQ(found->delta, entry.at - previous) << "step " << step;
+            ASSERT_EQ(found->expiry, entry.expiry);
+            previous = entry.at;
+            found = found->next;
+        }
+        ASSERT_EQ(found, nullptr);
+    }
+    ASSERT_GT(clock_ms, 0x100000000ull) << "the run passes the wrap of the 32-bit clock";
+    for (timer *t : timers)
+        EXPECT_EQ(timer_delete(t), 0);
+    EXPECT_EQ(timer_gettimeout(), -1);
+}
+
+TEST_F(Timer, CleanupDeletesArmedTimersOnly) {
+    timerHandle idle = timer_create(record, 0, 0);
+    for (uint32_t ms : {300u, 100u, 200u})
+        timer_set(timer_create(record, ms, 0), ms);
+    timer_cleanup();
+    EXPECT_EQ(timer_gethead(), nullptr);
+    EXPECT_EQ(timer_delete(idle), 0);
+}
+
+TEST_F(Timer, APassAllocatesNothing) {
+    timerHandle periodic = timer_create_periodic([](uintptr_t, uintptr_t) {}, 0, 0);
+    timer_set(periodic, 50);
+    int before = support::allocations;
+    for (int i = 0; i < 1000; ++i) {
+        clock_ms += 50;
+        timer_callback();
+        timer_gettimeout();
+    }
+    EXPECT_EQ(support::allocations - before, 0);
+}
+
+#ifdef UTILS_FAKE_HEAP
+TEST_F(Timer, CreationFailsWithoutMemory) {
+    support::refuse_after = 0;
+    timerHandle a = timer_create(record, 0, 0), b = timer_create_periodic(record, 0, 0);
+    support::refuse_after = -1;
+    EXPECT_EQ(a, nullptr);
+    EXPECT_EQ(b, nullptr);
+}
+#endif
+
+}  // namespace
