@@ -49,7 +49,8 @@ void ioss_loop_destroy(ioss_loop *loop);
 int ioss_watch(ioss_loop *loop, int descriptor, ioss_ready ready, void *arg);
 /** Stops watching @p descriptor; allowed inside a ready callback. */
 void ioss_unwatch(ioss_loop *loop, int descriptor);
-/** Lets the loop run its poll callbacks again; the wake function for timer_ioss_create(), with the loop as its word. */
+/** Lets the loop run its poll callbacks again; the wake function for timer_ioss_create(), with the
+ * loop as its word. */
 void ioss_wake(uintptr_t loop);
 /** Ends ioss_run() after its current round, or the next one at once when none runs. */
 void ioss_stop(ioss_loop *loop);

@@ -9,9 +9,10 @@
 
 UTILS_BEGIN_DECLS
 
-#define RASEVT_ASSERT_MESSAGE 0x0141000Du /**< a failed check; further argument: its message (text) */
-#define RASEVT_ASSERT 0x00410005u         /**< a failed ASSERT was reported */
-#define RASEVT_VERIFY 0x00410004u         /**< a failed VERIFY was reported */
+#define RASEVT_ASSERT_MESSAGE \
+    0x0141000Du                   /**< a failed check; further argument: its message (text) */
+#define RASEVT_ASSERT 0x00410005u /**< a failed ASSERT was reported */
+#define RASEVT_VERIFY 0x00410004u /**< a failed VERIFY was reported */
 
 /**
  * Logs one event. Safe to call from any thread at any time.
@@ -22,7 +23,8 @@ UTILS_BEGIN_DECLS
  * @param code     what happened; decides the further arguments
  * @return 0
  */
-int rasevt_log(const char *file, const char *function, int line, int reserved1, int reserved2, unsigned code, ...);
+int rasevt_log(const char *file, const char *function, int line, int reserved1, int reserved2,
+               unsigned code, ...);
 
 UTILS_END_DECLS
 

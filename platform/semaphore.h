@@ -13,8 +13,8 @@
 UTILS_BEGIN_DECLS
 
 typedef struct semaphore {
-    int32_t user;           /**< the library's word */
-    int32_t value;          /**< the rest is the platform's own state */
+    int32_t user;  /**< the library's word */
+    int32_t value; /**< the rest is the platform's own state */
     pthread_mutex_t lock;
     pthread_cond_t positive;
 } semaphore_t;
@@ -23,7 +23,8 @@ typedef struct semaphore {
 int semaphore_init(semaphore_t *sem);
 /** Waits until the value is positive, then lowers it. @return 0 */
 int semaphore_down(semaphore_t *sem);
-/** As semaphore_down(), giving up after @p ms milliseconds. @return 0, non-zero after the time-out */
+/** As semaphore_down(), giving up after @p ms milliseconds. @return 0, non-zero after the time-out
+ */
 int semaphore_down_to(semaphore_t *sem, int ms);
 /** Raises the value and wakes one waiter. @return 0 */
 int semaphore_up(semaphore_t *sem);
@@ -31,7 +32,8 @@ int semaphore_up(semaphore_t *sem);
 int semaphore_value(semaphore_t *sem);
 /** Sets the value to @p n, which may be negative. @return 0 */
 int semaphore_count(semaphore_t *sem, int n);
-/** Releases the object's resources, not its memory. @return 0, or non-zero while somebody uses it */
+/** Releases the object's resources, not its memory. @return 0, or non-zero while somebody uses it
+ */
 int semaphore_destroy(semaphore_t *sem);
 
 UTILS_END_DECLS

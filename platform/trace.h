@@ -25,8 +25,8 @@ UTILS_BEGIN_DECLS
  * @param platform_code the platform's code
  * @return 0, or non-zero on failure
  */
-int trace_data_init(int *handle, int kind, unsigned size, const char *name, int section, void **address,
-                    int platform_code);
+int trace_data_init(int *handle, int kind, unsigned size, const char *name, int section,
+                    void **address, int platform_code);
 
 /** Releases a section and its memory. @return 0, or non-zero for an unknown handle */
 int trace_module_cleanup(int handle);

@@ -11,14 +11,16 @@
 
 #ifdef __cplusplus
 #define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)") extern "C" {
-#define UTILS_END_DECLS } _Pragma("GCC visibility pop")
+#define UTILS_END_DECLS \
+    }                   \
+    _Pragma("GCC visibility pop")
 #else
 #define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)")
 #define UTILS_END_DECLS _Pragma("GCC visibility pop")
 #endif
 
-/** Lets the compiler check a printf-like call: position of the format, of the first value (0: a va_list). */
-#define UTILS_PRINTF(position, values) __attribute__((format(printf, position, values)))
+/** Lets the compiler check a printf-like call: position of the text, of the first value (0: a va_list). */
+#define UTILS_PRINTF(text, values) __attribute__((__format__(__printf__, text, values)))
 
 /** @name Results that several families share
  *  The negative numbers are negated errno values of the target's kernel. @{ */

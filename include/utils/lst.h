@@ -7,9 +7,9 @@
  * Every call accepts a null LIST and then does nothing.
  *
  * Threads: each call that takes a LIST locks it for its whole duration, except lstFree() and
- * lstShallowCopy(). A walk with lstNext(), lstPrevious() or lstNStep() takes no lock; guard it where
- * other threads change the list. To remove nodes while walking, fetch the next node first.
- * A node must not be on two lists; a null NODE is ignored where it would be linked.
+ * lstShallowCopy(). A walk with lstNext(), lstPrevious() or lstNStep() takes no lock; guard it
+ * where other threads change the list. To remove nodes while walking, fetch the next node first. A
+ * node must not be on two lists; a null NODE is ignored where it would be linked.
  */
 #ifndef UTILS_LST_H
 #define UTILS_LST_H
@@ -71,7 +71,8 @@ NODE *lstFirst(LIST *list);
 /** @return the last node, or null */
 NODE *lstLast(LIST *list);
 
-/** @return the node at @p position (from 1), or null when there is none; walks from the nearer end */
+/** @return the node at @p position (from 1), or null when there is none; walks from the nearer end
+ */
 NODE *lstNth(LIST *list, int position);
 
 /** @return the position of @p node (from 1), or -1 when it is not on the list */

@@ -20,8 +20,8 @@ typedef struct semaphore *semaHandle;
 #define SEMA_KIND_BINARY 0   /**< first word of a binary semaphore */
 #define SEMA_KIND_COUNTING 1 /**< first word of a counting semaphore */
 
-#define SEMA_EMPTY 0           /**< semaCreate(): binary, empty */
-#define SEMA_FULL 1            /**< semaCreate(): binary, available */
+#define SEMA_EMPTY 0             /**< semaCreate(): binary, empty */
+#define SEMA_FULL 1              /**< semaCreate(): binary, available */
 #define SEMA_COUNTING_EMPTY (-1) /**< semaCreate(): counting, value 0 */
 
 /**
@@ -31,7 +31,8 @@ typedef struct semaphore *semaHandle;
  */
 semaHandle semaCreate(int initial);
 
-/** Destroys and frees the semaphore. Nobody may wait on it. @return the platform's status, 0 on success */
+/** Destroys and frees the semaphore. Nobody may wait on it. @return the platform's status, 0 on
+ * success */
 int semaDelete(semaHandle sem);
 
 /** Raises the value by one and wakes one waiter. @return 0, or -1 when the platform refuses */

@@ -7,16 +7,16 @@
  * whose service thread (or I/O loop) does so under a mutex; never mix the two in one process.
  *
  * Times are milliseconds of the processor's time base, 32-bit unsigned, and wrap after 49 days. A
- * timer that falls due within 50 ms fires in the current pass; periodic timers need periods of 50 ms
- * or more, or the pass never ends. Periodic timers are re-armed from the start of a pass and so
+ * timer that falls due within 50 ms fires in the current pass; periodic timers need periods of 50
+ * ms or more, or the pass never ends. Periodic timers are re-armed from the start of a pass and so
  * drift by its lateness. Among timers due at the same moment the one set last fires first.
  *
  * A timer keeps the platform context of the thread that created or last set it; its handler runs
  * with that context installed. A handler may set, cancel and delete any timer, its own included.
  *
  * The C library has other functions named timer_create and timer_delete. This header includes
- * <time.h> first and maps both names to its own; a program that calls the POSIX functions does so in
- * an object that is not linked against this library.
+ * <time.h> first and maps both names to its own; a program that calls the POSIX functions does so
+ * in an object that is not linked against this library.
  *
  * Threads: none of these calls locks; all must come from one thread or be serialised by the caller.
  */
@@ -46,8 +46,8 @@ typedef struct timer *timerHandle;
 typedef void (*timerHandler)(uintptr_t arg1, uintptr_t arg2);
 
 /** Called instead of a timer's handler, when set with timer_setulh(). */
-typedef void (*timerWrapper)(timerHandle timer, uintptr_t ulhArg, timerHandler handler, uintptr_t arg1,
-                             uintptr_t arg2);
+typedef void (*timerWrapper)(timerHandle timer, uintptr_t ulhArg, timerHandler handler,
+                             uintptr_t arg1, uintptr_t arg2);
 
 /** A timer record; public for inspection in a debugger. The saved context follows it. */
 struct timer {

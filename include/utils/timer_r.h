@@ -1,6 +1,7 @@
 /**
  * @file timer_r.h
- * @brief Timers for threads: the engine of utils/timer.h behind one mutex, with a service that fires them.
+ * @brief Timers for threads: the engine of utils/timer.h behind one mutex, with a service that
+ * fires them.
  *
  * The service is a thread of the library, started by the first create, or the I/O subsystem of the
  * platform when the daemon already runs such a loop (timer_ioss_create()). A timer made with a
@@ -8,13 +9,13 @@
  * runs the handler; a timer without a queue has its handler called by the service, with the mutex
  * released, so that the handler may call anything of this family.
  *
- * The service treats broken locking and a lost expiry message (a full queue, above all) as fatal: it
- * prints "Assert failure: timer_r:<line>" on standard output and aborts. Give a queue room for every
- * timer that posts to it.
+ * The service treats broken locking and a lost expiry message (a full queue, above all) as fatal:
+ * it prints "Assert failure: timer_r:<line>" on standard output and aborts. Give a queue room for
+ * every timer that posts to it.
  *
- * Deleting or cancelling a timer does not wait for a handler that runs at that moment, and an expiry
- * message that waits in a queue stays there. After fork() the child has no service thread: it may
- * delete timers, not rely on them.
+ * Deleting or cancelling a timer does not wait for a handler that runs at that moment, and an
+ * expiry message that waits in a queue stays there. After fork() the child has no service thread:
+ * it may delete timers, not rely on them.
  *
  * Threads: every call may come from any thread; timer_flush_r() takes no lock. The mutex is taken
  * before a queue's own. Threads that use these calls must not be cancelled.
@@ -60,14 +61,18 @@ int timer_init_r(void);
 timerHandle timer_create_r(msgQHandle queue, timerHandler handler, uintptr_t arg1, uintptr_t arg2);
 
 /** As timer_create_r(), periodic. @return the timer, or null */
-timerHandle timer_create_periodic_r(msgQHandle queue, timerHandler handler, uintptr_t arg1, uintptr_t arg2);
+timerHandle timer_create_periodic_r(msgQHandle queue, timerHandler handler, uintptr_t arg1,
+                                    uintptr_t arg2);
 
-/** timer_create_periodic_r() when @p periodic is 1, otherwise timer_create_r(). @return the timer, or null */
+/** timer_create_periodic_r() when @p periodic is 1, otherwise timer_create_r(). @return the timer,
+ * or null */
 timerHandle createTimer(msgQHandle queue, uintptr_t ignored, timerHandler handler, uintptr_t arg1,
                         uintptr_t arg2, int periodic);
 
-/** As createTimer(), with a handler that is called directly. @return the timer, or null, also for a null handler */
-timerHandle createTimerCB(timerHandler handler, uintptr_t ignored, uintptr_t arg1, uintptr_t arg2, int periodic);
+/** As createTimer(), with a handler that is called directly. @return the timer, or null, also for a
+ * null handler */
+timerHandle createTimerCB(timerHandler handler, uintptr_t ignored, uintptr_t arg1, uintptr_t arg2,
+                          int periodic);
 
 /** As timer_set(); wakes the service when another timer now falls due first. @return 0 or -1 */
 int timer_set_r(timerHandle timer, uint32_t ms);

@@ -1,5 +1,6 @@
-/* Measures the rate of the PowerPC time base against the monotonic clock and writes the ticks of one
-   clock tick to standard output, as the system's tick file has them: one native 32-bit integer. */
+/* Measures the rate of the PowerPC time base against the monotonic clock and writes the ticks of
+   one clock tick to standard output, as the system's tick file has them: one native 32-bit integer.
+ */
 #include <stdint.h>
 #include <stdio.h>
 #include <time.h>

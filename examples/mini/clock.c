@@ -1,0 +1,16 @@
+/* Times an interval with the time base, and prints dates. */
+#include <stdio.h>
+#include <utils/clock.h>
+
+int main(void) {
+    perf_record record;
+    perf_init(&record);
+    perf_start(&record);
+    char *booted = dateBooted();
+    printf("up since %s", booted != NULL ? booted : "no one knows when\n");
+    char now[CLOCK_TIME_ROOM];
+    get_time(time(NULL), now);
+    uint32_t ms = perf_stop(&record);
+    printf("%s, tick %ld: that took %lu ms\n", now, (long)qel_times(), (unsigned long)ms);
+    return record.count == 1 ? 0 : 1;
+}

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the build into a prefix of its own and lets a newcomer's program use it: the first C program
+# of the README, once through pkg-config and once through find_package.
+set -euo pipefail
+source=$1 build=$2 prefix=/tmp/prefix
+cmake --install "$build" --prefix "$prefix" >/tmp/install.log || { cat /tmp/install.log; exit 1; }
+mkdir /tmp/first
+awk '/^```c$/ {on = 1; next} /^```$/ {if (on) exit} on' "$source/README.md" >/tmp/first/first.c
+[ "$(wc -l </tmp/first/first.c)" -ge 15 ] || { echo "install: no program in the README" >&2; exit 1; }
+
+library=$(dirname "$(find "$prefix" -name libutils.so)")
+export PKG_CONFIG_PATH=$library/pkgconfig
+# shellcheck disable=SC2046  # the flags are words
+cc -Wall -Werror -o /tmp/first/by-pkg-config /tmp/first/first.c $(pkg-config --cflags --libs libutils)
+LD_LIBRARY_PATH=$library /tmp/first/by-pkg-config
+
+cat >/tmp/first/CMakeLists.txt <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(first C)
+find_package(libutils 1.0 REQUIRED)
+add_executable(first first.c)
+target_link_libraries(first PRIVATE utils::utils)
+CMAKE
+cmake -S /tmp/first -B /tmp/first/build -DCMAKE_PREFIX_PATH="$prefix" >/tmp/install.log 2>&1 &&
+    cmake --build /tmp/first/build >>/tmp/install.log 2>&1 || { cat /tmp/install.log; exit 1; }
+/tmp/first/build/first
