@@ -152,7 +152,7 @@ TEST(Claf, NumbersBeginWithADigitAndEndAtASeparator) {
         std::unique_ptr<char, void (*)(void *)> exact(text ? strdup(text) : nullptr, free);
         int32_t number = -5;
         int16_t small = -5;
-        long value = good ? std::min(strtoll(text, nullptr, 0), 0x7fffffffLL) : -5;
+        long long value = good ? std::min(strtoll(text, nullptr, 0), 0x7fffffffLL) : -5;
         EXPECT_EQ(clafGetInt(exact.get(), &number), good ? 0 : 1);
         EXPECT_EQ(number, value);
         EXPECT_EQ(clafGetShort(exact.get(), &small), good ? 0 : 1);
