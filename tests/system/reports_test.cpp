@@ -42,8 +42,10 @@ TEST(Reports, StatisticsOfSeveralDaemonsNeverMix) {
         serviceStat_init(kCodes);
         std::string label = "D" + std::to_string(process);
         for (int run = 0; run < kRuns; ++run) {
-            for (int code = 0; code < kCodes; ++code)
+            for (int code = 0; code < kCodes; ++code) {
                 serviceStats[code].calls = run;
+                serviceStats[code].lowest_service_time = 0;
+            }
             serviceStat_stop(label.c_str(), names, 9);
         }
     }));
@@ -72,7 +74,8 @@ TEST(Reports, StatisticsOfSeveralDaemonsNeverMix) {
 
 TEST(Reports, RasEventsOfSeveralProcessesAreWholeLines) {
     ASSERT_TRUE(together([](int process) {
-        std::string text = std::string(200, static_cast<char>('a' + process)) + "\n";
+        std::string text(200, static_cast<char>('a' + process));
+        text += '\n';
         for (int run = 0; run < kRuns; ++run) {
             rasevt_log("file", "function", 12, 0, 0, RASEVT_ASSERT_MESSAGE, text.c_str());
             rasevt_log("file", nullptr, 13, 0, 0, RASEVT_VERIFY);
