@@ -44,7 +44,7 @@ std::string ipc_path() {
     return "/run/korin/" + std::to_string(own.node) + "." + std::to_string(own.switch_no) +
            ".target.ipc";
 }
-const std::string kCommandPath = "/run/korin/target.0.cmd";
+const char kCommandPath[] = "/run/korin/target.0.cmd";
 
 // Touches every byte that the block claims.
 int sum(void *reply, int code, void *message) {
@@ -73,7 +73,7 @@ void serve() {
     ipc_register(IPC_CODE_REDIRECT_OUTPUT, ipcCbQelDRedirectOutput);
     ipc_register(IPC_CODE_EXIT, ipcCbQelDExitHandler);
     dup2(open("/dev/null", O_WRONLY), 1);
-    unlink(kCommandPath.c_str());
+    unlink(kCommandPath);
     sockaddr_un name = path_of(kCommandPath);
     int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     if (bind(listener, reinterpret_cast<sockaddr *>(&name), sizeof name) != 0 ||
@@ -129,11 +129,7 @@ class Mutator {
 
 class Target : public support::Daemon {
   public:
-    Target() : Daemon("target", serve) {
-        EXPECT_TRUE(support::eventually([] {
-            return send_command(support::command_message({"ab", "c"})) == "2 3";
-        }));
-    }
+    Target() : Daemon("target", serve) { expect_serving(); }
 
     // One packet on a connection that is kept as long as the daemon keeps it; the answer's status.
     int32_t send_block(int code, const std::string &block) {
@@ -187,11 +183,7 @@ class Target : public support::Daemon {
 // Of the 100,000 each kind gets a third; under the emulator and the thread sanitizer there are
 // fewer.
 int mutations() {
-#ifdef __SANITIZE_THREAD__
-    return 3000;
-#else
-    return support::emulated() ? 2000 : 33334;
-#endif
+    return support::slow() ? 2000 : 33334;
 }
 
 TEST(Hostile, TruncatedAndMutatedCommandsLeaveTheDaemonServing) {

@@ -144,7 +144,7 @@ TEST(Ipc, OutputOfADaemonGoesToAFileATerminalAndAServer) {
 
 TEST(Ipc, ManyRequestsBySharedMemoryLeaveNoSegment) {
     Daemon daemon("testd", serve_everything);
-    int rounds = support::emulated() ? 2000 : 10000, result = 0;
+    int rounds = support::slow() ? 2000 : 10000, result = 0;
     for (int i = 0; i < rounds; ++i) {
         std::string data(2100 + static_cast<size_t>(i % 7000), static_cast<char>(i % 100));
         ASSERT_EQ(ask(kSum, data, result), data.size() * static_cast<size_t>(i % 100));
