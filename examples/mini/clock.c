@@ -1,13 +1,16 @@
-/* How long did it take, and when is now? */
+/* Times an interval with the time base, and prints dates. */
 #include <stdio.h>
 #include <utils/clock.h>
 
 int main(void) {
-    perf_record work;
-    perf_init(&work);
-    perf_start(&work);
-    char now[32];
+    perf_record record;
+    perf_init(&record);
+    perf_start(&record);
+    char *booted = dateBooted();
+    printf("up since %s", booted != NULL ? booted : "no one knows when\n");
+    char now[CLOCK_TIME_ROOM];
     get_time(time(NULL), now);
-    printf("%s: took %u ms, %d ticks since boot\n", now, perf_stop(&work), (int)qel_times());
-    return work.count == 1 ? 0 : 1;
+    uint32_t ms = perf_stop(&record);
+    printf("%s, tick %ld: that took %lu ms\n", now, (long)qel_times(), (unsigned long)ms);
+    return record.count == 1 ? 0 : 1;
 }

@@ -19,9 +19,8 @@
 #define UTILS_END_DECLS _Pragma("GCC visibility pop")
 #endif
 
-/** Lets the compiler check a printf-like call: position of the format, of the first value (0: a
- * va_list). */
-#define UTILS_PRINTF(format, values) __attribute__((format(printf, format, values)))
+/** Lets the compiler check a printf-like call: position of the text, of the first value (0: a va_list). */
+#define UTILS_PRINTF(text, values) __attribute__((__format__(__printf__, text, values)))
 
 /** @name Results that several families share
  *  The negative numbers are negated errno values of the target's kernel. @{ */

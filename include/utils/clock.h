@@ -37,22 +37,30 @@ typedef struct perf_record {
     uint32_t count; /**< number of intervals */
 } perf_record;
 
+#define CLOCK_TIME_ROOM 26    /**< room for the text of get_time(), its terminator included */
+#define CLOCK_MS_TIME_ROOM 32 /**< room for the text of get_ms_time(), its terminator included */
+
 /** @return 1 when @p x is non-zero, else 0 */
 int sysProbe(uintptr_t x);
 
 /** @return the date now as ctime() writes it, with its newline; static text */
 char *dateCurrent(void);
 
-/** @return the date of the last boot as ctime() writes it, or null when "/proc/uptime" cannot tell;
- * static text */
+/**
+ * @return the date of the last boot as ctime() writes it, or null when "/proc/uptime" cannot tell
+ * or says that the boot lies before the clock's beginning; static text
+ */
 char *dateBooted(void);
 
-/** @return the install date of the boot PROM package, empty when unknown, null when the query
- * cannot start; static text */
+/**
+ * Asks the package manager, through a shell.
+ * @return the first line of its answer about the boot PROM package, at most 199 characters with the
+ *         line end if there is one; empty when it answers nothing, null when the query cannot
+ * start; static text of its own
+ */
 char *dateBootProm(void);
 
-/** @return the install date of the firmware package, empty when unknown, null when the query cannot
- * start; static text */
+/** As dateBootProm(), about the firmware package; static text of its own. */
 char *dateFirmwareLoaded(void);
 
 /** @return the firmware version, "v3.2.0" for instance, or null when the platform has no release
@@ -60,9 +68,11 @@ char *dateFirmwareLoaded(void);
 char *getFirmwareVersion(void);
 
 /**
- * Sets the peer control processor's date from this one's, and lets it write its hardware clock.
- * @return the status of the last command run as system() gives it, or -1 when the second was not
- * run
+ * Sets the peer control processor's date from this one's, and lets it write its hardware clock. Two
+ * remote commands, through a shell, over the internal network: its addresses are set when the
+ * library is built (UTILS_NODE5_ADDRESS, 127.0.5.1 when not set, and UTILS_NODE6_ADDRESS,
+ * 127.0.6.1). The second is not run when system() answers -1 or 1 to the first.
+ * @return the status of the second command as system() gives it, or -1 when it was not run
  */
 int syncDateAndTime(void);
 
@@ -75,13 +85,19 @@ int msClock(void);
 /** Not ported; prints that. @return the print's result */
 int rtClock(void);
 
-/** Writes local time as "Jan 31 14:03:27" into @p text (26 bytes of room). @return its length */
+/**
+ * Writes local time as "Jan 31 14:03:27".
+ * @param seconds since 1970
+ * @param text room for CLOCK_TIME_ROOM characters
+ * @return its length; 0, with an empty text, for a time that no calendar has
+ */
 int get_time(time_t seconds, char *text);
 
 /**
- * As get_time(), then appends a point and three zeros: milliseconds are not shown.
+ * As get_time(), then appends a point and three zeros: for a valid number of microseconds no
+ * milliseconds are shown.
  * @param time seconds and microseconds
- * @param text at least 32 bytes of room
+ * @param text room for CLOCK_MS_TIME_ROOM characters
  * @return the length of what was appended
  */
 int get_ms_time(const struct timeval *time, char *text);

@@ -9,12 +9,17 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "internal/descriptor.h"
 #include "internal/ticks.h"
+#include "platform/release.h"
+#include "utils/identity.h"
 
 int32_t msec_per_jiffy = -1;
 int32_t tb_ticks_per_jiffy = 0;
@@ -30,6 +35,20 @@ namespace {
 constexpr const char *kTickFile = "/etc/korin/tb_ticks_per_jiffy";
 constexpr int32_t kDefaultTicksPerJiffy = 2000000;
 constexpr int32_t kResyncTicks = 12000;
+
+constexpr const char *kUptimeFile = "/proc/uptime";
+constexpr const char *kPromQuery =
+    "rpm -q --queryformat \"% {INSTALLTIME:date}\" --whatprovides prom";
+constexpr const char *kFirmwareQuery = "rpm -q --queryformat \"% {INSTALLTIME:date}\" korin";
+constexpr size_t kAnswerSize = 200;
+
+// The internal addresses of the control processors are configured when the library is built.
+constexpr const char *kSetNode5 =
+    "/usr/bin/rsh " UTILS_NODE5_ADDRESS " rdate -s " UTILS_NODE6_ADDRESS;
+constexpr const char *kSetNode6 =
+    "/usr/bin/rsh " UTILS_NODE6_ADDRESS " rdate -s " UTILS_NODE5_ADDRESS;
+constexpr const char *kStoreNode5 = "/usr/bin/rsh " UTILS_NODE5_ADDRESS " /sbin/hwclock -w";
+constexpr const char *kStoreNode6 = "/usr/bin/rsh " UTILS_NODE6_ADDRESS " /sbin/hwclock -w";
 
 int32_t saturated(int64_t value) {
     using Limits = std::numeric_limits<int32_t>;
@@ -65,14 +84,113 @@ uint32_t time_base_jiffies() {
     return static_cast<uint32_t>(time_base() / tick_divisor(tb_ticks_per_jiffy));
 }
 
+// The first line that `command` prints, cut to the room of `answer`; empty when it prints nothing.
+char *first_line_of(const char *command, char (&answer)[kAnswerSize]) {
+    memset(answer, 0, sizeof answer);
+    FILE *pipe = popen(command, "re");
+    if (pipe == nullptr)
+        return nullptr;
+    if (fgets(answer, sizeof answer, pipe) == nullptr)
+        answer[0] = '\0';
+    pclose(pipe);
+    return answer;
+}
+
 }  // namespace
 }  // namespace utils
+
+int sysProbe(uintptr_t x) {
+    return x != 0 ? 1 : 0;
+}
+
+char *dateCurrent(void) {
+    time_t now = time(nullptr);
+    return ctime(&now);
+}
+
+char *dateBooted(void) {
+    auto now = static_cast<double>(time(nullptr));
+    FILE *file = fopen(utils::kUptimeFile, "re");
+    if (file == nullptr)
+        return nullptr;
+    double up = 0;
+    double idle = 0;
+    int numbers = fscanf(file, "%lf %lf", &up, &idle);
+    fclose(file);
+    if (numbers < 2 || now < up)
+        return nullptr;
+    auto booted = static_cast<time_t>(now - up);
+    return ctime(&booted);
+}
+
+char *dateBootProm(void) {
+    static char answer[utils::kAnswerSize];
+    return utils::first_line_of(utils::kPromQuery, answer);
+}
+
+char *dateFirmwareLoaded(void) {
+    static char answer[utils::kAnswerSize];
+    return utils::first_line_of(utils::kFirmwareQuery, answer);
+}
+
+char *getFirmwareVersion(void) {
+    static char version[utils::kAnswerSize];
+    memset(version, 0, sizeof version);
+    version[0] = 'v';
+    release_info release{};
+    if (get_release_info(0, &release) != 0)
+        return nullptr;
+    const char *from = release.name;
+    const char *end = from + strnlen(release.name, sizeof release.name);
+    auto at = [&] { return static_cast<unsigned char>(*from); };
+    while (from < end && (isalpha(at()) != 0 || isspace(at()) != 0))
+        ++from;
+    for (size_t to = 1; to <= 197 && from < end && isgraph(at()) != 0; ++to, ++from)
+        version[to] = *from;
+    return version;
+}
+
+int syncDateAndTime(void) {
+    bool peer_is_5 = peerNode() == IDENTITY_NODE_A;
+    int status = system(peer_is_5 ? utils::kSetNode5 : utils::kSetNode6);
+    if (status == -1 || status == 1)
+        return -1;
+    return system(peer_is_5 ? utils::kStoreNode5 : utils::kStoreNode6);
+}
 
 uint32_t msSysClk(void) {
     timeval now{};
     gettimeofday(&now, nullptr);
     return static_cast<uint32_t>(static_cast<uint64_t>(now.tv_sec) * 1000 +
                                  static_cast<uint64_t>(now.tv_usec) / 1000);
+}
+
+int msClock(void) {
+    printf("Not ported. Use msSysClk() \n");
+    return 0;
+}
+
+int rtClock(void) {
+    return printf("rtClock() not ported\n");
+}
+
+int get_time(time_t seconds, char *text) {
+    if (text == nullptr)
+        return 0;
+    text[0] = '\0';
+    tm local{};
+    tzset();
+    if (localtime_r(&seconds, &local) == nullptr)
+        return 0;
+    return static_cast<int>(strftime(text, CLOCK_TIME_ROOM, "%b %d %H:%M:%S", &local));
+}
+
+int get_ms_time(const struct timeval *time, char *text) {
+    if (time == nullptr || text == nullptr)
+        return 0;
+    auto length = static_cast<size_t>(get_time(time->tv_sec, text));
+    return snprintf(text + length, CLOCK_MS_TIME_ROOM - length, ".%03ld",
+                    static_cast<long>(time->tv_usec / 1000000));
 }
 
 void perf_init(perf_record *record) {

@@ -1,0 +1,67 @@
+/**
+ * @file signals.h
+ * @brief Where core files land, and what a daemon does on the signals that end it.
+ *
+ * A daemon calls qel_sigdefaults() once at start-up. Its core files then go to a directory of its
+ * own under "/core_files", which is also its working directory. (The kernel writes them there when
+ * "/proc/sys/kernel/core_pattern" is a plain file name.)
+ *
+ * | signal         | number      | what happens                                             |
+ * |----------------|-------------|----------------------------------------------------------|
+ * | SIGINT         | 2           | report, cleanup callback, exit with status 2             |
+ * | SIGQUIT        | 3           | report, cleanup callback, exit with status 3             |
+ * | SIGPIPE        | 13          | report; the write that raised it fails with its error    |
+ * | SIGSTKFLT      | 16          | report, core file                                        |
+ * | SIGPROF        | 27          | report, core file                                        |
+ *
+ * Other faults keep the kernel's action.
+ *
+ * Threads: set up before other threads start. The handler runs on the thread that gets the signal and
+ * makes only async-signal-safe calls, but for the cleanup callback and exit().
+ */
+#ifndef UTILS_SIGNALS_H
+#define UTILS_SIGNALS_H
+
+#include <utils/base.h>
+
+UTILS_BEGIN_DECLS
+
+#define QEL_CORE_DIRECTORY "/core_files"  /**< directory of the core file directories */
+#define QEL_CORE_LIMIT 0x7FFFFFFF         /**< soft limit of the size of core files, in bytes */
+#define QEL_SIGNAL_DUMP_STKFLT 16         /**< SIGSTKFLT: forces a core file */
+#define QEL_SIGNAL_DUMP_PROF 27           /**< SIGPROF: forces a core file */
+
+/** A signal handler; gets the signal's number. */
+typedef void (*qel_handler)(int);
+
+/**
+ * Raises the core size limit and makes "/core_files/NAME" the working directory, creating it when
+ * it is missing.
+ * @param name the program's name, cut to 31 characters in messages; null counts as ""
+ * @return 0; the result of chdir() when that fails; when a limit cannot be read or set, the result
+ *         of the message about it (the working directory is unchanged then)
+ */
+int qel_coreenv_set(const char *name);
+
+/** Makes "/core_files" the working directory. @return the result of chdir() */
+int qel_pwddefault(void);
+
+/** Sets what runs once before a signal ends the process; null removes it. */
+void qel_sigcleanup_set(void (*cleanup)(void));
+
+/**
+ * Calls qel_coreenv_set(), then installs qel_sighandler() for the five signals of the table above.
+ * @param name the program's name
+ * @return the previous handler of signal 27, or SIG_ERR
+ */
+qel_handler qel_sigdefaults(const char *name);
+
+/**
+ * The handler: acts by signal number as the table above says; any other number, 0 too, is treated
+ * like SIGINT. A program may install it for further signals.
+ */
+void qel_sighandler(int signal);
+
+UTILS_END_DECLS
+
+#endif

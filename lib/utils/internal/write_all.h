@@ -1,0 +1,26 @@
+// Writing whole texts to descriptors.
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+
+namespace utils {
+
+// Writes `size` bytes, going on after interruptions and short writes; false when that fails.
+inline bool write_all(int fd, const void *bytes, size_t size) {
+    auto *from = static_cast<const char *>(bytes);
+    while (size > 0) {
+        ssize_t written = write(fd, from, size);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        from += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+}  // namespace utils

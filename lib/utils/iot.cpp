@@ -1,0 +1,172 @@
+// The I/O watch thread. `lock` guards the sets and the table, which daemon threads change and the
+// watch thread copies; it is held for copying only, never while the thread waits or calls a
+// handler. So a round sees whole sets: one that saw a set half rebuilt could wait for nothing, for
+// ever.
+#include "utils/iot.h"
+
+#include <pthread.h>
+#include <sys/select.h>
+
+#include <cerrno>
+#include <cstdarg>
+
+#include "internal/thread.h"
+
+#undef iot_notify
+
+static_assert(IOT_DESCRIPTOR_LIMIT == FD_SETSIZE && sizeof(fd_set) == IOT_DESCRIPTOR_LIMIT / 8);
+
+namespace utils {
+namespace {
+
+constexpr int kFree = -1;
+
+struct iot_entry {
+    int32_t descriptor = kFree;
+    iot_handler handler = nullptr;
+    uint32_t watch = 0;
+};
+
+struct WatchState {
+    fd_set watched{};
+    fd_set registered{};
+    pthread_t thread{};
+    int32_t highest = 0;
+    iot_entry table[IOT_ENTRIES_MAX];
+};
+
+Mutex lock;
+WatchState state UTILS_GUARDED_BY(lock);
+iot_notification notification UTILS_GUARDED_BY(lock) = nullptr;
+
+bool in_range(int descriptor) {
+    return descriptor >= 0 && descriptor < IOT_DESCRIPTOR_LIMIT;
+}
+
+void raise_highest(int descriptor) UTILS_REQUIRES(lock) {
+    if (descriptor > state.highest)
+        state.highest = descriptor;
+}
+
+void rebuild() UTILS_REQUIRES(lock) {
+    FD_ZERO(&state.watched);
+    state.highest = 0;
+    for (const iot_entry &entry : state.table) {
+        if (entry.watch == 0 || entry.descriptor == kFree)
+            continue;
+        FD_SET(entry.descriptor, &state.watched);
+        raise_highest(entry.descriptor);
+    }
+}
+
+// The descriptors to wait for. Returns the highest one.
+int copy_watched(fd_set &set) {
+    MutexLock hold(lock);
+    set = state.watched;
+    return state.highest;
+}
+
+iot_entry entry_at(int index) {
+    MutexLock hold(lock);
+    return state.table[index];
+}
+
+void *watch(void *) {
+    for (;;) {
+        fd_set ready;
+        int highest = copy_watched(ready);
+        if (select(highest + 1, &ready, nullptr, nullptr, nullptr) == -1) {
+            if (errno == EAGAIN || errno == EINTR)
+                continue;
+            return nullptr;
+        }
+        for (int i = 0; i < IOT_ENTRIES_MAX; ++i) {
+            iot_entry entry = entry_at(i);
+            if (entry.descriptor >= 0 && FD_ISSET(entry.descriptor, &ready) &&
+                entry.handler != nullptr)
+                entry.handler(entry.descriptor);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace utils
+
+using namespace utils;
+
+int iot_init(iot_notification function) {
+    MutexLock hold(lock);
+    state = WatchState{};
+    notification = function;
+    return 0;
+}
+
+int iot_start(void) {
+    MutexLock hold(lock);
+    if (pthread_create(&state.thread, nullptr, watch, nullptr) != 0)
+        return -1;
+    pthread_detach(state.thread);
+    return 0;
+}
+
+int iot_add(int descriptor, iot_handler handler, unsigned watch) {
+    if (!in_range(descriptor))
+        return -1;
+    MutexLock hold(lock);
+    for (iot_entry &entry : state.table) {
+        if (entry.descriptor != kFree)
+            continue;
+        FD_SET(descriptor, &state.registered);
+        raise_highest(descriptor);
+        entry = {descriptor, handler, watch};
+        if (watch != 0)
+            FD_SET(descriptor, &state.watched);
+        return 0;
+    }
+    return -1;
+}
+
+void iot_del(int descriptor) {
+    if (!in_range(descriptor))
+        return;
+    MutexLock hold(lock);
+    for (iot_entry &entry : state.table) {
+        if (entry.descriptor != descriptor)
+            continue;
+        FD_CLR(descriptor, &state.registered);
+        FD_CLR(descriptor, &state.watched);
+        entry.descriptor = kFree;
+        return;
+    }
+}
+
+void iot_notify(int kind, ...) {
+    if (kind == IOT_NOTIFY_FORWARD) {
+        iot_notification function;
+        {
+            MutexLock hold(lock);
+            function = notification;
+        }
+        if (function == nullptr)
+            return;
+        uintptr_t words[7];
+        va_list arguments;
+        va_start(arguments, kind);
+        for (uintptr_t &word : words)
+            word = va_arg(arguments, uintptr_t);
+        va_end(arguments);
+        function(kind, words[0], words[1], words[2], words[3], words[4], words[5], words[6]);
+        return;
+    }
+    MutexLock hold(lock);
+    if (kind == IOT_NOTIFY_REBUILD)
+        rebuild();
+    else if (kind == IOT_NOTIFY_WATCH_ALL)
+        state.watched = state.registered;
+}
+
+void iot_exit(void) {
+    MutexLock hold(lock);
+    for (iot_entry &entry : state.table)
+        entry.descriptor = kFree;
+}

@@ -1,0 +1,217 @@
+// The log cache of the process: a ring of whole lines. One mutex guards the buffer and its
+// counters; stamps are made and failures printed outside of it. The buffer has one byte more than
+// its size, so that the two bytes which a copy takes behind the last line are always there, and are
+// zero.
+#include "utils/log_cache.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "internal/descriptor.h"
+#include "internal/thread.h"
+#include "internal/write_all.h"
+
+int32_t logCacheReqCode = 0;
+int32_t logCacheRespCode = 0;
+
+namespace utils {
+namespace {
+
+constexpr const char *kModule = "log_cache";
+constexpr size_t kStampSize = 64;
+
+// Between two starts at the beginning, [start, write) holds whole lines; `room` bytes behind them
+// are free, and the last byte of the buffer is never written.
+struct Cache {
+    char *start;
+    char *write;
+    int32_t size;
+    int32_t room;
+    int32_t wraps;
+    char path[128];
+};
+
+Mutex lock;
+Cache cache UTILS_GUARDED_BY(lock);
+std::atomic<bool> instantiated{false};
+
+int32_t clamped(int32_t size) {
+    if (size < LOG_CACHE_SIZE_DEFAULT)
+        return LOG_CACHE_SIZE_DEFAULT;
+    return size > LOG_CACHE_SIZE_MAX ? LOG_CACHE_SIZE_MAX : size;
+}
+
+void make_empty() UTILS_REQUIRES(lock) {
+    cache.write = cache.start;
+    cache.room = cache.size > 0 ? cache.size - 1 : 0;
+    cache.wraps = 0;
+}
+
+// False when memory runs out; the cache has no buffer then.
+bool make_buffer(int32_t size) UTILS_REQUIRES(lock) {
+    cache.start = static_cast<char *>(calloc(1, static_cast<size_t>(size) + 1));
+    cache.size = cache.start != nullptr ? size : 0;
+    make_empty();
+    return cache.start != nullptr;
+}
+
+int create(const char *name, int32_t size) {
+    MutexLock guard(lock);
+    if (!instantiated.load(std::memory_order_relaxed))
+        free(cache.start);  // of a resize before the first init
+    Cache before = cache;
+    if (!make_buffer(clamped(size))) {
+        // A cache that works goes on working.
+        if (instantiated.load(std::memory_order_relaxed))
+            cache = before;
+        return LOG_CACHE_NO_MEMORY;
+    }
+    snprintf(cache.path, sizeof cache.path, "/tmp/%s", name);
+    instantiated.store(true, std::memory_order_release);
+    return 0;
+}
+
+int reported(int result, int line) {
+    if (result == LOG_CACHE_NO_MEMORY)
+        printf("Insufficient system resources: %s - %d\n", kModule, line);
+    else if (result == LOG_CACHE_NOT_INSTANTIATED)
+        printf("Cache NOT Instantiated. Cannot dump cache\n");
+    return result;
+}
+
+// "HH:MM:SS tid "
+int make_stamp(char (&stamp)[kStampSize]) {
+    time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    return snprintf(stamp, sizeof stamp, "%02d:%02d:%02d %d ", local.tm_hour, local.tm_min,
+                    local.tm_sec, static_cast<int>(gettid()));
+}
+
+void store_line(const char *stamp, size_t stamp_length, const char *text, size_t text_length)
+    UTILS_REQUIRES(lock) {
+    if (cache.start == nullptr)
+        return;
+    auto total = static_cast<int32_t>(stamp_length + text_length);
+    if (total > cache.room) {
+        memset(cache.write, 0, static_cast<size_t>(cache.room));
+        ++cache.wraps;
+        cache.write = cache.start;
+        cache.room = cache.size - 1;
+    }
+    memcpy(cache.write, stamp, stamp_length);
+    memcpy(cache.write + stamp_length, text, text_length);
+    cache.write += total;
+    cache.room -= total;
+}
+
+// An empty file at `path`, or none: a planted link, symbolic or hard, is not written through.
+int open_plain_file(const char *path) {
+    Descriptor file(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_nlink != 1 || ftruncate(file.get(), 0) != 0)
+        return -1;
+    return file.release();
+}
+
+int dump_to_file() UTILS_REQUIRES(lock) {
+    if (!instantiated.load(std::memory_order_relaxed) || cache.start == nullptr)
+        return LOG_CACHE_NOT_INSTANTIATED;
+    Descriptor file(open_plain_file(cache.path));
+    if (!file)
+        return LOG_CACHE_NO_FILE;
+    auto room = static_cast<size_t>(cache.room);
+    if (cache.wraps > 0)
+        write_all(file.get(), cache.write, room);
+    write_all(file.get(), cache.start, static_cast<size_t>(cache.size) - room);
+    return 0;
+}
+
+int replace_buffer(int32_t size, int *dumped) {
+    MutexLock guard(lock);
+    *dumped = dump_to_file();
+    free(cache.start);
+    return make_buffer(clamped(size)) ? 0 : LOG_CACHE_NO_MEMORY;
+}
+
+int copy_lines(char *buf, int len) {
+    MutexLock guard(lock);
+    if (!instantiated.load(std::memory_order_relaxed) || cache.start == nullptr)
+        return LOG_CACHE_NOT_INSTANTIATED;
+    int n = cache.size - cache.room + 1;
+    if (buf == nullptr || n >= len)
+        return LOG_CACHE_TOO_SMALL;
+    memcpy(buf, cache.start, static_cast<size_t>(n));
+    buf[n] = '\n';
+    return n;
+}
+
+int dump_locked() {
+    MutexLock guard(lock);
+    return dump_to_file();
+}
+
+}  // namespace
+}  // namespace utils
+
+int log_cache_init(const char *name) {
+    if (name == nullptr)
+        abort();
+    return utils::reported(utils::create(name, LOG_CACHE_SIZE_DEFAULT), __LINE__);
+}
+
+void log_cache_write(const char *format, ...) {
+    if (!utils::instantiated.load(std::memory_order_acquire) || format == nullptr)
+        return;
+    char text[LOG_CACHE_LINE_MAX + 1];
+    va_list values;
+    va_start(values, format);
+    int length = vsnprintf(text, sizeof text, format, values);
+    va_end(values);
+    if (length > LOG_CACHE_LINE_MAX)
+        abort();
+    if (length >= 0)
+        log_cache_write_string(text);
+}
+
+void log_cache_write_string(const char *text) {
+    if (!utils::instantiated.load(std::memory_order_acquire) || text == nullptr)
+        return;
+    char stamp[utils::kStampSize];
+    auto stamp_length = static_cast<size_t>(utils::make_stamp(stamp));
+    size_t text_length = strlen(text);
+    if (stamp_length + text_length > LOG_CACHE_LINE_MAX)
+        abort();
+    utils::MutexLock guard(utils::lock);
+    utils::store_line(stamp, stamp_length, text, text_length);
+}
+
+int log_cache_dump(void) {
+    return utils::reported(utils::dump_locked(), __LINE__);
+}
+
+int log_cache_dump_buf(char *buf, int len) {
+    return utils::reported(utils::copy_lines(buf, len), __LINE__);
+}
+
+int log_cache_resize(int size) {
+    int dumped = 0;
+    int result = utils::replace_buffer(size, &dumped);
+    utils::reported(dumped, __LINE__);
+    return utils::reported(result, __LINE__);
+}
+
+int log_cache_reset(void) {
+    utils::MutexLock guard(utils::lock);
+    utils::make_empty();
+    return 0;
+}

@@ -1,0 +1,131 @@
+// Service statistics: the table of counters and its report. The file is shared between processes;
+// an exclusive flock covers the look whether it is empty, the heading and all rows. The table
+// itself belongs to the daemon and has no lock.
+#include "utils/service_stat.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "internal/descriptor.h"
+#include "internal/heap.h"
+#include "internal/ticks.h"
+
+static_assert(sizeof(serviceStat) == 48 && offsetof(serviceStat, lowest_service_time) == 16);
+static_assert(offsetof(serviceStat, calls) == 24 && offsetof(serviceStat, total_queue_time) == 36 &&
+              offsetof(serviceStat, queue_samples) == 44);
+
+serviceStat *serviceStats = nullptr;
+int32_t serviceStatIsOn = 0;
+
+namespace utils {
+namespace {
+
+int32_t record_count = 0;
+
+void switch_off() {
+    std::atomic_ref(serviceStatIsOn).store(0, std::memory_order_relaxed);
+}
+
+int32_t usable_records() {
+    return serviceStats != nullptr ? record_count : 0;
+}
+
+void clear_table(uint64_t lowest) {
+    for (int32_t i = 0; i < usable_records(); ++i) {
+        serviceStats[i] = serviceStat{};
+        serviceStats[i].lowest_service_time = lowest;
+    }
+}
+
+// The report, open for appending and locked, or null.
+FILE *open_report(const char *path) {
+    Descriptor file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
+    FILE *stream = file ? fdopen(file.get(), "a") : nullptr;
+    if (stream == nullptr)
+        return nullptr;
+    while (flock(file.get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
+    file.release();
+    return stream;
+}
+
+bool is_empty(FILE *stream) {
+    struct stat status {};
+    return fstat(fileno(stream), &status) == 0 && status.st_size == 0;
+}
+
+void write_heading(FILE *out, time_t now) {
+    char date[32] = "\n";
+    ctime_r(&now, date);
+    fprintf(out, "%40s%s%s%s\n\n", "", "SWITCH SERVICE REQUEST R",
+            "ESPONSE TIMES                       ", date);
+    fprintf(out, "%s%s%s%s", "=======================================+", "=======+=======+=======+",
+            "===================================+", "========================\n");
+    fprintf(out, "%s%s%s%s", "                 REQUEST                ", " CALLS   RJT/   Drop/   ",
+            "        Service Times (usec)        ", "   Queue Times (msec)   \n");
+    fprintf(out, "%s%s%s%s", "Service   Req Code                      ", "           BSY    Retry ",
+            "    Avg         High        Low     ", "    Avg         High    \n");
+    fprintf(out, "%s%s%s%s%s", "==========", "=============================+",
+            "=======+=======+=======+", "===================================+",
+            "========================\n");
+}
+
+void write_row(FILE *out, const char *label, const char *name, const serviceStat &stat) {
+    uint64_t ticks = tick_divisor(tb_ticks_p_usec);
+    auto calls = static_cast<uint64_t>(int64_t{stat.calls});
+    uint64_t average = calls != 0 ? stat.total_service_time / calls / ticks : 0;
+    uint64_t lowest = calls != 0 ? stat.lowest_service_time / ticks : 0;
+    uint32_t waited = stat.queue_samples != 0 ? stat.total_queue_time / stat.queue_samples : 0;
+    fprintf(out, "%-5s%-35s%8d%8d%8d", label != nullptr ? label : "", name != nullptr ? name : "",
+            stat.calls, stat.rejects, stat.drops);
+    fprintf(out, "%12d%12ld%12ld", static_cast<int>(average),
+            static_cast<long>(stat.highest_service_time / ticks), static_cast<long>(lowest));
+    fprintf(out, "%12d%12d\n", static_cast<int>(waited), stat.highest_queue_time);
+}
+
+}  // namespace
+}  // namespace utils
+
+int serviceStat_init(int count) {
+    utils::switch_off();
+    serviceStats = nullptr;
+    utils::record_count = count;
+    if (count <= 0)
+        return 0;
+    serviceStats =
+        static_cast<serviceStat *>(calloc(static_cast<size_t>(count), sizeof(serviceStat)));
+    if (serviceStats == nullptr)
+        return UTILS_ERROR;
+    utils::clear_table(SERVICE_STAT_UNSET);
+    return 0;
+}
+
+void serviceStat_stop(const char *label, const char *const names[], int switchNo) {
+    time_t now = time(nullptr);
+    utils::switch_off();
+    char path[256];
+    snprintf(path, sizeof path, SERVICE_STAT_FILE, switchNo);
+    FILE *report = utils::open_report(path);
+    if (report == nullptr) {
+        printf("\nfailed to open file %s\n", path);
+        utils::clear_table(0);
+        return;
+    }
+    if (utils::is_empty(report))
+        utils::write_heading(report, now);
+    for (int32_t i = 0; i < utils::usable_records(); ++i)
+        utils::write_row(report, label, names != nullptr ? names[i] : nullptr, serviceStats[i]);
+    fflush(report);
+    flock(fileno(report), LOCK_UN);
+    fclose(report);
+    utils::clear_table(SERVICE_STAT_UNSET);
+}

@@ -1,0 +1,394 @@
+// The remote command channel. The client frames a command line and relays the daemon's output
+// through a queue of chunks; the daemon's side checks the message byte for byte before it becomes
+// an argument vector. Each call owns what it allocates; there is no shared state and no lock.
+#include "utils/tnet_cmd.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+#include <cstring>
+
+#include "internal/big_endian.h"
+#include "internal/heap.h"
+#include "utils/daemon_ctl.h"
+#include "utils/identity.h"
+
+static_assert(offsetof(qelTnetCmdDesc, command) == sizeof(void *));
+static_assert(offsetof(qelTnetRedirArgs, kind) == 4 && offsetof(qelTnetRedirArgs, text) >= 12);
+
+namespace utils {
+namespace {
+
+constexpr size_t kWord = 4;
+constexpr int kDrainAttempts = 100;
+
+// ---- the message
+
+// The bytes that follow the length word, or 0 when they cannot be counted in it.
+size_t command_length(int argc, char **argv) {
+    size_t length = kWord * static_cast<size_t>(argc) + 2 * kWord;
+    for (int i = 0; i < argc; ++i)
+        length += strlen(argv[i]) + 1;
+    return length <= INT_MAX - kWord ? length : 0;
+}
+
+// Fills the message of `length` bytes and its length word. False when a text changed its length
+// meanwhile.
+bool frame_command(unsigned char *message, size_t length, int argc, char **argv) {
+    store_be32(message, static_cast<uint32_t>(length));
+    unsigned char *block = message + kWord;
+    unsigned char *word = block;
+    store_be32(word, static_cast<uint32_t>(argc));
+    size_t at = kWord * static_cast<size_t>(argc) + 2 * kWord;
+    for (int i = 0; i < argc; ++i) {
+        size_t size = strlen(argv[i]) + 1;
+        if (size > length - at)
+            return false;
+        store_be32(word += kWord, static_cast<uint32_t>(at));
+        memcpy(block + at, argv[i], size);
+        at += size;
+    }
+    store_be32(word + kWord, 0);
+    return at == length;
+}
+
+bool send_command(int socket, int argc, char **argv) {
+    size_t length = command_length(argc, argv);
+    if (length == 0)
+        return false;
+    size_t size = length + kWord;
+    HeapBlock<unsigned char> message(static_cast<unsigned char *>(malloc(size)));
+    return message && frame_command(message.get(), length, argc, argv) &&
+           send(socket, message.get(), size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+}
+
+// ---- the client's relay
+
+struct Chunk {
+    unsigned char data[QEL_TNET_CHUNK_SIZE];
+    int32_t held;
+    int32_t written;
+    Chunk *next;
+};
+
+// Output that waits to be written. The last chunk is empty and receives the next read.
+struct Queue {
+    Chunk *first;
+    Chunk *last;
+};
+
+bool holds_data(const Queue &queue) {
+    return queue.first->held > 0;
+}
+
+void free_queue(Queue &queue) {
+    while (queue.first != nullptr) {
+        Chunk *next = queue.first->next;
+        free(queue.first);
+        queue.first = next;
+    }
+}
+
+// Writes the rest of the first chunk and drops it when that is done. Returns the write's result.
+ssize_t write_first(Queue &queue, int out, bool &complete) {
+    Chunk *chunk = queue.first;
+    ssize_t n =
+        write(out, chunk->data + chunk->written, static_cast<size_t>(chunk->held - chunk->written));
+    complete = n == chunk->held - chunk->written;
+    if (complete) {
+        queue.first = chunk->next;
+        free(chunk);
+    } else if (n > 0) {
+        chunk->written += static_cast<int32_t>(n);
+    }
+    return n;
+}
+
+// Receives into the last chunk. False when the daemon has finished, or memory has.
+bool receive_chunk(Queue &queue, int socket) {
+    Chunk *chunk = queue.last;
+    auto *empty = allocate_zeroed<Chunk>();
+    if (empty == nullptr)
+        return false;
+    ssize_t n;
+    do {
+        n = recv(socket, chunk->data, sizeof chunk->data, 0);
+    } while (n < 0 && errno == EINTR);
+    if (n <= 0) {
+        free(empty);
+        return false;
+    }
+    chunk->held = static_cast<int32_t>(n);
+    chunk->next = empty;
+    queue.last = empty;
+    return true;
+}
+
+// Writes what the output takes without waiting. False for an error that will not pass.
+bool write_ready(Queue &queue, int out) {
+    bool complete = true;
+    while (complete && holds_data(queue)) {
+        ssize_t n = write_first(queue, out, complete);
+        if (n < 0 && errno == EINTR)
+            complete = true;
+        else if (n < 0 && errno != EAGAIN)
+            return false;
+    }
+    return true;
+}
+
+enum class Relay { finished, write_failed, select_failed };
+
+// Moves data until the daemon has finished. The output is waited for only while there is something
+// to write.
+Relay relay(Queue &queue, int socket, int out) {
+    for (;;) {
+        fd_set readable, writable;
+        FD_ZERO(&readable);
+        FD_ZERO(&writable);
+        FD_SET(socket, &readable);
+        if (holds_data(queue))
+            FD_SET(out, &writable);
+        int ready =
+            select((socket > out ? socket : out) + 1, &readable, &writable, nullptr, nullptr);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return Relay::select_failed;
+        if (FD_ISSET(socket, &readable) && !receive_chunk(queue, socket))
+            return Relay::finished;
+        if (FD_ISSET(out, &writable) && !write_ready(queue, out))
+            return Relay::write_failed;
+    }
+}
+
+// Writes the rest with the output's own flags; gives up after more than 100 attempts without
+// progress.
+void drain(Queue &queue, int out) {
+    int attempts = 0;
+    while (holds_data(queue) && attempts <= kDrainAttempts) {
+        bool complete;
+        ssize_t n = write_first(queue, out, complete);
+        if (complete)
+            attempts = 0;
+        else if (n == 0 || (n < 0 && errno == EINTR))
+            ++attempts;
+        else if (n < 0)
+            return;
+    }
+}
+
+bool selectable(int fd) {
+    return fd >= 0 && fd < FD_SETSIZE;
+}
+
+// ---- the daemon's side
+
+// Receives exactly `size` bytes with one call, as long as the connection or its time limit lasts.
+bool receive_exactly(int socket, void *to, size_t size) {
+    ssize_t n;
+    do {
+        n = recv(socket, to, size, MSG_WAITALL);
+    } while (n < 0 && errno == EINTR);
+    return n == static_cast<ssize_t>(size);
+}
+
+// Whether the offsets give texts that follow each other without a gap and fill the message.
+bool is_consistent(const unsigned char *block, uint32_t length) {
+    uint32_t argc = load_be32(block);
+    if (argc > (length - 2 * kWord) / kWord || load_be32(block + kWord + kWord * argc) != 0)
+        return false;
+    auto at = static_cast<uint32_t>(kWord * argc + 2 * kWord);
+    for (uint32_t i = 0; i < argc; ++i) {
+        if (load_be32(block + kWord + kWord * i) != at)
+            return false;
+        auto *end = static_cast<const unsigned char *>(memchr(block + at, '\0', length - at));
+        if (end == nullptr)
+            return false;
+        at = static_cast<uint32_t>(end - block) + 1;
+    }
+    return at == length;
+}
+
+// A received command: the bytes behind the length word, and the vector that points into them.
+struct Command {
+    unsigned char *block = nullptr;
+    char **argv = nullptr;
+    int argc = 0;
+
+    Command() = default;
+    ~Command() {
+        free(block);
+        free(argv);
+    }
+    Command(const Command &) = delete;
+    Command &operator=(const Command &) = delete;
+};
+
+bool receive_command(int socket, Command &command) {
+    unsigned char word[kWord];
+    if (!receive_exactly(socket, word, sizeof word))
+        return false;
+    uint32_t length = load_be32(word);
+    if (length < 2 * kWord || length > QEL_TNET_COMMAND_MAX)
+        return false;
+    command.block = static_cast<unsigned char *>(malloc(length));
+    if (command.block == nullptr || !receive_exactly(socket, command.block, length) ||
+        !is_consistent(command.block, length))
+        return false;
+    uint32_t argc = load_be32(command.block);
+    command.argc = static_cast<int>(argc);
+    command.argv = static_cast<char **>(calloc(argc + 1, sizeof *command.argv));
+    if (command.argv == nullptr)
+        return false;
+    for (uint32_t i = 0; i < argc; ++i) {
+        uint32_t offset = load_be32(command.block + kWord + kWord * i);
+        command.argv[i] = reinterpret_cast<char *>(command.block + offset);
+    }
+    return true;
+}
+
+// Holds SIGPIPE back from this thread, and takes one that arises meanwhile.
+class PipeSignalBlock {
+  public:
+    PipeSignalBlock() {
+        sigset_t pending;
+        sigpending(&pending);
+        was_pending_ = sigismember(&pending, SIGPIPE) == 1;
+        sigemptyset(&pipe_);
+        sigaddset(&pipe_, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
+    }
+    ~PipeSignalBlock() {
+        timespec no_wait{};
+        while (!was_pending_ && sigtimedwait(&pipe_, nullptr, &no_wait) == -1 && errno == EINTR) {
+        }
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    PipeSignalBlock(const PipeSignalBlock &) = delete;
+    PipeSignalBlock &operator=(const PipeSignalBlock &) = delete;
+
+  private:
+    bool was_pending_;
+    sigset_t pipe_;
+    sigset_t before_;
+};
+
+// Runs the command with a stream on a copy of the socket. Returns the text of an internal failure,
+// or null.
+const char *run_command(int socket, Command &command, qelTnetCommand function) {
+    int copy = dup(socket);
+    if (copy < 0)
+        return "qelTcmdCB: unable to dup socket!\n";
+    fcntl(copy, F_SETFD, FD_CLOEXEC);
+    FILE *out = fdopen(copy, "w");
+    if (out == nullptr) {
+        close(copy);
+        return "qelTcmdCB: unable to fdopen descriptor!\n";
+    }
+    function(command.argc, command.argv, out);
+    fclose(out);
+    return nullptr;
+}
+
+// ---- requests to daemons
+
+int redirect_to_file(const qelTnetCmdDesc &daemon, const qelTnetRedirArgs &args) {
+    printf("Redirecting instance%d stdout/err to file %s...\n", getMySwitch(), args.text);
+    int result = qelDRedirectOutput(args.text, daemon.daemon, daemon.code);
+    if (result >= 0)
+        return result;
+    fprintf(stderr, "\nFailed to send output to file %s\n", args.text);
+    return -1;
+}
+
+int redirect_to_terminal(const qelTnetCmdDesc &daemon, const qelTnetRedirArgs &args) {
+    char path[256] = {};
+    if (readlink("/proc/self/fd/0", path, sizeof path - 1) < 0) {
+        fprintf(stderr, "\nFailed to get current terminal\n");
+        return 0;
+    }
+    printf("Redirecting instance%d stdout/err to terminal %s...\n", args.instance, path);
+    int result = qelDRedirectOutput(path, daemon.daemon, daemon.code);
+    if (result < 0)
+        fprintf(stderr, "\nFailed to set tty\n");
+    return result;
+}
+
+int redirect_to_server(const qelTnetCmdDesc &daemon, const qelTnetRedirArgs &args) {
+    const char *host = args.text != nullptr ? args.text : "(null)";
+    int result = qelDRedirOutputToSocket(args.text, args.port, daemon.daemon, daemon.code);
+    if (result < 0)
+        fprintf(stderr, "Failed to redirect instance%d output to server(%s), port(%d)\n",
+                args.instance, host, args.port);
+    else
+        printf("Redirecting instance%d stdout/err to server(%s), port(%d) ...\n", args.instance,
+               host, args.port);
+    return result;
+}
+
+}  // namespace
+}  // namespace utils
+
+using namespace utils;
+
+void qelTnetCmd(int socket, int argc, char **argv, int out) {
+    if (!selectable(socket) || !selectable(out) || argc < 0 || (argv == nullptr && argc > 0))
+        return;
+    if (!send_command(socket, argc, argv))
+        return;
+    int flags = fcntl(out, F_GETFL);
+    if (flags == -1 || fcntl(out, F_SETFL, flags | O_NONBLOCK) == -1)
+        return;
+    auto *empty = allocate_zeroed<Chunk>();
+    Queue queue{empty, empty};
+    Relay end = empty != nullptr ? relay(queue, socket, out) : Relay::write_failed;
+    if (end == Relay::select_failed)
+        return;  // as it stands, queue and flags included
+    if (fcntl(out, F_SETFL, flags) != -1 && end == Relay::finished)
+        drain(queue, out);
+    free_queue(queue);
+}
+
+void qelTnetCmdCB(int socket, qelTnetCommand command) {
+    if (command == nullptr)
+        return;
+    PipeSignalBlock no_signal;
+    Command received;
+    if (!receive_command(socket, received))
+        return;
+    if (const char *error = run_command(socket, received, command); error != nullptr)
+        send(socket, error, strlen(error), MSG_NOSIGNAL);
+}
+
+void qelTnetCmdCBwrapper(int socket, qelTnetCmdDesc *descriptor) {
+    if (descriptor != nullptr)
+        qelTnetCmdCB(socket, descriptor->command);
+}
+
+int qelTnetCmdRedirHdlr(qelTnetCmdDesc *descriptor, void *args) {
+    if (descriptor == nullptr || args == nullptr)
+        return UTILS_EINVAL;
+    const auto &redirect = *static_cast<qelTnetRedirArgs *>(args);
+    if (redirect.kind == QELD_REDIRECT_SERVER)
+        return redirect_to_server(*descriptor, redirect);
+    if (redirect.kind != QELD_REDIRECT_PATH)
+        return UTILS_EINVAL;
+    return redirect.text != nullptr ? redirect_to_file(*descriptor, redirect)
+                                    : redirect_to_terminal(*descriptor, redirect);
+}
+
+int qelTnetCmdExitHdlr(qelTnetCmdDesc *descriptor, void *args) {
+    if (descriptor == nullptr || args == nullptr)
+        return UTILS_EINVAL;
+    int result = qelDExitRequest(descriptor->daemon, descriptor->code, *static_cast<int *>(args));
+    if (result < 0)
+        fprintf(stderr, "Failed to request daemon to exit\n");
+    return result;
+}

@@ -1,0 +1,145 @@
+// The packets between requesters and daemons, and the requester's side. A packet is a big-endian
+// code word followed by the message, in both directions; a requester connects anew for each
+// request. Results are 0 (or a descriptor), or a negated errno value.
+#pragma once
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "internal/big_endian.h"
+#include "internal/descriptor.h"
+#include "platform/ipc.h"
+
+namespace utils::ipc {
+
+constexpr const char *kDirectory = "/run/korin";
+constexpr uint32_t kCodeSize = 4;
+
+static_assert(offsetof(ipc_address, switch_no) == 2 && offsetof(ipc_address, name) == 4);
+
+inline int64_t monotonic_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// The socket's path, or false for a name that cannot be one.
+inline bool socket_path(const ipc_address &address, sockaddr_un &path) {
+    size_t length = strnlen(address.name, IPC_NAME_SIZE);
+    if (length == 0 || length == IPC_NAME_SIZE || memchr(address.name, '/', length) != nullptr)
+        return false;
+    path.sun_family = AF_UNIX;
+    snprintf(path.sun_path, sizeof path.sun_path, "%s/%u.%u.%s.ipc", kDirectory, address.node,
+             address.switch_no, address.name);
+    return true;
+}
+
+// A packet's two parts for sendmsg() and recvmsg().
+struct Packet {
+    unsigned char code[kCodeSize];
+    iovec parts[2];
+    msghdr header{};
+
+    Packet(int packet_code, void *data, size_t length) : parts{{code, kCodeSize}, {data, length}} {
+        utils::store_be32(code, static_cast<uint32_t>(packet_code));
+        header.msg_iov = parts;
+        header.msg_iovlen = 2;
+    }
+};
+
+inline int send_packet(int fd, int code, const void *data, size_t length, int flags) {
+    Packet packet(code, const_cast<void *>(data), length);
+    while (sendmsg(fd, &packet.header, MSG_NOSIGNAL | flags) < 0) {
+        if (errno != EINTR)
+            return -errno;
+    }
+    return 0;
+}
+
+// The end of a wait: a moment of the monotonic clock, or none.
+class WaitLimit {
+  public:
+    explicit WaitLimit(const uint32_t timeout[2]) : limited_(timeout != nullptr) {
+        if (limited_)
+            end_ms_ = monotonic_ms() + int64_t{timeout[0]} * 1000 + (timeout[1] + 999) / 1000;
+    }
+    int poll_ms() const {
+        if (!limited_)
+            return -1;
+        int64_t left = end_ms_ - monotonic_ms();
+        return left <= 0 ? 0 : left > 1000000000 ? 1000000000 : static_cast<int>(left);
+    }
+    // As a socket option; there, zero would mean no limit.
+    timeval socket_limit() const {
+        int ms = poll_ms();
+        if (ms < 0)
+            return timeval{};
+        return timeval{ms / 1000, ms == 0 ? 1 : ms % 1000 * 1000};
+    }
+
+  private:
+    bool limited_;
+    int64_t end_ms_ = 0;
+};
+
+// A connection to the daemon at `path`, or a negated errno value.
+inline int connect_to(const sockaddr_un &path, const WaitLimit &limit) {
+    Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!fd)
+        return -errno;
+    timeval wait = limit.socket_limit();
+    setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    while (connect(fd.get(), reinterpret_cast<const sockaddr *>(&path), sizeof path) != 0) {
+        if (errno == EAGAIN)
+            return -ETIMEDOUT;
+        if (errno != EINTR)
+            return -errno;
+    }
+    return fd.release();
+}
+
+inline int send_request(const ipc_address &address, int code, const void *data, uint32_t length,
+                        const WaitLimit &limit) {
+    sockaddr_un path{};
+    if (!socket_path(address, path) || (data == nullptr && length > 0))
+        return -EINVAL;
+    if (length > IPC_REQUEST_MAX)
+        return -EMSGSIZE;
+    Descriptor fd(connect_to(path, limit));
+    if (!fd)
+        return fd.get();
+    int result = send_packet(fd.get(), code, data, length, 0);
+    return result == 0 ? fd.release() : result;
+}
+
+inline int receive_reply(int fd, void *reply, uint32_t *length, const WaitLimit &limit) {
+    pollfd readable{fd, POLLIN, 0};
+    for (;;) {
+        int ready = poll(&readable, 1, limit.poll_ms());
+        if (ready == 0)
+            return -ETIMEDOUT;
+        if (ready > 0)
+            break;
+        if (errno != EINTR)
+            return -errno;
+    }
+    Packet packet(0, reply, *length);
+    ssize_t received = recvmsg(fd, &packet.header, MSG_DONTWAIT);
+    if (received < 0)
+        return -errno;
+    if (received < static_cast<ssize_t>(kCodeSize))
+        return -ECONNRESET;
+    *length = static_cast<uint32_t>(received) - kCodeSize;
+    return 0;
+}
+
+}  // namespace utils::ipc

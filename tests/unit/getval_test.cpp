@@ -1,0 +1,352 @@
+#include "utils/getval.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "support/support.h"
+
+#ifdef __powerpc__
+// The emulator has no old-style terminal requests: they are served from the terminal attributes.
+extern "C" int fake_ioctl(int fd, unsigned long request, void *record) __asm__("ioctl");
+extern "C" int fake_ioctl(int fd, unsigned long request, void *record) {
+    if (request != 0x40067408 && request != 0x80067409)
+        return static_cast<int>(syscall(SYS_ioctl, fd, request, record));
+    auto *erase = static_cast<unsigned char *>(record) + 2;
+    termios terminal{};
+    if (tcgetattr(fd, &terminal) != 0)
+        return -1;
+    if (request == 0x40067408) {
+        *erase = terminal.c_cc[VERASE];
+        return 0;
+    }
+    terminal.c_cc[VERASE] = *erase;
+    return tcsetattr(fd, TCSANOW, &terminal);
+}
+#endif
+
+namespace {
+
+// Answers prompts from `input`; gives what was printed and the call's result.
+std::string printed_by(getvalDesc desc, const std::string &input, int *result) {
+    support::write_file("/tmp/input", input);
+    EXPECT_NE(freopen("/tmp/input", "r", stdin), nullptr);
+    return support::captured(1, [&] { *result = getval("L", &desc); });
+}
+
+const std::string kRefused = "Input not acceptable, please re-enter\n";
+
+// A line of `length` equal characters; out of line, where the compiler does not misjudge the sizes.
+__attribute__((noinline)) std::string line_of(size_t length, char c) {
+    std::string line(length, c);
+    return line.append("\n");
+}
+
+// How a case ends: the result and the value's new content (for results of 0, the old one).
+struct NumberCase {
+    getvalDesc desc;
+    int32_t current;
+    std::string prompt, input, messages;  // messages, one for each line but the last
+    int result;
+    int32_t value;
+};
+
+std::string interleaved(const std::string &prompt, const std::string &messages) {
+    std::string all = prompt;
+    for (size_t at = 0; at < messages.size();) {
+        size_t end = messages.find('\n', at) + 1;
+        all += messages.substr(at, end - at) + prompt;
+        at = end;
+    }
+    return all;
+}
+
+TEST(GetVal, NumbersAreAskedForUntilTheyAreAcceptable) {
+    auto type = [](int code, int min, int max, int multiple = 1) {
+        return getvalDesc{code, nullptr, min, max, multiple};
+    };
+    const std::string range = "integer must be between -10 and 100 - please re-enter\n";
+    const std::string step = "integer must be a multiple of 5 - please re-enter\n";
+    const std::string hex_range = "integer must be between 0x0 and 0xff - please re-enter\n";
+    const std::string port_range = "port ID must be between 0x0 and 0xffffff - please re-enter\n";
+    const std::string key_range = "integer must be between 1 and 200 - please re-enter\n";
+    const std::string i = "L: (-10..100) [7] ", h = "L: (0x0..0xff) [0x1f] ",
+                      p = "L: (0x0..0xffffff) [10200] 0x", k = "L: (1..200) [40] ";
+    const NumberCase cases[] = {
+        {type(1, -10, 100), 7, i, "42\n", "", 1, 42},
+        {type(1, -10, 100), 7, i, "+5\n5-\n 5\n-\n--5\n1 2\n0x5\nx\n-5\n",
+         kRefused + kRefused + kRefused + kRefused + kRefused + kRefused + kRefused + kRefused, 1,
+         -5},
+        {type(1, -10, 100), 7, i, "101\n-11\n99999999999999999999\n4294967297\n100\n",
+         range + range + range + range, 1, 100},
+        {type(1, -10, 100, 5), 7, i, "12\n-7\n-5\n", step + step, 1, -5},
+        {type(1, -10, 100, 0), 7, i, "12\n", "", 1, 12},
+        {type(1, -10, 100, -1), 7, i, "12\n", "", 1, 12},
+        {type(1, -10, 100), 7, i, "7\n", "", 0, 7},
+        {type(1, -10, 100), 7, i, "\n", "", 0, 7},
+        {type(1, -10, 100), 7, i, "", "", 0, 7},
+        {type(1, -10, 100), 7, i, "x\n", kRefused, 0, 7},
+        {type(1, -10, 100), 7, i, "123", "", 1,
+         12},  // the end of the input costs the last character
+        {type(1, -10, 100), 7, i, "5", "", 0, 7},
+        {type(1, INT32_MIN, INT32_MAX, -1), 7, "L: (-2147483648..2147483647) [7] ", "-2147483648\n",
+         "", 1, INT32_MIN},
+        {type(2, 0, 255), 31, h, "0x2a\n", "", 1, 42},
+        {type(2, 0, 255), 31, h, "0X2A\n", "", 1, 42},
+        {type(2, 0, 255), 31, h, "42\n", "", 1, 42},
+        {type(2, 0, 255), 31, h, "010\n", "", 1, 8},
+        {type(2, 0, 255), 31, h, "31\n", "", 0, 31},
+        {type(2, 0, 255), 31, h,
+         "a\n2a\n-1\n0x2g\nx1\n256\n0x100\n0xffffffff\n0xfffffffff00000001\n3\n",
+         kRefused + kRefused + kRefused + kRefused + kRefused + hex_range + hex_range + hex_range +
+             hex_range,
+         1, 3},
+        {type(2, 0, 255, 16), 31, h, "0x11\n0x20\n",
+         "integer must be a multiple of 0x10 - please re-enter\n", 1, 32},
+        {type(2, -2, 5), 0, "L: (0xfffffffe..0x5) [0x0] ", "0xffffffff\n", "", 1, -1},
+        {type(7, 0, 0xffffff), 0x10200, p, "0x10100\n", "", 1, 0x10100},
+        {type(7, 0, 0xffffff), 0x10200, p, "10100\n", "", 1, 0x10100},
+        {type(7, 0, 0xffffff), 0x10200, p, "a\n1000000\n1g\n0a\n", kRefused + port_range + kRefused,
+         1, 10},
+        {type(7, 0, 0xffffff, 256), 0x10200, p, "10101\n10300\n",
+         "integer must be a multiple of 256 - please re-enter\n", 1, 0x10300},
+        {type(16, 1, 200), 40, k, "64\n201\n0\nx\n56\n",
+         "Invalid key length [64]. Must be 40, 56, or 128.\n" + key_range + key_range + kRefused, 1,
+         56},
+        {type(16, 1, 200, 5), 40, k, "128\n", "", 1, 128},
+        {type(16, 1, 200), 40, k, "40\n", "", 0, 40},
+        {type(3, 0, 0), 1, "L (true, t, false, f): [true] ", "yes\nTRUE\n", kRefused, 0, 1},
+        {type(3, 0, 0), 2, "L (true, t, false, f): [false] ", "T\n", "", 1, 1},
+        {type(3, 0, 0), 1, "L (true, t, false, f): [true] ", "f\n", "", 1, 0},
+        {type(3, 0, 0), 1, "L (true, t, false, f): [true] ", "False\n", "", 1, 0},
+        {type(4, 0, 0), 0, "L (yes, y, no, n): [no] ", "ye\ny \nY\n", kRefused + kRefused, 1, 1},
+        {type(4, 0, 0), 1, "L (yes, y, no, n): [yes] ", "n\n", "", 1, 0},
+        {type(4, 0, 0), 0, "L (yes, y, no, n): [no] ", "yes\n", "", 1, 1},
+        {type(4, 0, 0), 0, "L (yes, y, no, n): [no] ", "No\n", "", 0, 0},
+        {type(5, 0, 0), 0, "L (on, off): [off] ", "o\nt\nOn\n", kRefused + kRefused, 1, 1},
+        {type(5, 0, 0), 1, "L (on, off): [on] ", "oFF\n", "", 1, 0},
+        {type(1, -10, 100), 7, i, line_of(400, '1') + "6\n", range + range, 1, 6},
+        {type(1, -10, 100), 7, i, std::string("1\0\n\0\n6\n", 7), kRefused + kRefused, 1, 6},
+    };
+    for (const NumberCase &c : cases) {
+        SCOPED_TRACE(c.input);
+        int32_t value = c.current;
+        getvalDesc desc = c.desc;
+        desc.value = &value;
+        int result = -9;
+        EXPECT_EQ(printed_by(desc, c.input, &result), interleaved(c.prompt, c.messages));
+        EXPECT_EQ(result, c.result);
+        EXPECT_EQ(value, c.value);
+    }
+}
+
+TEST(GetVal, TextsAreAskedForUntilTheyAreAcceptable) {
+    const std::string size = "string size must be between 2 and 6 - please re-enter\n";
+    struct {
+        int type;
+        std::string input, messages;
+        int result;
+        const char *value;
+    } cases[] = {
+        {6, "  a b \n", "", 1, "  a b "},
+        {6, "a\n1234567\nab\tc\na\x7f\nabcdef\n", size + size + kRefused + kRefused, 1, "abcdef"},
+        {6, "old\n", "", 0, "old"},
+        {6, "\n", "", 0, "old"},
+        {6, "abc", size, 0, "old"},
+        {6, line_of(299, 'x') + "new\n", size, 1, "new"},
+        {6, line_of(298, 'x') + "new\n", size, 1, "new"},
+        {6, line_of(1000, 'x') + "new\n", size, 1, "new"},
+        {6, std::string("a\0b\nnew\n", 8), kRefused, 1, "new"},
+        {11, " \t a b\n", "", 1, "a b"},
+        {23, "\t a b\n", "", 1, "a b"},
+        {11, "   a\n\t \nnew\n", size + size, 1, "new"},
+        {22, "a b\n  word\n", kRefused, 1, "word"},
+        {22, "a b c d e\n new\n", size, 1, "new"},
+        {22, " old\n", "", 0, "old"},
+        {12,
+         "10.0.0.0\n10.0.0.255\n1.2.3.4x\n1.2.3\n255.1.1.1\n0.1.1.1\n1.256.1.1\n1.1.-1.1\n1.1.1.1 "
+         "\n10.0.0.254\n",
+         kRefused + kRefused + kRefused + kRefused + kRefused + kRefused + kRefused + kRefused +
+             kRefused,
+         1, "10.0.0.254"},
+        {13, "4294967297.1.1.1\n1.1.1.0\n1.1.1.1.1\n1.1.1.1\n", kRefused + kRefused + kRefused, 1,
+         "1.1.1.1"},
+        {15, "255.1.1.1\n1.1.1.256\n10.0.0.255\n", kRefused + kRefused, 1, "10.0.0.255"},
+        {15, "10.0.0.0\n", "", 1, "10.0.0.0"},
+        {12, "0.0.0.0\n", "", 1, "0.0.0.0"},
+        {15, "0.0.0.0\n", "", 1, "0.0.0.0"},
+        {12, "001.002.003. 004\n", "", 1, "001.002.003. 004"},
+        {12, "\n", "", 0, "old"},
+        {12, "1", kRefused, 0, "old"},
+        {13, std::string("1.1.1.1\0.1\n2.2.2.2\n", 19), kRefused, 1, "2.2.2.2"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::to_string(c.type) + c.input);
+        char value[GETVAL_IP_ROOM] = "old";
+        int result = -9;
+        EXPECT_EQ(printed_by({c.type, value, 2, 6, 1}, c.input, &result),
+                  interleaved("L: [old] ", c.messages));
+        EXPECT_EQ(result, c.result);
+        EXPECT_STREQ(value, c.value);
+    }
+}
+
+TEST(GetVal, WorldWideNamesAreStoredByteByByteEvenWhenEqual) {
+    struct {
+        std::string input;
+        int min, max;
+        std::string messages;
+        int result;
+        unsigned char last;
+    } cases[] = {{"10:00:00:60:69:80:0:ff\n", 0, 255, "", 1, 0xff},
+                 {"10:00:00:60:69:80:00:ab\n", 0, 255, "", 1, 0xab},
+                 {"10:00:00:60:69:80:00:A1:77zz\n", 0, 255, "", 1, 0xa1},
+                 {"10:00:00:60:69:80:00\n10-0\n10:00:00:60:69:80:00:a0\n10:00:00:60:69:80:00:9f\n",
+                  0, 0x9f, kRefused + kRefused + kRefused, 1, 0x9f},
+                 {"\n", 0, 255, "", 0, 0xab},
+                 {"10:00:00:60:69:80:00:-5\n", 0, 255, kRefused, 0, 0xab}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.input);
+        unsigned char name[8] = {0x10, 0, 0, 0x60, 0x69, 0x80, 0, 0xab};
+        int result = -9;
+        EXPECT_EQ(printed_by({GETVAL_WWN, name, c.min, c.max, 1}, c.input, &result),
+                  interleaved("L (in hex): [10:00:00:60:69:80:00:ab] ", c.messages));
+        EXPECT_EQ(result, c.result);
+        const unsigned char expected[8] = {0x10, 0, 0, 0x60, 0x69, 0x80, 0, c.last};
+        EXPECT_EQ(memcmp(name, expected, sizeof name), 0);
+    }
+}
+
+TEST(GetVal, BadArgumentsReservedTypesAndTheEndOfTheInputAskNothing) {
+    int32_t value = 3;
+    int result = 0;
+    getvalDesc desc{GETVAL_INT, &value, 0, 9, 1};
+    EXPECT_EQ(printed_by({GETVAL_INT, nullptr, 0, 9, 1}, "4\n", &result), "");
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(printed_by({GETVAL_INT, &value, 1, 0, 1}, "4\n", &result), "");
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(getval(nullptr, &desc), -1);
+    EXPECT_EQ(getval("L", nullptr), -1);
+    for (int type : {INT32_MIN, -1, 0, 8, 9, 10, 14, 17, 18, 19, 20, 24, INT32_MAX}) {
+        EXPECT_EQ(printed_by({type, &value, 0, 9, 1}, "4\n", &result), "");
+        EXPECT_EQ(result, 0);
+    }
+    printed_by(desc, "", &result);
+    ASSERT_TRUE(feof(stdin));
+    EXPECT_EQ(support::captured(1, [&] { EXPECT_EQ(getval("L", &desc), 0); }), "");
+    EXPECT_EQ(value, 3);
+}
+
+// A getval() in a child process behind a pseudo-terminal, without echo so that all output is the
+// call's.
+class Terminal {
+  public:
+    explicit Terminal(const std::function<int()> &body) : master_(posix_openpt(O_RDWR | O_NOCTTY)) {
+        EXPECT_EQ(grantpt(master_), 0);
+        EXPECT_EQ(unlockpt(master_), 0);
+        slave_ = open(ptsname(master_), O_RDWR | O_NOCTTY);
+        termios terminal = attributes();
+        terminal.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        terminal.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+        terminal.c_cc[VERASE] = 0x7f;
+        EXPECT_EQ(tcsetattr(slave_, TCSANOW, &terminal), 0);
+        child_ = fork();
+        if (child_ != 0)
+            return;
+        dup2(slave_, 0);
+        dup2(slave_, 1);
+        clearerr(stdin);
+        int result = body();
+        fflush(stdout);
+        _exit(result);
+    }
+    ~Terminal() {
+        close(slave_);
+        close(master_);
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+
+    termios attributes() const {
+        termios terminal{};
+        EXPECT_EQ(tcgetattr(slave_, &terminal), 0);
+        return terminal;
+    }
+    // The output up to the length of `expected`, which it should be.
+    void shows(const std::string &expected) {
+        std::string seen;
+        pollfd output{master_, POLLIN, 0};
+        char c = 0;
+        while (seen.size() < expected.size() && poll(&output, 1, 10000) == 1 &&
+               read(master_, &c, 1) == 1)
+            seen += c;
+        EXPECT_EQ(seen, expected);
+    }
+    void type(const std::string &keys) {
+        EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+    int ending() {
+        int status = -1;
+        EXPECT_EQ(waitpid(child_, &status, 0), child_);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    int master_;
+    int slave_ = -1;
+    pid_t child_ = -1;
+};
+
+TEST(GetVal, TalksToATerminalAndMakesBackspaceItsEraseCharacter) {
+    ASSERT_NE(freopen("/dev/null", "r", stdin), nullptr);
+    Terminal terminal([] {
+        int32_t number = 7;
+        char text[7] = "old";
+        getvalDesc ask_number{GETVAL_INT, &number, 0, 100, 1},
+            ask_text{GETVAL_STRING, text, 1, 6, 1};
+        for (getvalDesc *ask : {&ask_number, &ask_number, &ask_text, &ask_number}) {
+            int result = getval(ask == &ask_text ? "name" : "port", ask);
+            printf("=%d %d %s\n", result, number, text);
+        }
+        return getval("port", &ask_number);
+    });
+    termios before = terminal.attributes();
+    terminal.shows("port: (0..100) [7] ");
+    EXPECT_EQ(terminal.attributes().c_cc[VERASE], 0x08);
+    terminal.type("1234\n");
+    terminal.shows("integer must be between 0 and 100 - please re-enter\nport: (0..100) [7] ");
+    terminal.type("9x\b\b12\n");
+    terminal.shows("=1 12 old\nport: (0..100) [12] ");
+    terminal.type("\n");
+    terminal.shows("=0 12 old\nname: [old] ");
+    terminal.type(line_of(500, 'x'));
+    terminal.shows("string size must be between 1 and 6 - please re-enter\nname: [old] ");
+    terminal.type("new\n");
+    terminal.shows("=1 12 new\nport: (0..100) [12] ");
+    terminal.type("\4");  // the end of the input, which stays
+    terminal.shows("=0 12 new\n");
+    EXPECT_EQ(terminal.ending(), 0);
+    termios after = terminal.attributes();
+    before.c_cc[VERASE] = 0x08;
+    EXPECT_EQ(memcmp(before.c_cc, after.c_cc, sizeof after.c_cc), 0);
+    EXPECT_EQ(before.c_lflag, after.c_lflag);
+}
+
+TEST(GetVal, ReservedTypesSetTheEraseCharacterToo) {
+    ASSERT_NE(freopen("/dev/null", "r", stdin), nullptr);
+    Terminal terminal([] {
+        int32_t number = 7;
+        getvalDesc desc{9, &number, 0, 100, 1};
+        return getval("port", &desc);
+    });
+    EXPECT_EQ(terminal.ending(), 0);
+    EXPECT_EQ(terminal.attributes().c_cc[VERASE], 0x08);
+}
+
+}  // namespace
