@@ -130,8 +130,8 @@ bool has_hex_prefix(const Line &line) {
 bool all_of(const Line &line, size_t from, int (*is_class)(int)) {
     if (line.length == 1 && isdigit(static_cast<unsigned char>(line.text[0])) == 0)
         return false;
-    for (char c : line.view().substr(from)) {
-        if (is_class(static_cast<unsigned char>(c)) == 0)
+    for (size_t i = from; i < line.length; ++i) {
+        if (is_class(static_cast<unsigned char>(line.text[i])) == 0)
             return false;
     }
     return true;
