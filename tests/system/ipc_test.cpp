@@ -1,271 +1,480 @@
 // Requesters and daemons as separate processes: the IPC stand-in, argument blocks, redirection and
-// exit, with real files, terminals and servers.
-#include <arpa/inet.h>
-#include <poll.h>
+// exit, with real files, terminals and servers, and whatever arrives: the daemon goes on serving,
+// and at the end it exits without a complaint of the sanitizers.
+#include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstring>
+#include <random>
 #include <thread>
+#include <tuple>
 
 #include "internal/big_endian.h"
-#include "support/daemon.h"
+#include "platform/ipc.h"
 #include "support/wire.h"
 #include "utils/daemon_ctl.h"
+#include "utils/identity.h"
 #include "utils/ipc_args.h"
+#include "utils/tnet_cmd.h"
 
 namespace {
 
-using support::Daemon;
+using support::eventually;
+using support::inline_block;
+using support::words;
 
-enum Code { kSum = 1, kPoke, kDie, kShort, kNothing, kDefer, kRelease, kBlock, kIsNull, kUnknown };
+enum Code { kSum = 1, kPoke, kDie, kEcho, kNothing, kDefer, kRelease, kRecord, kUnknown };
 
+constexpr int kRedirect = IPC_CODE_REDIRECT_OUTPUT, kExit = IPC_CODE_EXIT;
 const uint32_t kLong[2] = {20, 0}, kBrief[2] = {0, 50000};
-ipc_address deferred;
+const std::string kCommands = "/run/korin/testd.0.cmd", kGood = inline_block(words({0xCAFEF00D}));
 
-qelIpcArgBlock *block_of(void *message) {
-    return reinterpret_cast<qelIpcArgBlock *>(static_cast<char *>(message) + 4);
+// Whether loops are to be cut down: each exchange costs much more here.
+bool slow() {
+#ifdef __SANITIZE_THREAD__
+    return true;
+#else
+    return support::emulated();
+#endif
 }
 
-int answer(void *to, int code, uint32_t word) {
-    return ipcSend(to, code, &word, sizeof word, nullptr);
+ipc_address testd() {
+    return {myNode(), static_cast<uint16_t>(getMySwitch()), "testd"};
 }
 
-// Adds up the payload's bytes.
-int sum(void *reply, int code, void *message) {
-    uint32_t total = 0;
-    if (qelIpcArgsDecode(block_of(message)) == 0) {
-        auto *bytes = static_cast<unsigned char *>(qelIpcArgsData(block_of(message)));
-        for (uint32_t i = 0; i < qelIpcArgsDataLength(block_of(message)); ++i)
-            total += bytes[i];
-    }
-    qelIpcArgsDestroy(block_of(message));
-    return answer(reply, code, total);
+int stream_at(const std::string &path, int type, int (*attach)(int, const sockaddr *, socklen_t)) {
+    sockaddr_un name{AF_UNIX, {}};
+    path.copy(name.sun_path, sizeof name.sun_path - 1);
+    int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    EXPECT_TRUE(eventually([&] {
+        return attach(fd, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
+    })) << path;
+    return fd;
 }
 
-int poke(void *reply, int code, void *) {
-    bool both = write(1, "out\n", 4) == 4 && write(2, "err\n", 4) == 4;
-    return answer(reply, code, both);
+int packets_to_daemon() {
+    return stream_at("/run/korin/" + std::to_string(myNode()) + "." +
+                         std::to_string(getMySwitch()) + ".testd.ipc",
+                     SOCK_SEQPACKET, connect);
 }
 
-int reply_block(void *reply, int code, void *) {
-    std::string block = support::inline_block(support::word(0xCAFEF00D));
-    return ipcSend(reply, code, block.data(), static_cast<uint32_t>(block.size()), nullptr);
+int answer(void *to, int code, const std::string &data) {
+    return ipcSend(to, code, data.data(), static_cast<uint32_t>(data.size()), nullptr);
 }
 
-int defer(void *reply, int, void *) {
-    deferred = *static_cast<ipc_address *>(reply);
-    return 0;
+std::string native(int32_t word) {
+    return {reinterpret_cast<char *>(&word), sizeof word};
 }
 
-int release(void *reply, int code, void *) {
-    reply_block(&deferred, code, nullptr);
-    return reply_block(reply, code, nullptr);
+// The payload of a request, or its status.
+std::string received(void *message) {
+    auto *block = reinterpret_cast<qelIpcArgBlock *>(static_cast<char *>(message) + 4);
+    qelIpcArgsReceived(block);
+    if (int status = qelIpcArgsDecode(block); status != 0)
+        return std::to_string(status);
+    std::string data(static_cast<char *>(qelIpcArgsData(block)), qelIpcArgsDataLength(block));
+    qelIpcArgsDestroy(block);
+    return data;
 }
 
 void serve_everything() {
-    ipc_register(IPC_CODE_REDIRECT_OUTPUT, ipcCbQelDRedirectOutput);
-    ipc_register(IPC_CODE_EXIT, ipcCbQelDExitHandler);
-    ipc_register(kSum, sum);
-    ipc_register(kPoke, poke);
-    ipc_register(kBlock, reply_block);
-    ipc_register(kDefer, defer);
-    ipc_register(kRelease, release);
-    ipc_register(kDie, [](void *, int, void *) { return kill(getpid(), SIGKILL); });
-    ipc_register(kNothing, [](void *, int, void *) { return 0; });
-    ipc_register(kShort, [](void *to, int code, void *) {
-        return ipcSend(to, code, "0123456789", 10, nullptr);
+    static ipc_address deferred;
+    ipc_register(kRedirect, ipcCbQelDRedirectOutput);
+    ipc_register(kExit, ipcCbQelDExitHandler);
+    ipc_register(kSum, [](void *to, int code, void *message) {
+        int32_t total = 0;
+        for (char byte : received(message))
+            total += static_cast<unsigned char>(byte);
+        return answer(to, code, native(total));
     });
-    ipc_register(kIsNull,
-                 [](void *to, int code, void *m) { return answer(to, code, m == nullptr); });
+    ipc_register(kPoke, [](void *to, int code, void *) {
+        return answer(to, code, native(write(1, "out\n", 4) == 4 && write(2, "err\n", 4) == 4));
+    });
+    ipc_register(kDie, [](void *, int, void *) { return kill(getpid(), SIGKILL); });
+    ipc_register(kEcho, [](void *to, int code, void *m) { return answer(to, code, received(m)); });
+    ipc_register(kNothing, [](void *, int, void *) { return 0; });
+    ipc_register(kDefer, [](void *to, int, void *) {
+        deferred = *static_cast<ipc_address *>(to);
+        return 0;
+    });
+    ipc_register(kRelease, [](void *to, int code, void *) {
+        answer(&deferred, code, kGood);
+        return answer(to, code, kGood);
+    });
+    ipc_register(kRecord, [](void *to, int code, void *message) {
+        support::write_file("/tmp/request", received(message));
+        return answer(to, code, native(-11));
+    });
+    unlink(kCommands.c_str());
+    int listener = stream_at(kCommands, SOCK_STREAM, bind);
+    listen(listener, 128);
+    std::thread([listener] {
+        for (;;) {
+            std::thread([fd = accept(listener, nullptr, nullptr)] {
+                qelTnetCmdCB(fd, [](int argc, char **argv, FILE *out) {
+                    for (int i = 0; i < argc; ++i)
+                        fprintf(out, "%zu ", strlen(argv[i]));
+                    return fprintf(out, "%d", argc);
+                });
+                close(fd);
+            }).detach();
+        }
+    }).detach();
 }
 
-// Sends `data` and returns the answer's word; `result` is the exchange's.
-uint32_t ask(int code, const std::string &data, int &result, const uint32_t timeout[2] = kLong) {
-    ipc_address to = support::address_of("testd");
-    uint32_t word = 0, length = sizeof word;
-    result = qelIpcSendOne(&to, code, const_cast<char *>(data.data()),
-                           static_cast<uint32_t>(data.size()), &word, &length, timeout);
-    return word;
+// A daemon in a process of its own, ready when the constructor returns; it dies with the object.
+struct Daemon {
+    pid_t pid;
+    bool ready;
+    int status = -1;
+
+    Daemon() {
+        int ends[2];
+        char byte;
+        EXPECT_EQ(pipe(ends), 0);
+        fflush(nullptr);
+        pid = fork();
+        if (pid == 0) {
+            ipc_address own = testd();
+            serve_everything();
+            int result = ipc_open(&own);
+            if (result != 0 || write(ends[1], "r", 1) != 1)
+                _exit(-result);
+            for (;;)
+                pause();
+        }
+        close(ends[1]);
+        ready = read(ends[0], &byte, 1) == 1;
+        close(ends[0]);
+    }
+    ~Daemon() {
+        if (status == -1)
+            kill(pid, SIGKILL);
+        ending();
+    }
+    int ending() {
+        if (status == -1)
+            waitpid(pid, &status, 0);
+        return status;
+    }
+};
+
+// The result of an exchange, and the first word of the answer.
+using Answer = std::pair<int, int32_t>;
+Answer ask(int code, std::string data, const uint32_t timeout[2] = kLong) {
+    ipc_address to = testd();
+    int32_t word = 0;
+    uint32_t length = sizeof word;
+    int result = qelIpcSendOne(&to, code, data.data(), static_cast<uint32_t>(data.size()), &word,
+                               &length, timeout);
+    return {result, word};
+}
+
+// Sends a block as it is; the answer's status.
+int32_t send_block(int fd, int code, const std::string &block) {
+    std::string packet = words({static_cast<uint32_t>(code)}) + block.substr(0, IPC_REQUEST_MAX);
+    int32_t reply[2] = {};
+    EXPECT_EQ(send(fd, packet.data(), packet.size(), 0), static_cast<ssize_t>(packet.size()));
+    EXPECT_EQ(recv(fd, reply, sizeof reply, 0), 8);
+    return reply[1];
+}
+
+std::string redirect(uint32_t kind, uint32_t offset, uint32_t length, std::string text,
+                     uint32_t port = 0) {
+    return words({kind, offset, length, port}) + text.append(4 - text.size() % 4, '\0');
+}
+
+std::string send_command(const std::string &message) {
+    int fd = stream_at(kCommands, SOCK_STREAM, connect);
+    send(fd, message.data(), message.size(), MSG_NOSIGNAL);
+    shutdown(fd, SHUT_WR);
+    std::string reply(256, '\0');
+    ssize_t n = recv(fd, reply.data(), reply.size(), MSG_WAITALL);
+    close(fd);
+    return reply.substr(0, n > 0 ? static_cast<size_t>(n) : 0);
+}
+
+TEST(Ipc, RequestsHaveTheirFormatAndHandlersTrustNothing) {
+    Daemon daemon;
+    auto request = [] { return support::read_file("/tmp/request"); };
+    EXPECT_EQ(qelDRedirectOutput("/tmp/xyz", "testd", kRecord), -11);
+    EXPECT_EQ(request(), redirect(1, 16, 9, "/tmp/xyz"));
+    EXPECT_EQ(qelDRedirOutputToSocket("10.0.0.1", 2301, "testd", kRecord), -11);
+    EXPECT_EQ(request(), redirect(2, 16, 9, "10.0.0.1", 2301));
+    EXPECT_EQ(qelDExitRequest("testd", kRecord, 2), -11);
+    EXPECT_EQ(request(), words({2}));
+    EXPECT_EQ(qelDRedirectOutput(nullptr, "testd", kRecord), -22);
+    EXPECT_EQ(qelDRedirectOutput("/tmp/x", nullptr, kRecord), -22);
+    EXPECT_EQ(qelDRedirOutputToSocket(nullptr, 1, "testd", kRecord), -22);
+    EXPECT_EQ(qelDExitRequest(nullptr, kRecord, 1), -22);
+    std::string text = "/no/such/path";
+    std::tuple<int, std::string, int32_t> cases[] = {
+        {kRedirect, inline_block(redirect(1, 16, 14, text)), 0},  // cannot be opened: no error
+        {kRedirect, inline_block(redirect(1, 16, 0, text)), 0},
+        {kRedirect, inline_block(redirect(2, 16, 0, text)), -1},
+        {kRedirect, inline_block(redirect(3, 16, 14, text)), -22},
+        {kRedirect, inline_block(redirect(1, 16, 13, text)), -22},  // no NUL at its end
+        {kRedirect, inline_block(redirect(1, 16, 17, text)), -22},
+        {kRedirect, inline_block(redirect(1, 33, 1, text)), -22},
+        {kRedirect, inline_block(redirect(1, 0xFFFFFFF0, 0x20, text)), -22},
+        {kRedirect, inline_block(words({1, 16, 0})), -22},
+        {kExit, inline_block(words({0})), -22},
+        {kExit, inline_block(words({3})), -22},
+        {kExit, inline_block(words({0x80000001})), -22},
+    };
+    int fd = packets_to_daemon();
+    for (auto &[code, block, status] : cases)
+        EXPECT_EQ(send_block(fd, code, block), status) << testing::PrintToString(block);
+    for (int code : {kRedirect, kExit}) {
+        EXPECT_EQ(send_block(fd, code, ""), -6);
+        EXPECT_EQ(send_block(fd, code, words({9, 0, 0, 20, 4, 1})), -11);
+        EXPECT_EQ(send_block(fd, code, words({0, 0, 0, 20, 4, 1})), -22);
+        // "Decoded" and an address, both the sender's words.
+        EXPECT_EQ(send_block(fd, code, words({5, 0x7FFF, 0xFFFFFFF0, 20, 0})), -22);
+    }
+    close(fd);
 }
 
 TEST(Ipc, OutputOfADaemonGoesToAFileATerminalAndAServer) {
-    Daemon daemon("testd", serve_everything);
-    ASSERT_TRUE(daemon.ready());
-    int result;
-    auto poked = [&] { return ask(kPoke, "", result) == 1; };
+    Daemon daemon;
+    const Answer kPoked{0, 1};
     // The path is long enough for shared memory the second time.
     for (std::string path : {std::string("/tmp/out"), "/tmp" + std::string(3000, '/') + "out"}) {
-        EXPECT_EQ(qelDRedirectOutput(path.c_str(), "testd", IPC_CODE_REDIRECT_OUTPUT), 0);
-        EXPECT_TRUE(poked());
+        EXPECT_EQ(qelDRedirectOutput(path.c_str(), "testd", kRedirect), 0);
+        EXPECT_EQ(ask(kPoke, ""), kPoked);
     }
     EXPECT_EQ(support::read_file("/tmp/out"), "out\nerr\nout\nerr\n");
+    EXPECT_EQ(support::segments(), 0);
 
     int terminal = posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_TRUE(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
-    EXPECT_EQ(qelDRedirectOutput(ptsname(terminal), "testd", IPC_CODE_REDIRECT_OUTPUT), 0);
-    EXPECT_TRUE(poked());
-    std::string seen;
-    char part[100];
-    while (seen.size() < 10) {
-        ssize_t n = read(terminal, part, sizeof part);
-        ASSERT_GT(n, 0);
-        seen.append(part, static_cast<size_t>(n));
-    }
+    EXPECT_EQ(qelDRedirectOutput(ptsname(terminal), "testd", kRedirect), 0);
+    EXPECT_EQ(ask(kPoke, ""), kPoked);
+    std::string seen, part(100, '\0');
+    while (seen.size() < 10)
+        seen.append(part, 0, static_cast<size_t>(read(terminal, part.data(), part.size())));
     EXPECT_EQ(seen, "out\r\nerr\r\n");
 
     // A server that is somebody else's program.
     FILE *server =
         popen("exec socat -u TCP-LISTEN:2301,bind=127.0.0.1,reuseaddr CREATE:/tmp/server", "r");
-    ASSERT_NE(server, nullptr);
-    EXPECT_TRUE(support::eventually([] {
-        return qelDRedirOutputToSocket("127.0.0.1", 2301, "testd", IPC_CODE_REDIRECT_OUTPUT) == 0;
-    }));
-    EXPECT_TRUE(poked());
-    std::string greeting = "\nINFO+++ sw" + std::to_string(getMySwitch()) + ": pid(" +
-                           std::to_string(daemon.pid()) +
-                           "), output redirected to host(127.0.0.1), port(2301)\n";
-    EXPECT_TRUE(support::eventually([&] {
-        return support::read_file("/tmp/server") == greeting + "out\nerr\n";
-    })) << support::read_file("/tmp/server");
-    EXPECT_EQ(qelDRedirOutputToSocket("127.0.0.1", 9, "testd", IPC_CODE_REDIRECT_OUTPUT), -1);
-
-    EXPECT_EQ(qelDExitRequest("testd", IPC_CODE_EXIT, 3), -22);
-    EXPECT_EQ(ask(kSum, "abc", result), 294u);
-    EXPECT_EQ(qelDExitRequest("testd", IPC_CODE_EXIT, QELD_EXIT_NORMAL), 0);
+    EXPECT_TRUE(eventually(
+        [] { return qelDRedirOutputToSocket("127.0.0.1", 2301, "testd", kRedirect) == 0; }));
+    EXPECT_EQ(ask(kPoke, ""), kPoked);
+    std::string sw = "sw" + std::to_string(getMySwitch()) + ": ";
+    std::string expected = "\nINFO+++ " + sw + "pid(" + std::to_string(daemon.pid) +
+                           "), output redirected to host(127.0.0.1), port(2301)\nout\nerr\n";
+    expected += sw + "failed to connect to server(127.0.0.1)\n";
+    EXPECT_EQ(qelDRedirOutputToSocket("127.0.0.1", 9, "testd", kRedirect), -1);
+    EXPECT_EQ(qelDRedirOutputToSocket("127.0.0.1", 0, "testd", kRedirect), -1);
+    EXPECT_TRUE(eventually([&] { return support::read_file("/tmp/server") == expected; }))
+        << support::read_file("/tmp/server");
+    EXPECT_EQ(ask(kExit, words({QELD_EXIT_NORMAL})), (Answer{0, 0}));
     EXPECT_EQ(daemon.ending(), 0);
-    ask(kSum, "abc", result);
-    EXPECT_EQ(result, -ENOENT);
-    EXPECT_EQ(qelDExitRequest("testd", IPC_CODE_EXIT, QELD_EXIT_NORMAL), 0);  // nobody there
+    EXPECT_EQ(ask(kSum, ""), (Answer{-ENOENT, 0}));
+    EXPECT_EQ(qelDExitRequest("testd", kExit, QELD_EXIT_NORMAL), 0);  // nobody there
     EXPECT_EQ(pclose(server), 0);
     close(terminal);
 }
 
-TEST(Ipc, ManyRequestsBySharedMemoryLeaveNoSegment) {
-    Daemon daemon("testd", serve_everything);
-    int rounds = support::slow() ? 2000 : 10000, result = 0;
-    for (int i = 0; i < rounds; ++i) {
-        std::string data(2100 + static_cast<size_t>(i % 7000), static_cast<char>(i % 100));
-        ASSERT_EQ(ask(kSum, data, result), data.size() * static_cast<size_t>(i % 100));
-        ASSERT_EQ(result, 0);
+TEST(Ipc, RedirectionAppendsWhateverIsOpenAndNeverBlocks) {
+    auto open_descriptors = [] {
+        int count = 0;
+        for (int fd = 0; fd < 64; ++fd)
+            count += fcntl(fd, F_GETFD) != -1;
+        return count;
+    };
+    for (int closed : {-1, 1, 2}) {
+        unlink("/tmp/output");
+        for (int round = 0; round < 2; ++round) {
+            auto ending = support::in_child([&] {
+                int before = open_descriptors();
+                close(closed);
+                return qelDRedirectOutput_impl("/tmp/output") != 0 ||
+                       (fcntl(1, F_GETFL) & O_NONBLOCK) == 0 || fcntl(1, F_GETFD) != 0 ||
+                       open_descriptors() != before ||
+                       write(1, "out\n", 4) + write(2, "err\n", 4) != 8;
+            });
+            EXPECT_EQ(ending.status, 0) << closed;
+        }
+        EXPECT_EQ(support::read_file("/tmp/output"), "out\nerr\nout\nerr\n");
     }
-    EXPECT_EQ(support::segments(), 0);
+}
+
+TEST(Ipc, ManyRequestsBySharedMemoryLeaveNoSegment) {
+    Daemon daemon;
+    for (int i = 0; i < (slow() ? 2000 : 10000); ++i) {
+        std::string data(2100 + static_cast<size_t>(i % 7000), static_cast<char>(i % 100));
+        data.resize(data.size() / 4 * 4);
+        ASSERT_EQ(ask(kSum, data), (Answer{0, static_cast<int32_t>(data.size()) * (i % 100)}));
+    }
     EXPECT_EQ(support::captured(1, [] { EXPECT_EQ(system("ipcs -m | grep -c 0x"), 256); }), "0\n");
 }
 
 TEST(Ipc, PeersAnswerWellShortLateOrNever) {
-    Daemon daemon("testd", serve_everything);
-    ipc_address to = support::address_of("testd");
-    qelIpcArg piece{&to, 4};
-    qelIpcArgs args{&piece, 1};
-    qelIpcArgBlock *block, *reply;
-    ASSERT_EQ(qelIpcArgsEncode(&args, &block), 24);
-    auto exchange = [&](int code, const uint32_t timeout[2]) {
-        reply = block;
+    Daemon daemon;
+    auto exchange = [](int code, std::string data, const uint32_t timeout[2] = kLong) {
+        ipc_address to = testd();
+        qelIpcArg piece{data.data(), static_cast<uint32_t>(data.size())};
+        qelIpcArgs args{&piece, 1};
+        qelIpcArgBlock *block, *reply = reinterpret_cast<qelIpcArgBlock *>(&args);
+        EXPECT_GE(qelIpcArgsEncode(&args, &block), 20);
         int result = qelIpcSendRcv(&to, code, block, &reply, timeout);
         EXPECT_EQ(reply != nullptr && utils::load_be32(qelIpcArgsData(reply)) == 0xCAFEF00D,
                   result == 0);
         free(reply);
+        free(block);
         return result;
     };
-    EXPECT_EQ(exchange(kBlock, kLong), 0);
-    EXPECT_EQ(exchange(kShort, kLong), -22);
-    EXPECT_EQ(exchange(kNothing, kBrief), -ETIMEDOUT);
-    EXPECT_EQ(exchange(kUnknown, kLong), -ECONNRESET);  // refused at once
-    EXPECT_EQ(exchange(kDefer, kBrief), -ETIMEDOUT);
-    EXPECT_EQ(exchange(kRelease, kLong), 0);  // the late answer reaches nobody
+    std::tuple<int, std::string, const uint32_t *, int> cases[] = {
+        {kEcho, kGood, kLong, 0},
+        {kEcho, words({5, 0x7FFF, 0xFFFF0000, 20, 4, 0xCAFEF00D}), kLong, 0},  // "decoded"
+        {kEcho, words({1, 0, 0, 20}), kLong, -22},                             // short
+        {kEcho, words({1, 0, 0, 20, 8, 0xCAFEF00D}), kLong, -22},  // body longer than the reply
+        {kEcho, words({8, 0, 0, 20, 0}), kLong, -22},
+        {kEcho, words({2, 0, 0, 20, 8, 1}), kLong, -22},
+        {kNothing, "", kBrief, -ETIMEDOUT},
+        {kDefer, "", kBrief, -ETIMEDOUT},
+        {kRelease, "", kLong, 0},            // the late answer reaches nobody
+        {kUnknown, "", kLong, -ECONNRESET},  // refused at once
+    };
+    for (auto &[code, data, timeout, result] : cases)
+        EXPECT_EQ(exchange(code, data, timeout), result) << testing::PrintToString(data);
     std::atomic<bool> done{false};
     std::thread patient([&] {
-        int result;
-        uint32_t word = ask(kDefer, "x", result);
-        EXPECT_EQ(utils::load_be32(&word), 1u);
+        EXPECT_EQ(exchange(kDefer, ""), 0);
         done = true;
     });
-    EXPECT_TRUE(support::eventually([&] { return exchange(kRelease, kLong) == 0 && done; }));
+    EXPECT_TRUE(eventually([&] { return exchange(kRelease, "") == 0 && done; }));
     patient.join();
-
-    int result;
-    char raw[8] = "#######";
+    ipc_address to = testd();
+    char raw[] = "#######";
     uint32_t length = 4;
-    EXPECT_EQ(qelIpcSendOne(&to, kShort, nullptr, 0, raw, &length, kLong),
-              0);  // a longer answer is cut
-    EXPECT_EQ(length, 4u);
-    EXPECT_STREQ(raw, "0123###");
-    length = sizeof raw;
-    EXPECT_EQ(ipcSendRcv(&to, kIsNull, nullptr, 0, raw, &length, kLong), 0);
-    EXPECT_EQ(raw[0] + raw[3], 1);
-    ask(kNothing, "", result, kBrief);
-    EXPECT_EQ(result, -ETIMEDOUT);
+    EXPECT_EQ(qelIpcSendOne(&to, kEcho, raw, 7, raw, &length, kLong), 0);
+    EXPECT_EQ(length, 4u);  // a longer answer is cut
+    EXPECT_EQ(ask(kNothing, "", kBrief), (Answer{-ETIMEDOUT, 0}));
     to.name[0] = '/';
-    EXPECT_EQ(exchange(kBlock, kLong), -EINVAL);
-    to = support::address_of("nobody");
-    EXPECT_EQ(exchange(kBlock, kLong), -ENOENT);
-    free(block);
+    EXPECT_EQ(qelIpcSendOne(&to, kEcho, raw, 4, raw, &length, kLong), -EINVAL);
 }
 
 TEST(Ipc, DeadDaemonsGiveTheirRequestersAnErrorAndTheirNamesAway) {
     {
-        Daemon first("testd", serve_everything);
-        ASSERT_TRUE(first.ready());
-        Daemon second("testd", serve_everything);
-        EXPECT_FALSE(second.ready());
+        Daemon first, second;
+        ASSERT_TRUE(first.ready);
+        EXPECT_FALSE(second.ready);
         EXPECT_EQ(WEXITSTATUS(second.ending()), EADDRINUSE);
-        int result;
-        ask(kDie, std::string(5000, 'x'), result);
-        EXPECT_EQ(result, -ECONNRESET);
+        EXPECT_EQ(ask(kDie, std::string(5000, 'x')).first, -ECONNRESET);
         EXPECT_EQ(WTERMSIG(first.ending()), SIGKILL);
-        ask(kSum, "", result);
-        EXPECT_EQ(result, -ECONNREFUSED);
-        EXPECT_EQ(qelDExitRequest("testd", IPC_CODE_EXIT, 1), 0);
+        EXPECT_EQ(ask(kSum, "").first, -ECONNREFUSED);
     }
-    Daemon third("testd", serve_everything);
-    int result;
-    EXPECT_EQ(ask(kSum, "a", result), 97u);
-    EXPECT_EQ(qelDExitRequest("testd", IPC_CODE_EXIT, QELD_EXIT_ABORT), 0);
+    Daemon third;
+    EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
+    EXPECT_EQ(ask(kExit, words({QELD_EXIT_ABORT})), (Answer{0, 0}));
     EXPECT_EQ(WTERMSIG(third.ending()), SIGABRT);
 }
 
-TEST(Ipc, SilentAndTalkativeConnectionsDoNotKeepOthersOut) {
-    Daemon daemon("testd", serve_everything);
-    ipc_address to = support::address_of("testd");
-    sockaddr_un path{};
-    path.sun_family = AF_UNIX;
-    snprintf(path.sun_path, sizeof path.sun_path, "/run/korin/%u.%u.testd.ipc", to.node,
-             to.switch_no);
-    std::string packets[] = {"", "x", std::string(4 + IPC_REQUEST_MAX + 1, 'x')};
-    for (int i = 0; i < 200; ++i) {
-        int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&path), sizeof path), 0);
-        const std::string &packet = packets[i % 3];
-        ssize_t sent = packet.empty() ? 0 : send(fd, packet.data(), packet.size(), 0);
-        EXPECT_EQ(sent, static_cast<ssize_t>(packet.size()));
-        int result;
-        ASSERT_EQ(ask(kSum, "a", result), 97u);
-    }
-}
-
 TEST(Ipc, DaemonMayCloseAndOpenAgain) {
-    ipc_address own = support::address_of("testd");
+    ipc_address own = testd();
+    ipc_register(kEcho, [](void *to, int code, void *m) { return answer(to, code, received(m)); });
     for (int round = 0; round < 3; ++round) {
         ASSERT_EQ(ipc_open(&own), 0);
         EXPECT_EQ(ipc_open(&own), -EALREADY);
-        EXPECT_EQ(ipc_register(kSum, sum), 0);
-        int result;
-        EXPECT_EQ(ask(kSum, "a", result), 97u);
-        EXPECT_EQ(support::in_child([&] { return ask(kSum, "b", result) == 98 ? 0 : 1; }).status,
-                  0);
-        EXPECT_EQ(ipc_unregister(kSum), 0);
-        EXPECT_EQ(ipc_unregister(kSum), -ENOENT);
+        EXPECT_EQ(ask(kEcho, native(5)), (Answer{0, 5}));
+        EXPECT_TRUE(support::passes_in_child([] {
+            EXPECT_EQ(ask(kEcho, native(6)), (Answer{0, 6}));
+        }));
         ipc_close();
         ipc_close();
-        ask(kSum, "a", result);
-        EXPECT_EQ(result, -ENOENT);
+        EXPECT_EQ(ask(kEcho, ""), (Answer{-ENOENT, 0}));
     }
-    for (int code = 0; code < IPC_HANDLERS_MAX; ++code)
-        EXPECT_EQ(ipc_register(code, sum), 0);
-    EXPECT_EQ(ipc_register(0, sum), 0);
-    EXPECT_EQ(ipc_register(IPC_HANDLERS_MAX, sum), -ENOSPC);
+    EXPECT_EQ(ipc_unregister(kEcho), 0);
+    ipc_handler handler = [](void *, int, void *) { return 0; };
+    for (int code = 0; code <= IPC_HANDLERS_MAX; ++code)
+        EXPECT_EQ(ipc_register(code, handler), code < IPC_HANDLERS_MAX ? 0 : -ENOSPC);
+    for (int code = 0; code <= IPC_HANDLERS_MAX; ++code)
+        EXPECT_EQ(ipc_unregister(code), code < IPC_HANDLERS_MAX ? 0 : -ENOENT);
+}
+
+std::string mutated(std::string bytes) {
+    static std::mt19937 random(1);
+    static const uint32_t kWords[] = {0, 1, 2, 4, 7, 8, 20, 0x7FFFFFFF, 0xFFFFFFF0, 0xFFFFFFFF};
+    for (size_t n = 1 + random() % 4; n > 0 && !bytes.empty(); --n) {
+        size_t at = random() % bytes.size(), kind = random() % 5;
+        if (kind == 0)
+            bytes[at] = static_cast<char>(bytes[at] ^ 1 << random() % 8);
+        else if (kind == 1)
+            bytes[at] = static_cast<char>(random());
+        else if (kind == 2)
+            bytes.replace(at / 4 * 4, 4, words({kWords[random() % std::size(kWords)]}));
+        else if (kind == 3)
+            bytes.resize(at);
+        else
+            bytes.insert(at, bytes.substr(0, random() % 64));
+    }
+    return bytes;
+}
+
+// Of the 100,000 mutations, commands, blocks and redirects get a third each.
+TEST(Ipc, TruncatedAndMutatedInputLeavesTheDaemonServing) {
+    Daemon daemon;
+    int segments = support::segments();  // the killed daemon could not remove its own
+    EXPECT_EQ(qelDRedirectOutput("/dev/null", "testd", kRedirect), 0);
+    std::string command = support::command_message({"portshow", "-s", "12", "", "slot/7"});
+    std::string redirects[] = {redirect(1, 16, 15, "/no/such/place"),
+                               redirect(2, 16, 10, "127.0.0.1", 9)};
+    std::string blocks[] = {inline_block(std::string(2024, 'x')), inline_block("abcdefgh"),
+                            words({5, 0x7FFF, 0x12345678, 20, 4, 0})};
+    int fd = packets_to_daemon();
+    std::vector<int> stalled;  // senders that stop in the middle of a message hold up nobody
+    for (size_t length = 0; length < command.size(); ++length) {
+        ASSERT_EQ(send_command(command.substr(0, length)), "") << length;
+        if (length % 3 == 0) {
+            stalled.push_back(stream_at(kCommands, SOCK_STREAM, connect));
+            EXPECT_EQ(write(stalled.back(), command.data(), length), static_cast<ssize_t>(length));
+        }
+    }
+    for (size_t kind = 0; kind < 40; ++kind) {
+        int silent = packets_to_daemon();
+        std::string packet(kind % 2 != 0 ? 1 : 4 + IPC_REQUEST_MAX + 1, 'x');
+        EXPECT_TRUE(kind % 3 == 0 || send(silent, packet.data(), packet.size(), 0) > 0);
+        ASSERT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
+    }
+    close(fd);  // the newcomers have driven it out
+    fd = packets_to_daemon();
+    for (const std::string &block : blocks) {
+        for (size_t length = 1; length < block.size(); ++length)
+            send_block(fd, kSum, block.substr(0, length));
+        ASSERT_FALSE(HasFailure());
+    }
+    for (const std::string &valid : redirects) {
+        for (size_t length = 1; length < valid.size(); ++length) {
+            bool whole = length >= 16 + utils::load_be32(&valid[8]);
+            EXPECT_EQ(send_block(fd, kRedirect, inline_block(valid.substr(0, length))) != -22,
+                      whole);
+        }
+    }
+    for (size_t i = 0; i < (slow() ? 2000 : 33334); ++i) {
+        send_command(mutated(command));
+        std::string payload = mutated(redirects[i % 2]), block = blocks[i % 3];
+        send_block(fd, kRedirect,
+                   i % 4 == 0 ? mutated(inline_block(payload)) + "x" : inline_block(payload));
+        ASSERT_FALSE(HasFailure()) << i;
+        int id = i % 50 == 0 ? shmget(IPC_PRIVATE, 3000, IPC_CREAT | 0600) : -1;
+        if (id >= 0)
+            block = words({2, 0, 0, 20, 8, static_cast<uint32_t>(id), 3000});
+        send_block(fd, kSum, mutated(block) + "x");
+        shmctl(id, IPC_RMID, nullptr);
+    }
+    EXPECT_EQ(support::segments(), segments);
+    EXPECT_EQ(send_command(support::command_message({"ab", "c"})), "2 1 2");
+    EXPECT_EQ(ask(kSum, "abc"), (Answer{0, 294}));
+    EXPECT_EQ(ask(kExit, words({QELD_EXIT_NORMAL})), (Answer{0, 0}));
+    EXPECT_EQ(daemon.ending(), 0);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdarg>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -11,34 +10,47 @@
 
 namespace {
 
-std::mutex mutex;
-std::vector<int> served;
+enum { kFirst, kSecond, kQuiet, kHurry, kBegun, kGo };
+int pipes[6][2];
+std::vector<int> served;  // the watch thread's, but while it is held
 std::vector<uintptr_t> forwarded;
 
-// Takes one byte and notes the descriptor: a descriptor stays readable while it holds more.
-int serve(int descriptor) {
+void feed(int pipe) {
+    EXPECT_EQ(write(pipes[pipe][1], "x", 1), 1);
+}
+
+void take(int pipe) {
     char byte;
-    EXPECT_EQ(read(descriptor, &byte, 1), 1);
-    std::lock_guard guard(mutex);
-    served.push_back(descriptor);
+    EXPECT_EQ(read(pipes[pipe][0], &byte, 1), 1);
+}
+
+// Takes one byte and notes the pipe, which stays readable while it holds more.
+int serve(int descriptor) {
+    for (int pipe : {kFirst, kSecond, kQuiet}) {
+        if (pipes[pipe][0] == descriptor) {
+            take(pipe);
+            served.push_back(pipe);
+        }
+    }
     return 1;
 }
 
-std::vector<int> served_now() {
-    std::lock_guard guard(mutex);
-    return served;
+// The last of the table: the watch thread has served the others when it is held here, and sees in
+// its next round all that happens meanwhile.
+int held(int) {
+    take(kHurry);
+    feed(kBegun);
+    take(kGo);
+    return 0;
 }
 
-struct Pipe {
-    int in, out;
-    Pipe() {
-        int ends[2];
-        EXPECT_EQ(pipe(ends), 0);
-        in = ends[0];
-        out = ends[1];
-    }
-    void feed() const { EXPECT_EQ(write(out, "x", 1), 1); }
-};
+template <typename Body>
+void while_held(Body body) {
+    feed(kHurry);
+    take(kBegun);
+    body();
+    feed(kGo);
+}
 
 void notification(int kind, ...) {
     va_list words;
@@ -49,39 +61,15 @@ void notification(int kind, ...) {
     va_end(words);
 }
 
-// Feeds the pipes while the watch thread is held in the handler of `hurry`, so that its next round
-// sees all of them, and the changes made meanwhile.
-struct {
-    Pipe begun, go;
-} gate;
-
-int held(int descriptor) {
-    char byte;
-    EXPECT_EQ(read(descriptor, &byte, 1), 1);
-    EXPECT_EQ(write(gate.begun.out, "b", 1), 1);
-    EXPECT_EQ(read(gate.go.in, &byte, 1), 1);
-    return 0;
-}
-
-template <typename Body>
-void while_held(const Pipe &hurry, Body body) {
-    char byte;
-    hurry.feed();
-    EXPECT_EQ(read(gate.begun.in, &byte, 1), 1);
-    body();
-    gate.go.feed();
-}
-
 TEST(Iot, ForwardsOnlyItsOwnKindAndOnlyToSomebody) {
     iot_init(nullptr);
     iot_notify(IOT_NOTIFY_FORWARD, 1);
     iot_init(notification);
     iot_notify(3, 1);
     EXPECT_TRUE(forwarded.empty());
-    char text;
-    iot_notify(IOT_NOTIFY_FORWARD, &text, uintptr_t{17});
-    EXPECT_EQ(forwarded,
-              (std::vector<uintptr_t>{2, reinterpret_cast<uintptr_t>(&text), 17, 0, 0, 0, 0, 0}));
+    auto address = reinterpret_cast<uintptr_t>(&forwarded);
+    iot_notify(IOT_NOTIFY_FORWARD, &forwarded, uintptr_t{17});
+    EXPECT_EQ(forwarded, (std::vector<uintptr_t>{2, address, 17, 0, 0, 0, 0, 0}));
 }
 
 TEST(Iot, TakesEightDescriptorsWithinBounds) {
@@ -90,11 +78,10 @@ TEST(Iot, TakesEightDescriptorsWithinBounds) {
         EXPECT_EQ(iot_add(descriptor, serve, 1), -1);
     for (int i = 0; i < IOT_ENTRIES_MAX; ++i)
         EXPECT_EQ(iot_add(1016 + i, serve, 1), 0);
-    EXPECT_EQ(iot_add(3, serve, 0), -1);
-    iot_del(1024);
-    iot_del(-1);
-    iot_del(55);
-    EXPECT_EQ(iot_add(3, serve, 0), -1);
+    for (int descriptor : {1024, -1, 55}) {
+        iot_del(descriptor);
+        EXPECT_EQ(iot_add(3, serve, 0), -1);
+    }
     iot_del(1020);
     iot_notify(IOT_NOTIFY_REBUILD);  // passes over the freed entry, which keeps its flag
     EXPECT_EQ(iot_add(3, serve, 0), 0);
@@ -102,43 +89,34 @@ TEST(Iot, TakesEightDescriptorsWithinBounds) {
     EXPECT_EQ(iot_add(4, serve, 0), 0);
 }
 
-TEST(Iot, WatchesWhatItIsToldToInTableOrder) {
-    Pipe hurry, first, second, quiet;
+TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
+    using Pipes = std::vector<int>;
     ASSERT_EQ(iot_init(nullptr), 0);
-    ASSERT_EQ(iot_add(hurry.in, held, 1), 0);
-    ASSERT_EQ(iot_add(second.in, serve, 1), 0);
-    ASSERT_EQ(iot_add(first.in, serve, 1), 0);
-    ASSERT_EQ(iot_add(quiet.in, serve, 0), 0);
+    for (auto &ends : pipes)
+        ASSERT_EQ(pipe(ends), 0);
+    for (int pipe : {kSecond, kFirst, kQuiet})
+        ASSERT_EQ(iot_add(pipes[pipe][0], serve, pipe != kQuiet), 0);
+    ASSERT_EQ(iot_add(pipes[kHurry][0], held, 1), 0);
     ASSERT_EQ(iot_start(), 0);
-    auto feed_all = [&] {
-        for (const Pipe *pipe : {&first, &second, &quiet})
-            pipe->feed();
+    auto feed_all = [] {
+        for (int pipe : {kFirst, kSecond, kQuiet})
+            feed(pipe);
     };
-    auto expect_served = [&](std::vector<int> expected) {
-        EXPECT_TRUE(support::eventually([&] { return served_now().size() >= expected.size(); }));
-        while_held(hurry, [&] { EXPECT_EQ(served_now(), expected); });
-        std::lock_guard guard(mutex);
-        served.clear();
-    };
-    while_held(hurry, feed_all);
-    expect_served({second.in, first.in});  // quiet is not watched
-    while_held(hurry, [&] { iot_notify(IOT_NOTIFY_WATCH_ALL); });
-    expect_served({quiet.in});
-    while_held(hurry, [&] {
+    while_held(feed_all);
+    while_held([] {
+        EXPECT_EQ(served, (Pipes{kSecond, kFirst}));  // one is not watched
+        iot_notify(IOT_NOTIFY_WATCH_ALL);
+    });
+    while_held([&] {
+        EXPECT_EQ(served, (Pipes{kSecond, kFirst, kQuiet}));
         iot_notify(IOT_NOTIFY_REBUILD);
-        iot_del(second.in);
+        iot_del(pipes[kSecond][0]);
         feed_all();
     });
-    expect_served({first.in});
-    while_held(hurry, [&] { iot_exit(); });
-}
-
-TEST(Iot, StateMayChangeFromSeveralThreads) {
-    Pipe ticking;
-    iot_init(nullptr);
+    while_held([] { EXPECT_EQ(served, (Pipes{kSecond, kFirst, kQuiet, kFirst})); });
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
-        threads.emplace_back([&, t] {
+        threads.emplace_back([t] {
             for (int i = 0; i < 2000; ++i) {
                 EXPECT_EQ(iot_add(500 + t, serve, 0), 0);
                 iot_notify(i % 2 != 0 ? IOT_NOTIFY_REBUILD : 9);
@@ -148,9 +126,7 @@ TEST(Iot, StateMayChangeFromSeveralThreads) {
     }
     for (std::thread &thread : threads)
         thread.join();
-    for (int i = 0; i < IOT_ENTRIES_MAX; ++i)
-        EXPECT_EQ(iot_add(i, serve, 0), 0);
-    iot_exit();
+    while_held([] { iot_exit(); });
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "utils/proc_rwlock.h"
 
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,8 +8,10 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <functional>
+#include <optional>
+#include <random>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/support.h"
@@ -16,12 +19,9 @@
 namespace {
 
 // The process's nice value, as the library sees it.
-int nice_value;
-int sampled;
+int nice_value, sampled;
 bool fail_get, fail_set;
 std::vector<int> changes;
-
-const char *const kFile = "/tmp/lockfile";
 
 }  // namespace
 
@@ -39,57 +39,61 @@ extern "C" int setpriority(__priority_which_t, id_t, int value) noexcept {
 
 namespace {
 
+using support::eventually;
+
 struct Lock : procrwlock_t {
-    Lock() { EXPECT_EQ(procrwlock_init(this, open(kFile, O_RDWR | O_CREAT, 0600)), 0); }
+    Lock() { EXPECT_EQ(procrwlock_init(this, open("/tmp/lock", O_RDWR | O_CREAT, 0600)), 0); }
     ~Lock() { close(l_fd); }
-    // A field as the other threads see it.
-    template <typename T>
-    T see(T procrwlock_t::*field) {
-        pthread_mutex_lock(&l_mutex);
-        T value = this->*field;
-        pthread_mutex_unlock(&l_mutex);
-        return value;
+    // Whether the other threads bring the field to 1.
+    bool gets_one(uint32_t procrwlock_t::*field) {
+        return eventually([&] {
+            pthread_mutex_lock(&l_mutex);
+            uint32_t value = this->*field;
+            pthread_mutex_unlock(&l_mutex);
+            return value == 1;
+        });
     }
 };
 
-// Another process that holds the lock until it is told to go.
-class Holder {
-  public:
-    explicit Holder(int (*take)(procrwlock_t *)) {
+using Op = int (*)(procrwlock_t *);
+const Op kRead = procrwlock_rdlock, kTryRead = procrwlock_rdlock_trylock;
+const Op kWrite = procrwlock_wrlock, kTryWrite = procrwlock_wrlock_trylock;
+
+template <typename Body>
+pid_t process(Body body) {
+    pid_t child = fork();
+    if (child != 0)
+        return child;
+    body();
+    _exit(testing::Test::HasFailure());
+}
+
+// Another process that holds the lock until it is killed.
+struct Holder {
+    pid_t child;
+    explicit Holder(Op take) {
         int ready[2];
-        EXPECT_EQ(pipe(ready), 0);
-        child_ = fork();
-        if (child_ == 0) {
-            Lock lock;
-            EXPECT_EQ(take(&lock), 0);
-            EXPECT_EQ(::write(ready[1], "r", 1), 1);
-            pause();
-        }
         char byte;
-        EXPECT_EQ(::read(ready[0], &byte, 1), 1);
-        close(ready[0]);
+        EXPECT_EQ(pipe(ready), 0);
+        child = process([&] {
+            Lock lock;
+            if (take(&lock) == 0 && write(ready[1], "r", 1) == 1)
+                pause();
+        });
         close(ready[1]);
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
     }
     ~Holder() {
-        kill(child_, SIGKILL);
-        waitpid(child_, nullptr, 0);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
     }
-
-  private:
-    pid_t child_ = -1;
 };
 
 // Each case begins with a fresh priority record, in a child: this test comes first.
 TEST(ProcRwlock, RaisesThePriorityFromTheFirstLockToTheLast) {
-    auto in_fresh_process = [](const std::function<void()> &body) {
-        EXPECT_EQ(support::in_child([&] {
-                      body();
-                      return testing::Test::HasFailure() ? 1 : 0;
-                  }).status,
-                  0);
-    };
     using Values = std::vector<int>;
-    in_fresh_process([] {
+    EXPECT_TRUE(support::passes_in_child([] {
         nice_value = 10;
         Lock lock, second;
         for (int round = 1; round <= 2; ++round) {
@@ -108,71 +112,59 @@ TEST(ProcRwlock, RaisesThePriorityFromTheFirstLockToTheLast) {
         EXPECT_EQ(procrwlock_wrunlock(&lock), -1);
         EXPECT_EQ(errno, EACCES);
         EXPECT_EQ(lock.l_state, PROCRWLOCK_FREE);
-    });
-    for (int normal : {0, -5, -1}) {
-        in_fresh_process([normal] {
-            nice_value = normal;
+    }));
+    for (int normal : {0, -5, -1, 100}) {  // 100: cannot be read, the first time
+        EXPECT_TRUE(support::passes_in_child([normal] {
             Lock lock;
+            nice_value = normal;
+            fail_get = normal == 100;
             for (int round = 0; round < 3; ++round) {
-                EXPECT_EQ(procrwlock_rdlock(&lock), 0);
-                EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
+                errno = 0;
+                bool fails = fail_get && round == 0;
+                EXPECT_EQ(procrwlock_rdlock(&lock), fails ? -1 : 0);
+                EXPECT_EQ(lock.l_state, fails ? PROCRWLOCK_FREE : PROCRWLOCK_READ);
+                EXPECT_EQ(errno == EPERM, fails);
+                EXPECT_EQ(fails ? 0 : procrwlock_rdunlock(&lock), 0);
             }
             EXPECT_EQ(changes, Values{});
             EXPECT_EQ(sampled, 1);
-        });
+        })) << normal;
     }
-    in_fresh_process([] {
-        fail_get = true;
-        Lock lock;
-        EXPECT_EQ(procrwlock_rdlock(&lock), -1);
-        EXPECT_EQ(errno, EPERM);
-        EXPECT_EQ(lock.l_state, PROCRWLOCK_FREE);
-        EXPECT_EQ(procrwlock_rdlock(&lock), 0);  // not sampled again
-        EXPECT_EQ(sampled, 1);
-    });
 }
 
 TEST(ProcRwlock, TryLocksFollowTheStateOfThreadsAndProcesses) {
-    using Op = int (*)(procrwlock_t *);
-    struct {
-        Op own, foreign;  // taken before
-        Op attempt;
-        int result;
-        uint16_t state;  // afterwards
-    } cases[] = {
-        {nullptr, nullptr, procrwlock_rdlock_trylock, 0, PROCRWLOCK_READ},
-        {nullptr, nullptr, procrwlock_wrlock_trylock, 0, PROCRWLOCK_WRITE},
-        {procrwlock_rdlock, nullptr, procrwlock_rdlock_trylock, 0, PROCRWLOCK_READ},
-        {procrwlock_rdlock, nullptr, procrwlock_wrlock_trylock, -1, PROCRWLOCK_READ},
-        {procrwlock_wrlock, nullptr, procrwlock_rdlock_trylock, -1, PROCRWLOCK_WRITE},
-        {procrwlock_wrlock, nullptr, procrwlock_wrlock_trylock, -1, PROCRWLOCK_WRITE},
-        {nullptr, procrwlock_rdlock, procrwlock_rdlock_trylock, 0, PROCRWLOCK_READ},
-        {nullptr, procrwlock_wrlock, procrwlock_rdlock_trylock, -1, PROCRWLOCK_FREE},
+    // Taken before by this process and by another; the attempt, its result, the state and the
+    // readers then.
+    std::tuple<Op, Op, Op, int, uint16_t, uint32_t> cases[] = {
+        {nullptr, nullptr, kTryRead, 0, PROCRWLOCK_READ, 1},
+        {nullptr, nullptr, kTryWrite, 0, PROCRWLOCK_WRITE, 0},
+        {kRead, nullptr, kTryRead, 0, PROCRWLOCK_READ, 2},
+        {kRead, nullptr, kTryWrite, -1, PROCRWLOCK_READ, 1},
+        {kWrite, nullptr, kTryRead, -1, PROCRWLOCK_WRITE, 0},
+        {kWrite, nullptr, kTryWrite, -1, PROCRWLOCK_WRITE, 0},
+        {nullptr, kRead, kTryRead, 0, PROCRWLOCK_READ, 1},
+        {nullptr, kWrite, kTryRead, -1, PROCRWLOCK_FREE, 0},
         // The failed write try-lock keeps its state, until the unlock that follows it.
-        {nullptr, procrwlock_rdlock, procrwlock_wrlock_trylock, -1, PROCRWLOCK_WRITE},
-        {nullptr, procrwlock_wrlock, procrwlock_wrlock_trylock, -1, PROCRWLOCK_WRITE},
+        {nullptr, kRead, kTryWrite, -1, PROCRWLOCK_WRITE, 0},
+        {nullptr, kWrite, kTryWrite, -1, PROCRWLOCK_WRITE, 0},
     };
-    for (auto &c : cases) {
+    for (auto &[own, foreign, attempt, expected, state, readers] : cases) {
+        SCOPED_TRACE(&own - &std::get<0>(cases[0]));
         Lock lock;
-        {
-            std::optional<Holder> holder;
-            if (c.foreign != nullptr)
-                holder.emplace(c.foreign);
-            EXPECT_EQ(c.own != nullptr ? c.own(&lock) : 0, 0);
-            int result = 1;
-            std::thread([&] { result = c.attempt(&lock); }).join();
-            EXPECT_EQ(result, c.result) << &c - cases;
-            EXPECT_EQ(lock.l_state, c.state) << &c - cases;
-            EXPECT_EQ(lock.l_readers,
-                      c.state == PROCRWLOCK_READ ? (c.own && !result ? 2u : 1u) : 0u);
-            if (c.state == PROCRWLOCK_WRITE && c.own == nullptr) {
-                EXPECT_EQ(procrwlock_rdlock_trylock(&lock), -1);
-                EXPECT_EQ(procrwlock_wrunlock(&lock), 0);
-            }
+        std::optional<Holder> holder;
+        if (foreign != nullptr)
+            holder.emplace(foreign);
+        EXPECT_EQ(own != nullptr ? own(&lock) : 0, 0);
+        int result = 1;
+        std::thread([&, take = attempt] { result = take(&lock); }).join();
+        EXPECT_EQ(std::tie(result, lock.l_state, lock.l_readers),
+                  std::tie(expected, state, readers));
+        holder.reset();
+        if (state == PROCRWLOCK_WRITE) {
+            EXPECT_EQ(procrwlock_rdlock_trylock(&lock), -1);
+            EXPECT_EQ(procrwlock_wrunlock(&lock), 0);
         }
-        // The other process's death has freed the file.
-        bool gone = c.foreign != nullptr && c.state != PROCRWLOCK_READ;
-        EXPECT_EQ(gone ? procrwlock_wrlock_trylock(&lock) : 0, 0) << &c - cases;
+        EXPECT_EQ(procrwlock_wrlock_trylock(&lock), readers > 0 ? -1 : 0);
     }
     procrwlock_t lock;
     EXPECT_EQ(procrwlock_init(nullptr, 1), -1);
@@ -180,77 +172,56 @@ TEST(ProcRwlock, TryLocksFollowTheStateOfThreadsAndProcesses) {
     EXPECT_EQ(procrwlock_rdlock(nullptr), -1);
 }
 
-TEST(ProcRwlock, OwnerWaitsForTheOtherReadersAndReadersJoinAheadOfAWaitingWriter) {
+TEST(ProcRwlock, OwnerWaitsForTheOtherReadersAndReadersComeFirst) {
     Lock lock;
-    std::atomic<bool> owner_out{false}, wrote{false};
     std::atomic<int> step{0};
+    std::string order;  // guarded by the lock
+    auto locked = [&](Op take, Op release, char name) {
+        EXPECT_EQ(take(&lock), 0);
+        order += name;
+        EXPECT_EQ(release(&lock), 0);
+    };
     std::thread owner([&] {
         EXPECT_EQ(procrwlock_rdlock(&lock), 0);
         step = 1;
-        EXPECT_TRUE(support::eventually([&] { return step == 2; }));
+        EXPECT_TRUE(eventually([&] { return step == 2; }));
         EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
-        owner_out = true;
+        step = 3;
     });
-    EXPECT_TRUE(support::eventually([&] { return step == 1; }));
+    EXPECT_TRUE(eventually([&] { return step == 1; }));
     EXPECT_EQ(procrwlock_rdlock(&lock), 0);
-    std::thread writer([&] {
-        EXPECT_EQ(procrwlock_wrlock(&lock), 0);
-        wrote = true;
-        EXPECT_TRUE(owner_out || lock.l_readers == 0);
-        EXPECT_EQ(procrwlock_wrunlock(&lock), 0);
-    });
-    EXPECT_TRUE(support::eventually([&] { return lock.see(&procrwlock_t::l_wwaiting) == 1; }));
+    std::thread writer([&] { locked(procrwlock_wrlock, procrwlock_wrunlock, 'w'); });
+    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_wwaiting));
     EXPECT_EQ(procrwlock_rdlock_trylock(&lock), -1);
-    std::thread([&] {
-        EXPECT_EQ(procrwlock_rdlock(&lock), 0);
-        EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
-    }).join();
+    std::thread([&] { locked(procrwlock_rdlock, procrwlock_rdunlock, 'r'); }).join();
     step = 2;
-    EXPECT_TRUE(support::eventually([&] { return lock.see(&procrwlock_t::l_readers) == 1; }));
-    EXPECT_FALSE(owner_out);
-    EXPECT_FALSE(wrote);
-    EXPECT_EQ(support::in_child([] {
-                  Lock other;
-                  return procrwlock_wrlock_trylock(&other);
-              }).status,
-              255);
+    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_readers));
+    EXPECT_EQ(order, "r");
+    EXPECT_EQ(step, 2);
+    EXPECT_TRUE(support::passes_in_child([] {
+        Lock other;
+        EXPECT_EQ(procrwlock_wrlock_trylock(&other), -1);
+    }));
     EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
     owner.join();
     writer.join();
-    EXPECT_EQ(lock.l_state, PROCRWLOCK_FREE);
     EXPECT_EQ(lock.l_owner, static_cast<pthread_t>(-1));
     EXPECT_EQ(procrwlock_rdunlock(&lock), -1);  // nobody reads
-}
-
-TEST(ProcRwlock, ReadersComeFirstAfterAWrite) {
-    Lock lock;
-    std::vector<char> order;
     EXPECT_EQ(procrwlock_wrlock(&lock), 0);
-    std::thread writer([&] {
-        EXPECT_EQ(procrwlock_wrlock(&lock), 0);
-        order.push_back('w');
-        EXPECT_EQ(procrwlock_wrunlock(&lock), 0);
-    });
-    EXPECT_TRUE(support::eventually([&] { return lock.see(&procrwlock_t::l_wwaiting) == 1; }));
-    std::thread reader([&] {
-        EXPECT_EQ(procrwlock_rdlock(&lock), 0);
-        order.push_back('r');
-        EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
-    });
-    EXPECT_TRUE(support::eventually([&] { return lock.see(&procrwlock_t::l_rwaiting) == 1; }));
+    std::thread second([&] { locked(procrwlock_wrlock, procrwlock_wrunlock, 'W'); });
+    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_wwaiting));
+    std::thread reader([&] { locked(procrwlock_rdlock, procrwlock_rdunlock, 'R'); });
+    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_rwaiting));
     EXPECT_EQ(procrwlock_wrunlock(&lock), 0);
     reader.join();
-    writer.join();
-    EXPECT_EQ(order, (std::vector<char>{'r', 'w'}));
+    second.join();
+    EXPECT_EQ(order, "rwRW");
 }
 
 TEST(ProcRwlock, BrokenRecordIsFatal) {
-    struct {
-        int (*take)(procrwlock_t *);
-        std::string where;
-    } cases[] = {{procrwlock_rdlock, "proc_rwlock:195: procrwlock_rdlock_internal"},
-                 {procrwlock_rdlock_trylock, "proc_rwlock:195: procrwlock_rdlock_internal"},
-                 {procrwlock_wrlock, "proc_rwlock:358: procrwlock_wrlock_internal"}};
+    std::pair<Op, std::string> cases[] = {{kRead, "195: procrwlock_rdlock"},
+                                          {kTryRead, "195: procrwlock_rdlock"},
+                                          {kWrite, "358: procrwlock_wrlock"}};
     for (auto &[take, where] : cases) {
         auto ending = support::in_child([take = take] {
             Lock lock;
@@ -258,11 +229,82 @@ TEST(ProcRwlock, BrokenRecordIsFatal) {
             lock.l_state = PROCRWLOCK_WRITE;
             return take(&lock);
         });
-        EXPECT_FALSE(ending.exited);
         EXPECT_EQ(ending.status, SIGABRT);
-        EXPECT_THAT(ending.err,
-                    testing::HasSubstr(where + ": Assertion `lck->l_state == 1' failed."));
+        EXPECT_THAT(ending.err, testing::HasSubstr("proc_rwlock:" + where +
+                                                   "_internal: Assertion "
+                                                   "`lck->l_state == 1' failed."));
     }
+}
+
+struct Shared {
+    std::atomic<bool> stop;
+    std::atomic<uint32_t> reads, writes, refused, torn, errors;
+    uint32_t data[64];  // guarded by the lock: all words are equal, but for a write under way
+};
+
+void work(Lock &lock, Shared &shared, unsigned seed) {
+    std::mt19937 random(seed);
+    while (!shared.stop) {
+        auto dice = random() % 10;
+        if (dice < 2) {
+            shared.errors += procrwlock_wrlock(&lock) != 0;
+            for (uint32_t &word : shared.data)
+                ++word;
+            ++shared.writes;
+            shared.errors += procrwlock_wrunlock(&lock) != 0;
+        } else if ((dice < 6 ? procrwlock_rdlock : procrwlock_rdlock_trylock)(&lock) == 0) {
+            for (uint32_t word : shared.data)
+                shared.torn += word != shared.data[63];
+            ++shared.reads;
+            shared.errors += procrwlock_rdunlock(&lock) != 0;
+        } else {
+            ++(dice < 6 ? shared.errors : shared.refused);
+        }
+    }
+}
+
+TEST(ProcRwlock, SixProcessesSeeNoHalfMadeWriteAndTheDeadDoNotBlock) {
+    support::write_file("/tmp/data", std::string(sizeof(Shared), '\0'));
+    int file = open("/tmp/data", O_RDWR);
+    void *map = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    Shared &shared = *new (map) Shared;
+    std::vector<pid_t> children;
+    for (unsigned p = 0; p < 6; ++p) {
+        children.push_back(process([&] {
+            Lock lock;
+            std::vector<std::thread> threads;
+            for (unsigned t = 0; t < 4; ++t)
+                threads.emplace_back(work, std::ref(lock), std::ref(shared), p * 4 + t);
+            for (std::thread &thread : threads)
+                thread.join();
+        }));
+    }
+    auto progress = [&] {
+        uint32_t reads = shared.reads + 100, writes = shared.writes + 10;
+        return eventually([&] { return shared.reads > reads && shared.writes > writes; }, 30000);
+    };
+    int64_t end = support::monotonic_ms() + 3000;
+    for (Op take : {kWrite, kRead}) {
+        EXPECT_TRUE(progress());
+        Holder holder(take);
+        uint32_t writes = shared.writes;
+        usleep(20000);  // long enough for a writer that the held lock would let in
+        EXPECT_EQ(shared.writes, writes);
+    }
+    EXPECT_TRUE(progress());
+    EXPECT_TRUE(eventually([&] { return support::monotonic_ms() > end; }));
+    shared.stop = true;
+    for (pid_t child : children) {
+        int status;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    printf("%u reads, %u writes, %u try-locks refused\n", shared.reads.load(), shared.writes.load(),
+           shared.refused.load());
+    EXPECT_EQ(shared.torn + shared.errors, 0u);
+    EXPECT_GT(shared.refused, 0u);
+    for (uint32_t word : shared.data)
+        EXPECT_EQ(word, shared.writes);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <map>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "internal/ticks.h"
@@ -13,33 +12,30 @@
 
 namespace {
 
-struct Report {
-    std::string expression;
-    unsigned info, old_value, new_value;
-    bool operator==(const Report &) const = default;
-};
-std::vector<Report> reports;
-std::vector<std::string> calls;
+std::vector<std::string> seen;  // calls and reports
 int32_t next_id;
+msgQHandle queue = msgQCreate(1, CB_MESSAGE_SIZE, 0, "events");
 
-int note(const char *what, void *argument) {
-    calls.push_back(what + std::string(static_cast<char *>(argument)));
+template <char name>
+int note(void *argument) {
+    seen.push_back(name + std::string(static_cast<char *>(argument)));
     return -1;
-}
-int hook(void *argument) {
-    return note("hook ", argument);
-}
-int callback_a(void *argument) {
-    return note("a ", argument);
-}
-int callback_b(void *argument) {
-    return note("b ", argument);
 }
 int32_t classify(void *) {
     return next_id;
 }
-const cb_ops kClassified = {hook, classify}, kHooked = {hook, nullptr},
-             kSilent = {nullptr, classify};
+const cb_callback kA = note<'a'>, kB = note<'b'>;
+const cb_ops kClassified{note<'h'>, classify}, kHooked{note<'h'>, nullptr},
+    kSilent{nullptr, classify};
+
+template <typename T>
+unsigned low(T pointer) {
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer));
+}
+
+std::string report(const char *expression, unsigned info, unsigned old_value, unsigned new_value) {
+    return expression + testing::PrintToString(std::vector<unsigned>{info, old_value, new_value});
+}
 
 }  // namespace
 
@@ -49,138 +45,111 @@ extern "C" int do_assert(const char *expression, const char *file, unsigned info
     va_start(values, info);
     unsigned old_value = va_arg(values, unsigned), new_value = va_arg(values, unsigned);
     va_end(values);
-    reports.push_back({expression, info, old_value, new_value});
+    seen.push_back(report(expression, info, old_value, new_value));
     return 0;
 }
 
 namespace {
 
-char argument[] = "arg";
+using Seen = std::vector<std::string>;
 
-template <typename T>
-unsigned low(T pointer) {
-    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer));
-}
-
-std::vector<std::string> dispatched(uint32_t key1, int32_t key2, int32_t id, int expected = 0) {
-    calls.clear();
-    next_id = id;
+Seen dispatched(uint32_t key1, int32_t key2, int32_t id, int expected = 0) {
     unsigned char message[CB_MESSAGE_SIZE] = {};
+    char argument[] = "!";
+    seen.clear();
+    next_id = id;
     EXPECT_EQ(cb_dispatch(key1, key2, message, argument), expected);
-    return calls;
+    return seen;
 }
-
-using Calls = std::vector<std::string>;
 
 // The table is the process's and never shrinks, so one test fills it: groups 1 to 6.
 TEST(Register, FindsGroupsInBothWaysAndChecksReplacements) {
-    msgQHandle queue = msgQCreate(1, CB_MESSAGE_SIZE, 0, "events");
     EXPECT_EQ(cb_unregister(9, 9, nullptr, 1), UTILS_ENOENT);  // an empty slot ends the search
     EXPECT_EQ(cb_dispatch(9, 9, nullptr, nullptr), 0);
 
     // Same keys, other classifier: another group, which a dispatch never reaches.
-    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, callback_a, queue), 0);
-    EXPECT_EQ(cb_register(1, 256, &kSilent, 7, callback_b, nullptr), 0);
-    unsigned char message[CB_MESSAGE_SIZE], received[CB_MESSAGE_SIZE];
-    memset(message, 0xAB, sizeof message);
-    calls.clear();
-    next_id = 7;
-    uint32_t before = utils::now_ms();
-    EXPECT_EQ(cb_dispatch(1, 256, message, argument), 0);
-    EXPECT_EQ(calls, (Calls{"hook arg", "a arg"}));
+    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, kA, queue), 0);
+    EXPECT_EQ(cb_register(1, 256, &kSilent, 7, kB, nullptr), 0);
+    uint32_t before = utils::now_ms(), received[CB_MESSAGE_SIZE / 4];
+    EXPECT_EQ(dispatched(1, 256, 7), (Seen{"h!", "a!"}));
+    EXPECT_EQ(dispatched(1, 256, 7, 1), (Seen{"h!", "a!"}));  // the queue is full now
+    EXPECT_EQ(dispatched(1, 256, 8), Seen{"h!"});
     EXPECT_EQ(msgQReceive(queue, received, sizeof received, 0), 0);
-    uint32_t stamp;
-    memcpy(&stamp, received + 12, sizeof stamp);
-    EXPECT_LE(stamp - before, utils::now_ms() - before);
-    memset(received + 12, 0xAB, 4);
-    EXPECT_EQ(std::vector<unsigned char>(received, received + sizeof received),
-              std::vector<unsigned char>(sizeof received, 0xAB));
-    EXPECT_EQ(dispatched(1, 256, 8), (Calls{"hook arg"}));
-    EXPECT_EQ(dispatched(1, 256, 7), (Calls{"hook arg", "a arg"}));
-    EXPECT_EQ(dispatched(1, 256, 7, 1), (Calls{"hook arg", "a arg"}));  // the queue is full now
-    EXPECT_EQ(cb_dispatch(1, 256, nullptr, argument), 1);               // and here is no message
+    EXPECT_LE(received[3] - before, utils::now_ms() - before);
 
-    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, callback_a, queue), 0);
-    EXPECT_TRUE(reports.empty());
-    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, callback_b, nullptr), 0);
-    EXPECT_EQ(reports,
-              (std::vector<Report>{
-                  {"entry->cb == callback", 0x42000000 | 150, low(callback_a), low(callback_b)},
-                  {"entry->mq == queue", 0x42000000 | 154, low(queue), 0}}));
-    EXPECT_EQ(dispatched(1, 256, 7), (Calls{"hook arg", "b arg"}));
+    seen.clear();
+    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, kA, queue), 0);
+    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, kB, nullptr), 0);
+    EXPECT_EQ(seen, (Seen{report("entry->cb == callback", 0x42000000 | 150, low(kA), low(kB)),
+                          report("entry->mq == queue", 0x42000000 | 154, low(queue), 0)}));
+    EXPECT_EQ(dispatched(1, 256, 7), (Seen{"h!", "b!"}));
     EXPECT_EQ(cb_unregister(1, 256, &kClassified, 7), 0);
     EXPECT_EQ(cb_unregister(1, 256, &kClassified, 7), UTILS_ENOENT);
-    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, callback_a, queue), 0);
-    EXPECT_EQ(reports.size(), 2u);
 
-    // Without classify only -1 is served; without the checked key replacements are silent.
-    EXPECT_EQ(cb_register(2, 0, &kHooked, -1, callback_a, nullptr), 0);
-    EXPECT_EQ(cb_register(2, 0, &kHooked, -1, callback_b, nullptr), 0);
-    EXPECT_EQ(dispatched(2, 0, 5), (Calls{"hook arg", "b arg"}));
-    EXPECT_EQ(cb_register(3, 0, nullptr, 5, callback_a, nullptr), 0);
-    EXPECT_EQ(dispatched(3, 0, 5), Calls{});
-    EXPECT_EQ(reports.size(), 2u);
+    // Without the checked key, and after a withdrawal, replacements are silent; without classify
+    // only -1 is served.
+    EXPECT_EQ(cb_register(2, 0, &kHooked, -1, kA, nullptr), 0);
+    seen.clear();
+    EXPECT_EQ(cb_register(1, 256, &kClassified, 7, kA, queue), 0);
+    EXPECT_EQ(cb_register(2, 0, &kHooked, -1, kB, nullptr), 0);
+    EXPECT_EQ(cb_register(3, 0, nullptr, 5, kA, nullptr), 0);
+    EXPECT_EQ(seen, Seen{});
+    EXPECT_EQ(dispatched(2, 0, 5), (Seen{"h!", "b!"}));
+    EXPECT_EQ(dispatched(3, 0, 5), Seen{});
 
 #ifdef UTILS_FAKE_HEAP
     support::refuse_after = 0;
-    int refused = cb_register(5, 0, &kSilent, 1, callback_a, nullptr);
+    int refused = cb_register(5, 0, &kSilent, 1, kA, nullptr);
     support::refuse_after = -1;
     EXPECT_EQ(refused, UTILS_ENOMEM);
 #endif
-    EXPECT_EQ(cb_register(5, 0, &kSilent, 1, callback_a, nullptr), 0);
-    EXPECT_EQ(cb_register(6, 0, &kSilent, 1, callback_a, nullptr), 0);
-    EXPECT_EQ(cb_register(7, 0, &kSilent, 1, callback_a, nullptr), CB_TABLE_FULL);
+    int results[] = {0, 0, CB_TABLE_FULL};
+    for (uint32_t key = 5; key <= 7; ++key)
+        EXPECT_EQ(cb_register(key, 0, &kSilent, 1, kA, nullptr), results[key - 5]);
     EXPECT_EQ(cb_unregister(7, 0, &kSilent, 1), UTILS_ENOENT);
-    EXPECT_EQ(cb_register(6, 0, &kSilent, 2, callback_b, nullptr), 0);
-    EXPECT_EQ(dispatched(6, 0, 2), Calls{"b arg"});
-    msgQDelete(queue);
 }
 
-// Group 6 against a map, from several dispatching threads' view in the end; every fifth
-// registration grows it.
+// Group 6 against a model; every fifth registration grows it.
 TEST(Register, AgreesWithAModelWhileItGrows) {
     std::mt19937 random(6);
-    std::map<int32_t, cb_callback> model{{1, callback_a}, {2, callback_b}};
-    size_t used = 2, capacity = 4;
-    std::map<int32_t, bool> kept{{1, true}, {2, true}};  // identifiers that have an entry
+    std::map<int32_t, cb_callback> model{{1, kA}};  // null: the entry is kept, but withdrawn
+    size_t capacity = 4;
     for (int step = 0; step < 4000; ++step) {
-        auto id = static_cast<int32_t>(random() % 200 + 1);
+        auto id = static_cast<int32_t>(random() % 200 + 1),
+             probe = static_cast<int32_t>(random() % 200 + 1);
         if (random() % 3 == 0) {
-            ASSERT_EQ(cb_unregister(6, 0, &kSilent, id), model.erase(id) != 0 ? 0 : UTILS_ENOENT);
+            bool live = model.count(id) != 0 && model[id] != nullptr;
+            ASSERT_EQ(cb_unregister(6, 0, &kSilent, id), live ? 0 : UTILS_ENOENT);
+            if (live)
+                model[id] = nullptr;
         } else {
-            int before = support::allocations;
-            cb_callback callback = random() % 2 != 0 ? callback_a : callback_b;
+            [[maybe_unused]] int before = support::allocations;
+            cb_callback callback = random() % 2 != 0 ? kA : kB;
             ASSERT_EQ(cb_register(6, 0, &kSilent, id, callback, nullptr), 0);
 #ifdef UTILS_FAKE_HEAP
-            ASSERT_EQ(support::allocations - before, used == capacity ? 1 : 0);
+            ASSERT_EQ(support::allocations - before, model.size() == capacity ? 1 : 0);
 #endif
-            (void)before;
-            capacity += used == capacity ? 4 : 0;
-            used += kept.emplace(id, true).second ? 1 : 0;
+            capacity += model.size() == capacity ? 4 : 0;
             model[id] = callback;
         }
-        auto probe = static_cast<int32_t>(random() % 200 + 1);
-        Calls expected;
-        if (model.count(probe) != 0)
-            expected = {model[probe] == callback_a ? "a arg" : "b arg"};
-        ASSERT_EQ(dispatched(6, 0, probe), expected);
+        cb_callback served = model.count(probe) != 0 ? model[probe] : nullptr;
+        ASSERT_EQ(dispatched(6, 0, probe),
+                  served == nullptr ? Seen{} : Seen{served == kA ? "a!" : "b!"});
     }
 }
 
-int withdraw(void *) {
-    cb_unregister(5, 0, &kSilent, 90);
-    for (int32_t id = 100; id < 110; ++id)
-        cb_register(5, 0, &kSilent, id, callback_a, nullptr);
-    return 0;
-}
-
 TEST(Register, CallbackMayWithdrawItselfAndMakeTheGroupGrow) {
-    msgQHandle queue = msgQCreate(1, CB_MESSAGE_SIZE, 0, "withdrawn");
+    cb_callback withdraw = [](void *) {
+        cb_unregister(5, 0, &kSilent, 90);
+        for (int32_t id = 100; id < 110; ++id)
+            cb_register(5, 0, &kSilent, id, kA, nullptr);
+        return 0;
+    };
     EXPECT_EQ(cb_register(5, 0, &kSilent, 90, withdraw, queue), 0);
+    int queued = queue->queued.count;
     dispatched(5, 0, 90);
-    EXPECT_EQ(queue->queued.count, 0);
-    EXPECT_EQ(dispatched(5, 0, 109), Calls{"a arg"});
-    msgQDelete(queue);
+    EXPECT_EQ(queue->queued.count, queued);
+    EXPECT_EQ(dispatched(5, 0, 109), Seen{"a!"});
 }
 
 }  // namespace
