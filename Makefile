@@ -6,11 +6,12 @@ MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 DESTDIR ?=
+SECONDS ?= 20
 CCACHE := $(shell command -v ccache 2>/dev/null)
 export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 
-build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config
+build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev
 test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
 target_packages := g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
 docs_packages := doxygen mandoc man-db
@@ -31,7 +32,7 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help demo test native target asan tsan clang lint format docs package install clean ci
+.PHONY: help demo test native target asan tsan clang fuzz bench lint format docs package install clean ci
 
 help: ## This list
 	@grep -hE '^[a-z-]+:.*##' Makefile | sed -E 's/:.*## /|/' | column -t -s '|'
@@ -63,6 +64,16 @@ tsan: ## Run the tests under the thread sanitizer
 clang: ## Build everything with clang++ (warnings are errors) and run the tests
 	@scripts/need $(test_packages) clang
 	$(call check,clang)
+
+fuzz: ## Run every fuzz target for SECONDS (default 20)
+	@scripts/need $(build_packages) bubblewrap clang libclang-rt-14-dev
+	$(call build,fuzz)
+	@scripts/fuzz build/fuzz $(SECONDS)
+
+bench: ## Run the benchmarks, ours and their peers side by side
+	@scripts/need $(build_packages) libbenchmark-dev
+	$(call build,bench)
+	@for program in build/bench/bin/*_bench; do echo "== $$program"; $$program; done
 
 format: ## Format the sources
 	@scripts/need clang-format

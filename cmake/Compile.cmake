@@ -20,6 +20,9 @@ foreach(flag -fstack-clash-protection -fcf-protection=full)
     endif()
 endforeach()
 
+if(UTILS_FUZZ)
+    target_compile_options(utils_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 if(UTILS_SANITIZE)
     target_compile_options(utils_build_flags INTERFACE
         -fsanitize=${UTILS_SANITIZE} -fno-omit-frame-pointer)

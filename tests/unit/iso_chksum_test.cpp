@@ -48,7 +48,7 @@ void expect_verifies(Bytes unit, size_t field) {
 
 TEST(IsoChksum, AgreesWithTheSimpleFormForEveryLength) {
     std::mt19937 random(1);
-    for (size_t size = 2; size <= 9000; size += support::emulated() && size % 4102 > 16 ? 13 : 1) {
+    for (size_t size = 2; size <= 9000; ++size) {
         Bytes unit = random_bytes(size, random);
         ASSERT_NO_FATAL_FAILURE(expect_verifies(unit, random() % (size - 1)));
     }
@@ -69,7 +69,8 @@ TEST(IsoChksum, FindsEverySingleChangedBit) {
         Bytes unit = random_bytes(size, random);
         size_t field = random() % (size - 1);
         compute(unit, field);
-        for (size_t bit = 0; bit<8 * size; bit += size> 100 && support::emulated() ? 83 : 1) {
+        const size_t stride = size > 100 && support::emulated() ? 11 : 1;
+        for (size_t bit = 0; bit < 8 * size; bit += stride) {
             unit[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);
             ASSERT_EQ(ok(unit, field), 0) << size << " bit " << bit;
             unit[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);

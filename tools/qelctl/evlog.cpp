@@ -1,0 +1,197 @@
+// qelctl evlog: event logs of living and dead processes, read from their trace sections. A section
+// is copied before it is looked at, and everything in it is checked: its writer may be running,
+// dead or another program altogether.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "qelctl.h"
+#include "utils/evlog.h"
+#include "utils/platform/trace.h"
+
+namespace qelctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr long kFollowPauseNs = 100 * 1000 * 1000;
+
+// A copy of a section, ready for qel_evlog_dump().
+class Section {
+  public:
+    explicit Section(const fs::path &path) {
+        int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd < 0)
+            throw system_failure(path);
+        constexpr size_t kMost =
+            sizeof(qel_evlog_handle) + QEL_EVLOG_MAX_ENTRIES * sizeof(qel_evlog_entry);
+        bytes_.resize((kMost + sizeof(qel_evlog_handle) - 1) / sizeof(qel_evlog_handle));
+        ssize_t size = pread(fd, bytes_.data(), kMost, 0);
+        close(fd);
+        if (size < 0)
+            throw system_failure(path);
+        if (!prepare(static_cast<size_t>(size)))
+            throw Failure(path.string() + ": not an event log");
+    }
+
+    qel_evlog_handle *log() { return &bytes_[0]; }
+    int total() { return log()->total; }
+    // How many events were ever written, modulo what the header can count.
+    int position() { return log()->wrapped * total() + log()->current; }
+    int positions() { return 256 * total(); }
+    qel_evlog_entry *entry(int position) { return &log()->entries[position % total()]; }
+
+  private:
+    bool prepare(size_t size) {
+        qel_evlog_handle *header = log();
+        if (size < sizeof *header || header->magic != QEL_EVLOG_MAGIC || header->total < 1 ||
+            header->total > QEL_EVLOG_MAX_ENTRIES || header->current < 0 ||
+            header->current >= header->total ||
+            size < sizeof *header + static_cast<size_t>(header->total) * sizeof(qel_evlog_entry))
+            return false;
+        header->entries = reinterpret_cast<qel_evlog_entry *>(header + 1);
+        header->next = nullptr;
+        header->name[sizeof header->name - 1] = '\0';
+        header->shortcut[sizeof header->shortcut - 1] = '\0';
+        for (int i = 0; i < header->total; ++i)
+            header->entries[i].text[QEL_EVLOG_TEXT_SIZE - 1] = '\0';
+        return pthread_mutex_init(&header->lock, nullptr) == 0;
+    }
+
+    std::vector<qel_evlog_handle> bytes_;
+};
+
+struct SectionFile {
+    fs::path path;
+    int pid = 0, section = 0;
+    std::string program, name;
+};
+
+bool alive(int pid) {
+    return kill(pid, 0) == 0 || errno != ESRCH;
+}
+
+std::optional<SectionFile> parse(const fs::path &path) {
+    SectionFile file;
+    char program[TRACE_PROGRAM_SIZE], name[TRACE_NAME_SIZE];
+    if (sscanf(path.filename().c_str(), TRACE_FILE_SCAN, &file.pid, &file.section, program, name) !=
+        4)
+        return {};
+    file.path = path;
+    file.program = program;
+    file.name = name;
+    return file;
+}
+
+// The section files, of one process or of all (pid 0), by process and number.
+std::vector<SectionFile> section_files(int pid) {
+    std::vector<SectionFile> files;
+    std::error_code error;
+    for (const fs::directory_entry &entry : fs::directory_iterator(TRACE_DIRECTORY, error)) {
+        std::optional<SectionFile> file = parse(entry.path());
+        if (file && (pid == 0 || file->pid == pid))
+            files.push_back(*file);
+    }
+    std::sort(files.begin(), files.end(), [](const SectionFile &a, const SectionFile &b) {
+        return std::tie(a.pid, a.section) < std::tie(b.pid, b.section);
+    });
+    return files;
+}
+
+void list_sections() {
+    printf("%-7s  %-7s  %-16s  %-20s  %s\n", "PID", "SECTION", "PROGRAM", "NAME", "STATE");
+    for (const SectionFile &file : section_files(0))
+        printf("%-7d  %-7d  %-16s  %-20s  %s\n", file.pid, file.section, file.program.c_str(),
+               file.name.c_str(), alive(file.pid) ? "running" : "dead");
+}
+
+void print_entry(Section &section, int position) {
+    char line[QEL_EVLOG_LINE_SIZE] = "";
+    if (section.entry(position)->seconds == 0)
+        return;  // the log was cleared meanwhile
+    qel_evlog_entry_dump(stdout, line, section.entry(position), 1);
+    fputs(line, stdout);
+}
+
+// Prints events as they come, until the writer is dead (or for good, when it is not known).
+void follow(const fs::path &path, int pid) {
+    int last = -1;
+    while (true) {
+        bool ends = pid > 0 && !alive(pid);
+        Section section(path);
+        int position = section.position();
+        if (last < 0)  // a slot ahead that was written before says that the ring has wrapped
+            last = section.entry(position)->seconds != 0 ? position - section.total() : 0;
+        if (position < last)
+            position += section.positions();
+        // A writer that has lapped us leaves only what the ring still holds.
+        for (int i = std::max(last, position - section.total()); i < position; ++i)
+            print_entry(section, i + section.positions());
+        last = position % section.positions();
+        if (fflush(stdout) != 0 || ends)
+            return;
+        timespec pause{0, kFollowPauseNs};
+        nanosleep(&pause, nullptr);
+    }
+}
+
+struct Choice {
+    int pid = 0;
+    std::string file;
+    bool follow = false;
+};
+
+void show(const Choice &choice) {
+    std::vector<SectionFile> files;
+    if (!choice.file.empty()) {
+        fs::path path = choice.file.find('/') != std::string::npos
+                            ? fs::path(choice.file)
+                            : fs::path(TRACE_DIRECTORY) / choice.file;
+        files.push_back(parse(path).value_or(SectionFile{path, 0, 0, "", ""}));
+    } else if (choice.pid != 0) {
+        files = section_files(choice.pid);
+        if (files.empty())
+            throw Failure("process " + std::to_string(choice.pid) + " has left no event log");
+    } else {
+        return list_sections();
+    }
+    if (choice.follow && files.size() > 1)
+        throw Failure("several logs; name the one to follow with --file", kUsage);
+    for (const SectionFile &file : files) {
+        if (choice.follow) {
+            follow(file.path, file.pid);
+        } else {
+            Section section(file.path);
+            qel_evlog_dump(stdout, section.log(), 1);
+        }
+    }
+}
+
+}  // namespace
+
+void add_evlog(CLI::App &app) {
+    static Choice choice;
+    CLI::App *command =
+        add_subcommand(app, "evlog", "Print event logs of living and dead processes");
+    auto *pid = command->add_option("--pid", choice.pid, "Every log of this process")
+                    ->check(CLI::PositiveNumber)
+                    ->type_name("PID");
+    command->add_option("--file", choice.file, "One section: a file name of the list, or a path")
+        ->excludes(pid)
+        ->type_name("SECTION");
+    command->add_flag("--follow", choice.follow,
+                      "Print events as they come, until the process is dead");
+    command->footer("Without --pid and --file, lists the sections that there are.");
+    command->callback([] { show(choice); });
+}
+
+}  // namespace qelctl
