@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Drives portshow the way an operator would, at a terminal of its own: each answer is typed when its
-# prompt stands there. Prints the session, and fails unless it ends as it should.
+# prompt stands there. Prints the dialogue, and fails unless it ends as it should.
 #
 #   portshow_demo.sh PORTSHOW
 set -euo pipefail
@@ -32,7 +32,7 @@ coproc terminal { exec script -qefc "$(printf '%q' "$tool") -s 2 1/12 3/b/05 A/7
 child=$terminal_PID
 exec 3<&"${terminal[0]}" 4>&"${terminal[1]}"
 
-# Prints the session line by line. A prompt is a line that stays open behind "] ", but for the one that
+# Prints the dialogue line by line. A prompt is a line that stays open behind "] ", but for the one that
 # goes on with the prefix of its answer.
 line= last= next=0
 while IFS= read -r -d '' -N 1 -t $limit character <&3; do

@@ -20,7 +20,8 @@ UTILS_BEGIN_DECLS
 #define IPC_MESSAGE_SIZE 2048 /**< room for the request in a message to a handler */
 #define IPC_HANDLERS_MAX 32   /**< most message codes that a daemon registers */
 
-/** @name Message codes of the demo daemons @{ */
+/** @name Message codes of the demo daemons
+ *  @{ */
 #define IPC_CODE_REDIRECT_OUTPUT 0x4401 /**< ipcCbQelDRedirectOutput() */
 #define IPC_CODE_EXIT 0x4402            /**< ipcCbQelDExitHandler() */
 /** @} */

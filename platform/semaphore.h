@@ -12,11 +12,12 @@
 
 UTILS_BEGIN_DECLS
 
+/** A semaphore; its size is the platform's. */
 typedef struct semaphore {
-    int32_t user;  /**< the library's word */
-    int32_t value; /**< the rest is the platform's own state */
-    pthread_mutex_t lock;
-    pthread_cond_t positive;
+    int32_t user;            /**< the library's word */
+    int32_t value;           /**< the rest is the platform's own state */
+    pthread_mutex_t lock;    /**< guards the value */
+    pthread_cond_t positive; /**< signalled when the value rises */
 } semaphore_t;
 
 /** Prepares the object with value 1. @return 0, or non-zero when it cannot be made */

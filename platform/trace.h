@@ -12,7 +12,8 @@
 
 UTILS_BEGIN_DECLS
 
-#define TRACE_KIND_EVENT_LOG 136 /**< kind of a section that holds an event log, see utils/evlog.h */
+#define TRACE_KIND_EVENT_LOG \
+    136 /**< kind of a section that holds an event log, see utils/evlog.h */
 
 /**
  * Obtains a zero-filled section.
@@ -43,10 +44,11 @@ int trace_module_cleanup(int handle);
  *  Releasing a section removes its file; otherwise it stays when its process ends. Of each program
  *  (the files of one user) the newest TRACE_FILES_KEPT stay, older ones are removed when a new
  *  section is made. @{ */
-#define TRACE_DIRECTORY "/dev/shm/trace" /**< directory of the section files; world-writable and sticky */
-#define TRACE_FILES_KEPT 16              /**< section files kept of a program */
-#define TRACE_PROGRAM_SIZE 32            /**< room for a program's name and its terminator */
-#define TRACE_NAME_SIZE 64               /**< room for a section's name and its terminator */
+#define TRACE_DIRECTORY \
+    "/dev/shm/trace"          /**< directory of the section files; world-writable and sticky */
+#define TRACE_FILES_KEPT 16   /**< section files kept of a program */
+#define TRACE_PROGRAM_SIZE 32 /**< room for a program's name and its terminator */
+#define TRACE_NAME_SIZE 64    /**< room for a section's name and its terminator */
 /** File name as printf() writes it: int pid, int section, program, name. */
 #define TRACE_FILE_FORMAT "%d.%d.%s.%s"
 /** File name as sscanf() reads it into the same four, the texts with TRACE_PROGRAM_SIZE and

@@ -2,10 +2,10 @@
  * @file assert.h
  * @brief Consistency checks that report to the RAS event log and the system console.
  *
- * An ASSERT is fatal: after its report the process writes through a null pointer, so that the kernel
- * ends it with SIGSEGV and leaves a core file (see signals.h for where). A VERIFY reports and lets
- * the caller recover. Programs use the macros QEL_ASSERT() and QEL_VERIFY(); the functions beneath
- * them are for checks that carry a source place of their own.
+ * An ASSERT is fatal: after its report the process writes through a null pointer, so that the
+ * kernel ends it with SIGSEGV and leaves a core file (see signals.h for where). A VERIFY reports
+ * and lets the caller recover. Programs use the macros QEL_ASSERT() and QEL_VERIFY(); the functions
+ * beneath them are for checks that carry a source place of their own.
  *
  * Two switch files, read again at every failure, change what a failed check does. A switch is on
  * when its file holds exactly "on" and a newline.
@@ -17,9 +17,9 @@
  * | yes                | no               | event, console, crash         | event only          |
  * | yes                | yes              | event only, returns           | event only          |
  *
- * Threads: any thread may fail a check at any time. No lock is taken; the text is built on the stack
- * of the calling thread. errno is kept. (The first backtrace of a process makes the C library load
- * its unwinder.) Do not fail checks in signal handlers.
+ * Threads: any thread may fail a check at any time. No lock is taken; the text is built on the
+ * stack of the calling thread. errno is kept. (The first backtrace of a process makes the C library
+ * load its unwinder.) Do not fail checks in signal handlers.
  */
 #ifndef UTILS_ASSERT_H
 #define UTILS_ASSERT_H
@@ -28,12 +28,16 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name Switch files @{ */
-#define QEL_SUPPRESS_ASSERTS_FILE "/etc/config/suppress_asserts"   /**< on: no console reports, but before a crash */
-#define QEL_SUPPRESS_PANIC_FILE "/etc/config/suppress_panic_mode" /**< on: a failed ASSERT returns */
+/** @name Switch files
+ *  @{ */
+#define QEL_SUPPRESS_ASSERTS_FILE \
+    "/etc/config/suppress_asserts" /**< on: no console reports, but before a crash */
+#define QEL_SUPPRESS_PANIC_FILE \
+    "/etc/config/suppress_panic_mode" /**< on: a failed ASSERT returns */
 /** @} */
 
-/** @name Fields of the info word of do_assert() @{ */
+/** @name Fields of the info word of do_assert()
+ *  @{ */
 #define QEL_CHECK_ASSERT 0x80000000u    /**< kind: fatal; without this bit the check is a VERIFY */
 #define QEL_CHECK_VERIFY 0x40000000u    /**< set by the VERIFY wrappers; never read */
 #define QEL_CHECK_COUNT_SHIFT 24        /**< position of the number of values (4 bits) */
@@ -53,65 +57,73 @@ UTILS_BEGIN_DECLS
 int do_assert(const char *expr, const char *file, unsigned info, ...);
 
 /** @name Checks with a fixed number of values
- *  Each reports a failed check with its N values. The report shows the wrapper's own source line,
- *  not the caller's @p line. The dbg_assert family is fatal and returns 1 when panic is suppressed;
- *  the dbg_verify family returns 0. @{ */
-int dbg_assert0(const char *expr, const char *file, unsigned line); /**< ASSERT without values. @return 1 */
+ *  Each reports that @p expr failed in @p file, with its N values a1 to aN. The report shows the
+ *  wrapper's own source line, not the caller's @p line. The dbg_assert family is fatal and returns
+ * 1 when panic is suppressed; the dbg_verify family returns 0. @{ */
+int dbg_assert0(const char *expr, const char *file,
+                unsigned line); /**< ASSERT without values. @return 1 */
 /** ASSERT with 1 value. @return 1 */
 int dbg_assert1(const char *expr, const char *file, unsigned line, unsigned a1);
 /** ASSERT with 2 values. @return 1 */
 int dbg_assert2(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2);
 /** ASSERT with 3 values. @return 1 */
-int dbg_assert3(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3);
+int dbg_assert3(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3);
 /** ASSERT with 4 values. @return 1 */
-int dbg_assert4(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4);
+int dbg_assert4(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4);
 /** ASSERT with 5 values. @return 1 */
-int dbg_assert5(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5);
+int dbg_assert5(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5);
 /** ASSERT with 6 values. @return 1 */
-int dbg_assert6(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6);
+int dbg_assert6(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6);
 /** ASSERT with 7 values. @return 1 */
-int dbg_assert7(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6, unsigned a7);
+int dbg_assert7(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7);
 /** ASSERT with 8 values. @return 1 */
-int dbg_assert8(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8);
+int dbg_assert8(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8);
 /** ASSERT with 9 values. @return 1 */
-int dbg_assert9(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8, unsigned a9);
+int dbg_assert9(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8,
+                unsigned a9);
 /** ASSERT with 10 values. @return 1 */
-int dbg_assert10(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                 unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8, unsigned a9, unsigned a10);
-int dbg_verify0(const char *expr, const char *file, unsigned line); /**< VERIFY without values. @return 0 */
+int dbg_assert10(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                 unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8,
+                 unsigned a9, unsigned a10);
+int dbg_verify0(const char *expr, const char *file,
+                unsigned line); /**< VERIFY without values. @return 0 */
 /** VERIFY with 1 value. @return 0 */
 int dbg_verify1(const char *expr, const char *file, unsigned line, unsigned a1);
 /** VERIFY with 2 values. @return 0 */
 int dbg_verify2(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2);
 /** VERIFY with 3 values. @return 0 */
-int dbg_verify3(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3);
+int dbg_verify3(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3);
 /** VERIFY with 4 values. @return 0 */
-int dbg_verify4(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4);
+int dbg_verify4(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4);
 /** VERIFY with 5 values. @return 0 */
-int dbg_verify5(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5);
+int dbg_verify5(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5);
 /** VERIFY with 6 values. @return 0 */
-int dbg_verify6(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6);
+int dbg_verify6(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6);
 /** VERIFY with 7 values. @return 0 */
-int dbg_verify7(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6, unsigned a7);
+int dbg_verify7(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7);
 /** VERIFY with 8 values. @return 0 */
-int dbg_verify8(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8);
+int dbg_verify8(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8);
 /** VERIFY with 9 values. @return 0 */
-int dbg_verify9(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8, unsigned a9);
+int dbg_verify9(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8,
+                unsigned a9);
 /** VERIFY with 10 values. @return 0 */
-int dbg_verify10(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2, unsigned a3,
-                 unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8, unsigned a9, unsigned a10);
+int dbg_verify10(const char *expr, const char *file, unsigned line, unsigned a1, unsigned a2,
+                 unsigned a3, unsigned a4, unsigned a5, unsigned a6, unsigned a7, unsigned a8,
+                 unsigned a9, unsigned a10);
 /** @} */
 
 /**
@@ -125,28 +137,31 @@ int dbg_test_assert(int count);
 UTILS_END_DECLS
 
 /** The info word of a check on this line with @p count values. */
-#define QEL_CHECK_INFO(kind, count) \
-    ((kind) | (unsigned)(count) << QEL_CHECK_COUNT_SHIFT | ((unsigned)__LINE__ & QEL_CHECK_LINE_MASK))
+#define QEL_CHECK_INFO(kind, count)                        \
+    ((kind) | (unsigned)(count) << QEL_CHECK_COUNT_SHIFT | \
+     ((unsigned)__LINE__ & QEL_CHECK_LINE_MASK))
 
 /** A fatal check: nothing happens when @p expr holds. */
 #define QEL_ASSERT(expr) \
     ((expr) ? (void)0 : (void)do_assert(#expr, __FILE__, QEL_CHECK_INFO(QEL_CHECK_ASSERT, 0)))
 
-/** A check to recover from: @return 1 when @p expr holds; otherwise it is reported and the value is 0 */
-#define QEL_VERIFY(expr) ((expr) ? 1 : do_assert(#expr, __FILE__, QEL_CHECK_INFO(QEL_CHECK_VERIFY, 0)))
+/** A check to recover from: @return 1 when @p expr holds; otherwise it is reported and the value is
+ * 0 */
+#define QEL_VERIFY(expr) \
+    ((expr) ? 1 : do_assert(#expr, __FILE__, QEL_CHECK_INFO(QEL_CHECK_VERIFY, 0)))
 
 /** As QEL_ASSERT(), with 1 to 10 integers that are shown with the report. */
-#define QEL_ASSERT_VALUES(expr, ...)                                                              \
-    ((expr) ? (void)0                                                                             \
-            : (void)do_assert(#expr, __FILE__,                                                    \
-                              QEL_CHECK_INFO(QEL_CHECK_ASSERT, QEL_COUNT_VALUES_(__VA_ARGS__)),   \
+#define QEL_ASSERT_VALUES(expr, ...)                                                            \
+    ((expr) ? (void)0                                                                           \
+            : (void)do_assert(#expr, __FILE__,                                                  \
+                              QEL_CHECK_INFO(QEL_CHECK_ASSERT, QEL_COUNT_VALUES_(__VA_ARGS__)), \
                               QEL_VALUES_(QEL_COUNT_VALUES_(__VA_ARGS__), __VA_ARGS__)))
 
 /** As QEL_VERIFY(), with 1 to 10 integers that are shown with the report. */
-#define QEL_VERIFY_VALUES(expr, ...)                                                              \
-    ((expr) ? 1                                                                                   \
-            : do_assert(#expr, __FILE__,                                                          \
-                        QEL_CHECK_INFO(QEL_CHECK_VERIFY, QEL_COUNT_VALUES_(__VA_ARGS__)),         \
+#define QEL_VERIFY_VALUES(expr, ...)                                                      \
+    ((expr) ? 1                                                                           \
+            : do_assert(#expr, __FILE__,                                                  \
+                        QEL_CHECK_INFO(QEL_CHECK_VERIFY, QEL_COUNT_VALUES_(__VA_ARGS__)), \
                         QEL_VALUES_(QEL_COUNT_VALUES_(__VA_ARGS__), __VA_ARGS__)))
 
 /** @cond The number of values, and each of them as the unsigned word that a report shows. */

@@ -9,6 +9,8 @@
 
 #include <stdint.h>
 
+/* Around the declarations of a public header: C linkage, visible in the library. */
+/** @cond */
 #ifdef __cplusplus
 #define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)") extern "C" {
 #define UTILS_END_DECLS \
@@ -18,23 +20,26 @@
 #define UTILS_BEGIN_DECLS _Pragma("GCC visibility push(default)")
 #define UTILS_END_DECLS _Pragma("GCC visibility pop")
 #endif
+/** @endcond */
 
-/** Lets the compiler check a printf-like call: position of the text, of the first value (0: a va_list). */
+/** Lets the compiler check a printf-like call: position of the text, of the first value (0: a
+ * va_list). */
 #define UTILS_PRINTF(text, values) __attribute__((__format__(__printf__, text, values)))
 
 /** @name Results that several families share
  *  The negative numbers are negated errno values of the target's kernel. @{ */
-#define UTILS_OK 0
-#define UTILS_ERROR (-1)
-#define UTILS_ENOENT (-2)
-#define UTILS_EAGAIN (-11)
-#define UTILS_ENOMEM (-12)
-#define UTILS_EINVAL (-22)
+#define UTILS_OK 0         /**< success */
+#define UTILS_ERROR (-1)   /**< failure without a code of its own */
+#define UTILS_ENOENT (-2)  /**< no such thing */
+#define UTILS_EAGAIN (-11) /**< not now; try again */
+#define UTILS_ENOMEM (-12) /**< out of memory */
+#define UTILS_EINVAL (-22) /**< invalid argument */
 /** @} */
 
-/** @name Time-outs of the tasking layer, in milliseconds @{ */
-#define UTILS_WAIT_FOREVER (-1)
-#define UTILS_NO_WAIT 0
+/** @name Time-outs of the tasking layer, in milliseconds
+ *  @{ */
+#define UTILS_WAIT_FOREVER (-1) /**< wait without limit */
+#define UTILS_NO_WAIT 0         /**< do not wait */
 /** @} */
 
 #endif

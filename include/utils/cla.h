@@ -19,7 +19,8 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name Results of this family @{ */
+/** @name Results of this family
+ *  @{ */
 #define CLA_NOT_A_NUMBER 1     /**< clafGetInt(), clafGetShort(): the text is not a number */
 #define CLA_ERR_FORM (-7)      /**< bad arguments or bad form */
 #define CLA_ERR_NO_PORT (-8)   /**< nothing follows the slash */
@@ -82,6 +83,8 @@ int clafArgPresent(int argc, char **argv, const char *keyword);
  * Finds the first argument of the form slot/port. On a match its entry in @p argv points to the
  * port text behind the slash from then on (without leading zeros), and the slot is stored. "0/007"
  * gives slot 0 and the port text "7"; a hexadecimal slot does not match.
+ * @param argc number of arguments
+ * @param argv the arguments
  * @param slot set on a match only
  * @return 0, match or not; CLA_ERR_FORM when @p argc is below 1
  */
@@ -93,6 +96,8 @@ int clafSlotSlashPort(int argc, char **argv, int *slot);
  * be empty behind a pic). A pic is one character: A or a is 1, B or b is 2; an empty one is not
  * stored. When argv[0] is "portName" (ignoring case) and there are more than two arguments, only
  * the first two are examined, since the others are free text. More slashes than that are bad form.
+ * @param argc number of arguments
+ * @param argv the arguments
  * @param slot set when the argument names one
  * @param pic  set when the argument names one
  * @return 0, with or without a match; CLA_ERR_FORM when @p argc is below 1 or the form is bad;

@@ -35,8 +35,8 @@ int verbose_printf(const char *format, ...) UTILS_PRINTF(1, 2);
 /**
  * Reads the switch file @p name in CONFIG_SWITCH_DIRECTORY.
  * @param name file name of the switch
- * @return 1 (on) when the file begins with "on" in upper or lower case, when it is missing or cannot
- *         be opened, or when its path is too long; 0 (off) for any other content, an empty or
+ * @return 1 (on) when the file begins with "on" in upper or lower case, when it is missing or
+ * cannot be opened, or when its path is too long; 0 (off) for any other content, an empty or
  *         unreadable file and a null name
  */
 int check_config_onoff(const char *name);

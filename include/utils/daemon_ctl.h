@@ -22,12 +22,14 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name Kinds of redirection @{ */
+/** @name Kinds of redirection
+ *  @{ */
 #define QELD_REDIRECT_PATH 1   /**< to a file or terminal */
 #define QELD_REDIRECT_SERVER 2 /**< to a TCP server */
 /** @} */
 
-/** @name Exit modes @{ */
+/** @name Exit modes
+ *  @{ */
 #define QELD_EXIT_NORMAL 1 /**< exit with status 0 */
 #define QELD_EXIT_ABORT 2  /**< abort, so that a core file is written */
 /** @} */

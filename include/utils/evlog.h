@@ -7,17 +7,17 @@
  * died; on three platform codes it is heap memory. A daemon groups its logs in a database.
  *
  * To read a log of another process: copy the whole section (see platform/trace.h for the stand-in's
- * files), check magic and total against its size, point the copy's @c entries behind its header, make its mutex
- * with pthread_mutex_init(), clear @c next, and give it to qel_evlog_dump(). While the writer runs,
- * the entry at @c current may be half written.
+ * files), check magic and total against its size, point the copy's @c entries behind its header,
+ * make its mutex with pthread_mutex_init(), clear @c next, and give it to qel_evlog_dump(). While
+ * the writer runs, the entry at @c current may be half written.
  *
  * Not for texts longer than 67 characters; those are cut. End event texts with a newline: a dump
  * overwrites the last character of a text that has none.
  *
  * Threads: any thread may log, dump, clear and toggle. A log's mutex is held while it prints, so a
- * thread that uses these calls is not to be cancelled. Lock order: database, then log. Freeing needs
- * the log to be out of use. After fork() the child may go on writing to a log in a trace section
- * (both write to the same ring), but leaves freeing to its parent.
+ * thread that uses these calls is not to be cancelled. Lock order: database, then log. Freeing
+ * needs the log to be out of use. After fork() the child may go on writing to a log in a trace
+ * section (both write to the same ring), but leaves freeing to its parent.
  */
 #ifndef UTILS_EVLOG_H
 #define UTILS_EVLOG_H
@@ -28,20 +28,21 @@
 
 UTILS_BEGIN_DECLS
 
-#define QEL_EVLOG_MAGIC 0xAA55AA55u  /**< first word of every log */
-#define QEL_EVLOG_MAX_ENTRIES 5000   /**< most entries of a log */
-#define QEL_EVLOG_MAX_SECTIONS 15    /**< most logs ever created in a database */
-#define QEL_EVLOG_TEXT_SIZE 68       /**< room for an event's text and its terminator */
-#define QEL_EVLOG_NAME_SIZE 40       /**< most characters of a log's name */
-#define QEL_EVLOG_SHORTCUT_SIZE 10   /**< most characters of a shortcut */
-#define QEL_EVLOG_LINE_SIZE 80       /**< room for one formatted entry */
-#define QEL_EVLOG_HEAP (-1)          /**< trace handle of a log in heap memory */
+#define QEL_EVLOG_MAGIC 0xAA55AA55u /**< first word of every log */
+#define QEL_EVLOG_MAX_ENTRIES 5000  /**< most entries of a log */
+#define QEL_EVLOG_MAX_SECTIONS 15   /**< most logs ever created in a database */
+#define QEL_EVLOG_TEXT_SIZE 68      /**< room for an event's text and its terminator */
+#define QEL_EVLOG_NAME_SIZE 40      /**< most characters of a log's name */
+#define QEL_EVLOG_SHORTCUT_SIZE 10  /**< most characters of a shortcut */
+#define QEL_EVLOG_LINE_SIZE 80      /**< room for one formatted entry */
+#define QEL_EVLOG_HEAP (-1)         /**< trace handle of a log in heap memory */
 
 /** One event; 76 bytes. */
 typedef struct qel_evlog_entry {
     int32_t seconds;                /**< time of day, seconds */
     int32_t microseconds;           /**< time of day, microseconds */
-    char text[QEL_EVLOG_TEXT_SIZE]; /**< the event, terminated; empty when the entry was never written */
+    char text[QEL_EVLOG_TEXT_SIZE]; /**< the event, terminated; empty when the entry was never
+                                       written */
 } qel_evlog_entry;
 
 /**
@@ -49,17 +50,17 @@ typedef struct qel_evlog_entry {
  * that read it; to be changed only by the calls below.
  */
 typedef struct qel_evlog_handle {
-    uint32_t magic;   /**< QEL_EVLOG_MAGIC */
-    int32_t total;    /**< number of entries */
-    int32_t current;  /**< index of the entry that is written next */
-    uint8_t wrapped;  /**< how often the ring has wrapped, modulo 256 */
+    uint32_t magic;                         /**< QEL_EVLOG_MAGIC */
+    int32_t total;                          /**< number of entries */
+    int32_t current;                        /**< index of the entry that is written next */
+    uint8_t wrapped;                        /**< how often the ring has wrapped, modulo 256 */
     char name[QEL_EVLOG_NAME_SIZE];         /**< without terminator when it has 40 characters */
     char shortcut[QEL_EVLOG_SHORTCUT_SIZE]; /**< without terminator when it has 10 characters */
-    pthread_mutex_t lock;          /**< guards the ring and the echo flag */
-    qel_evlog_entry *entries;      /**< the first entry, in the owner's address space */
+    pthread_mutex_t lock;                   /**< guards the ring and the echo flag */
+    qel_evlog_entry *entries;               /**< the first entry, in the owner's address space */
     struct qel_evlog_handle *next; /**< next log of the database, in the owner's address space */
-    int32_t echo;                  /**< non-zero: each new event is also printed on standard output */
-    int32_t trace_handle;          /**< the platform's handle of the section, or QEL_EVLOG_HEAP */
+    int32_t echo;         /**< non-zero: each new event is also printed on standard output */
+    int32_t trace_handle; /**< the platform's handle of the section, or QEL_EVLOG_HEAP */
 } qel_evlog_handle;
 
 /** A group of logs; the caller places it anywhere and prepares it with qel_evlog_init(). */
@@ -88,7 +89,8 @@ int qel_evlog_init(qel_evlog_db *db);
  * @param shortcut a short name to find it by, cut to 10 characters; null counts as ""
  * @return the log, or null
  */
-qel_evlog_handle *qel_evlog_newHandle(qel_evlog_db *db, int entries, const char *name, const char *shortcut);
+qel_evlog_handle *qel_evlog_newHandle(qel_evlog_db *db, int entries, const char *name,
+                                      const char *shortcut);
 
 /**
  * Adds an event with the time of day; the oldest entry of a full ring is overwritten.
@@ -109,8 +111,8 @@ int qel_evlog_dump(FILE *stream, qel_evlog_handle *handle, int level);
 
 /**
  * Formats one entry as "14:03:27.041 text" in local time; prints nothing. A text of more than 66
- * characters is cut to 65 and a newline. The last character of a shorter text becomes a newline. An entry
- * without text gives its time only.
+ * characters is cut to 65 and a newline. The last character of a shorter text becomes a newline. An
+ * entry without text gives its time only.
  * @param stream nothing happens when it is null
  * @param line   receives the line, QEL_EVLOG_LINE_SIZE bytes of room
  * @param entry  the entry
@@ -118,13 +120,15 @@ int qel_evlog_dump(FILE *stream, qel_evlog_handle *handle, int level);
  */
 void qel_evlog_entry_dump(FILE *stream, char *line, qel_evlog_entry *entry, int level);
 
-/** Appends a log to the list of @p db, whose lock the caller holds. @return 0, or -22 for a null argument */
+/** Appends @p handle to the logs of @p db, whose lock the caller holds. @return 0, or -22 for a
+ * null argument */
 int qel_evlog_dbInsert(qel_evlog_db *db, qel_evlog_handle *handle);
 
-/** Dumps every log of @p db in the order of creation, see qel_evlog_dump(). */
+/** Dumps every log of @p db on @p stream in the order of creation; @p level as for
+ * qel_evlog_dump(). */
 void qel_evlog_db_dump(FILE *stream, qel_evlog_db *db, int level);
 
-/** Prints name and shortcut of every log of @p db. */
+/** Prints name and shortcut of every log of @p db on @p stream. */
 void qel_evlog_db_list(FILE *stream, qel_evlog_db *db);
 
 /** @return the first log whose shortcut is @p shortcut in upper or lower case, or null */
@@ -136,7 +140,8 @@ void qel_evlog_db_clear(qel_evlog_db *db);
 /** Empties one log; null is ignored. */
 void qel_evlog_clear(qel_evlog_handle *handle);
 
-/** Releases every log of @p db; their section numbers are not given out again. @return 0, or -22 for null */
+/** Releases every log of @p db; their section numbers are not given out again. @return 0, or -22
+ * for null */
 int qel_evlog_free(qel_evlog_db *db);
 
 /** Releases one log without taking it off its database; null is ignored. */
@@ -145,7 +150,8 @@ void qel_evlog_handle_free(qel_evlog_handle *handle);
 /** Switches the printing of new events on or off; null is ignored. */
 void qel_evlog_handle_toggleShow(qel_evlog_handle *handle);
 
-/** Command entry: toggles the log of the current database whose shortcut is @p argv [2]. */
+/** Command entry: toggles the log of the current database whose shortcut is the third of the
+ * @p argc words in @p argv. */
 void qel_evlog_private_toggleShow(int argc, char **argv);
 
 /** Self-test: two logs, a few events, dumps on standard output. Takes a second. */

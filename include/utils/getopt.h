@@ -14,11 +14,11 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name What qelGetOpt_opt() tells besides an option letter @{ */
+/** @name What qelGetOpt_opt() tells besides an option letter
+ *  @{ */
 #define QELGETOPT_END (-1)    /**< the final call: no further option */
 #define QELGETOPT_UNKNOWN '?' /**< an unknown option, or an argument is missing */
-#define QELGETOPT_MISSING ':' /**< an argument is missing, and the option string begins with ':' \
-                               */
+#define QELGETOPT_MISSING ':' /**< an argument is missing, and messages are silenced by a ':' */
 /** @} */
 
 /** Where a scan stands; it lives during qelGetOpt() only and must not be kept by the callback. */

@@ -17,33 +17,29 @@ UTILS_BEGIN_DECLS
 
 /** @name Types of a value
  *  "number" is an int32_t, "text" a character array with room for @c max characters and a
- * terminator. Codes from 1 to 23 that are not listed are reserved: they return 0 at once. @{ */
-#define GETVAL_INT 1 /**< number, decimal, with a leading '-' if negative; min, max, multiple */
-#define GETVAL_HEX \
-    2 /**< number: hexadecimal behind 0x, octal behind 0, else decimal; min, max, multiple */
-#define GETVAL_TRUE_FALSE 3 /**< number 1 or 0: true, t, false, f in any case */
-#define GETVAL_YES_NO 4     /**< number 1 or 0: yes, y, no, n in any case */
-#define GETVAL_ON_OFF 5     /**< number 1 or 0: on, off in any case */
-#define GETVAL_STRING 6     /**< text, blanks kept; min and max are its length */
-#define GETVAL_PORT_ID \
-    7 /**< number: a Fibre Channel port id, hexadecimal with or without 0x; min, max, multiple */
-#define GETVAL_STRING_TRIM \
-    11 /**< text, leading blanks and tabs removed; min and max are its length */
-#define GETVAL_IP_HOST \
-    12 /**< IPv4 address in dotted form, first and last number 1 to 254; see GETVAL_IP_ROOM */
-#define GETVAL_IP_HOST_13 13 /**< the same as GETVAL_IP_HOST */
-#define GETVAL_IP_NET \
-    15 /**< IPv4 address in dotted form, first number 1 to 254; see GETVAL_IP_ROOM */
-#define GETVAL_KEY_LEN 16 /**< number: a key length in bits, 40, 56 or 128; min, max */
-#define GETVAL_WWN 21     /**< array of 8 bytes: a world wide name; min and max for each byte */
-#define GETVAL_WORD \
-    22 /**< text without any blank, leading ones removed; min and max are its length */
+ *  terminator. Numbers lie between @c min and @c max; texts have a length between them.
+ *  Codes from 1 to 23 that are not listed are reserved: they return 0 at once. @{ */
+#define GETVAL_INT 1             /**< number: decimal, a multiple of @c multiple */
+#define GETVAL_HEX 2             /**< as GETVAL_INT; hexadecimal behind 0x, octal behind 0 */
+#define GETVAL_TRUE_FALSE 3      /**< number 1 or 0: true, t, false, f in any case */
+#define GETVAL_YES_NO 4          /**< number 1 or 0: yes, y, no, n in any case */
+#define GETVAL_ON_OFF 5          /**< number 1 or 0: on, off in any case */
+#define GETVAL_STRING 6          /**< text, blanks kept */
+#define GETVAL_PORT_ID 7         /**< as GETVAL_INT; hexadecimal with or without 0x */
+#define GETVAL_STRING_TRIM 11    /**< text, leading blanks and tabs removed */
+#define GETVAL_IP_HOST 12        /**< dotted IPv4 address, first and last number 1 to 254 */
+#define GETVAL_IP_HOST_13 13     /**< the same as GETVAL_IP_HOST */
+#define GETVAL_IP_NET 15         /**< dotted IPv4 address, first number 1 to 254 */
+#define GETVAL_KEY_LEN 16        /**< number: a key length in bits, 40, 56 or 128 */
+#define GETVAL_WWN 21            /**< 8 bytes, each from @c min to @c max: a world wide name */
+#define GETVAL_WORD 22           /**< text without any blank, leading ones removed */
 #define GETVAL_STRING_TRIM_23 23 /**< the same as GETVAL_STRING_TRIM */
 /** @} */
 
 /**
- * Room that holds whatever is accepted as an address: the operator's text is stored as typed, and
- * it may have leading zeros and blanks in front of its numbers. "0.0.0.0" is accepted as well.
+ * Room for the text of GETVAL_IP_HOST and GETVAL_IP_NET that holds whatever is accepted: the
+ * operator's text is stored as typed, and it may have leading zeros and blanks in front of its
+ * numbers. "0.0.0.0" is accepted as well.
  */
 #define GETVAL_IP_ROOM 300
 

@@ -61,6 +61,8 @@ typedef struct hash_block {
 
 /**
  * Makes an empty table.
+ * @param hash    chooses the bucket of a key
+ * @param compare tells whether two keys are the same
  * @return the table, to be released with free_hash_handle(), or null when memory runs out or a
  *         function is null
  */
@@ -131,22 +133,26 @@ uint32_t ElfHash(const unsigned char *bytes, int len);
 
 /** @name Keys that are process ids
  *  Negative ids are refused by the table. @{ */
-unsigned pid_hash(uintptr_t pid);                  /**< @return bucket of a process id */
-int pid_cmp(uintptr_t stored, uintptr_t lookedUp); /**< @return 1 when equal, else 0 */
+/** @return the bucket of process id @p pid */
+unsigned pid_hash(uintptr_t pid);
+/** @return 1 when @p stored and @p lookedUp are the same process id, else 0 */
+int pid_cmp(uintptr_t stored, uintptr_t lookedUp);
 /** @} */
 
 /** @name Keys that point to NUL-terminated names
  *  Null pointers are refused by the table. @{ */
-unsigned name_hash(uintptr_t name); /**< @return bucket of a name */
-int name_cmp(uintptr_t stored,
-             uintptr_t lookedUp); /**< @return 1 when the texts are equal, else 0 */
+/** @return the bucket of the text at @p name */
+unsigned name_hash(uintptr_t name);
+/** @return 1 when the texts at @p stored and @p lookedUp are equal, else 0 */
+int name_cmp(uintptr_t stored, uintptr_t lookedUp);
 /** @} */
 
 /** @name Keys that point to World Wide Names of 8 bytes, at any alignment
  *  Null pointers are refused by the table. @{ */
-unsigned wwn_hash(uintptr_t wwn); /**< @return bucket of a WWN */
-int wwn_cmp(uintptr_t stored,
-            uintptr_t lookedUp); /**< @return 1 when all 8 bytes are equal, else 0 */
+/** @return the bucket of the name at @p wwn */
+unsigned wwn_hash(uintptr_t wwn);
+/** @return 1 when the 8 bytes at @p stored and @p lookedUp are equal, else 0 */
+int wwn_cmp(uintptr_t stored, uintptr_t lookedUp);
 /** @} */
 
 UTILS_END_DECLS

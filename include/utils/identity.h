@@ -23,7 +23,8 @@ UTILS_BEGIN_DECLS
 #define IDENTITY_NODE_B 6       /**< the second control processor */
 #define IDENTITY_ERR_RANGE (-7) /**< the number is out of its range */
 
-/** @name Environment variables; decimal numbers @{ */
+/** @name Environment variables; decimal numbers
+ *  @{ */
 #define IDENTITY_ENV_SWITCH "KORIN_SWITCHNO" /**< logical switch, 0 to 240 */
 #define IDENTITY_ENV_SLOT "KORIN_SLOTNO"     /**< slot, 0 to 16 */
 #define IDENTITY_ENV_PIC "KORIN_PICNO"       /**< pic, 0 to 16 */
@@ -74,7 +75,8 @@ int clafMySwitch(const char *text, void *out);
 
 /**
  * Handler for claFltr(): a slot number, not checked for its range.
- * @param out an int32_t
+ * @param text the number
+ * @param out  an int32_t
  * @return what clafGetInt() returns
  */
 int clafMySlot(const char *text, void *out);

@@ -24,7 +24,8 @@ UTILS_BEGIN_DECLS
 #define IOT_ENTRIES_MAX 8         /**< most descriptors at a time */
 #define IOT_DESCRIPTOR_LIMIT 1024 /**< descriptors are below this */
 
-/** @name Kinds for iot_notify() @{ */
+/** @name Kinds for iot_notify()
+ *  @{ */
 #define IOT_NOTIFY_REBUILD 0   /**< watch exactly the descriptors added with a watch flag */
 #define IOT_NOTIFY_WATCH_ALL 1 /**< watch every descriptor that is registered */
 #define IOT_NOTIFY_FORWARD 2   /**< call the notification function */

@@ -25,14 +25,16 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name Flags, the first word of a block @{ */
+/** @name Flags, the first word of a block
+ *  @{ */
 #define QEL_IPC_ARGS_INLINE 1u  /**< the payload follows the header */
 #define QEL_IPC_ARGS_SHM 2u     /**< the payload is in a shared-memory segment */
 #define QEL_IPC_ARGS_DECODED 4u /**< the payload can be read in this process */
 #define QEL_IPC_ARGS_HELD 8u    /**< reserved for an owner who wants the block left untouched */
 /** @} */
 
-/** @name Sizes in bytes @{ */
+/** @name Sizes in bytes
+ *  @{ */
 #define QEL_IPC_ARGS_HEADER_SIZE 20  /**< header of a block, and the offset of its body */
 #define QEL_IPC_ARGS_INLINE_MAX 2024 /**< largest payload that travels inline */
 #define QEL_IPC_ARGS_SHM_SIZE 28     /**< a block whose payload is in shared memory */

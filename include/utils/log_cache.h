@@ -24,11 +24,12 @@ UTILS_BEGIN_DECLS
 #define LOG_CACHE_SIZE_MAX 131072    /**< largest size in bytes */
 #define LOG_CACHE_LINE_MAX 511       /**< longest line in characters, its stamp included */
 
-/** @name Results @{ */
-#define LOG_CACHE_NO_MEMORY (-2)       /**< no memory for the buffer */
+/** @name Results
+ *  @{ */
+#define LOG_CACHE_NO_MEMORY (-2)        /**< no memory for the buffer */
 #define LOG_CACHE_NOT_INSTANTIATED (-3) /**< there is no cache yet */
-#define LOG_CACHE_NO_FILE (-4)         /**< the file cannot be opened */
-#define LOG_CACHE_TOO_SMALL (-5)       /**< the caller's buffer is too small */
+#define LOG_CACHE_NO_FILE (-4)          /**< the file cannot be opened */
+#define LOG_CACHE_TOO_SMALL (-5)        /**< the caller's buffer is too small */
 /** @} */
 
 /** @name Codes a program publishes

@@ -2,10 +2,10 @@
  * @file log_compress.h
  * @brief Compact storage of text lines that repeat themselves, coded against the lines before them.
  *
- * A compressor fills the caller's buffer with one stream of coded lines; a decompressor takes such a
- * stream apart again. Runs of at least three characters that stand at the same column in one of the last
- * 127 lines become two bytes. There is no header and no checksum: keep the buffers' lengths
- * elsewhere, and give every buffer a compressor and a decompressor of its own.
+ * A compressor fills the caller's buffer with one stream of coded lines; a decompressor takes such
+ * a stream apart again. Runs of at least three characters that stand at the same column in one of
+ * the last 127 lines become two bytes. There is no header and no checksum: keep the buffers'
+ * lengths elsewhere, and give every buffer a compressor and a decompressor of its own.
  *
  * Not for binary data: lines are plain 7-bit text of up to 255 characters, and must not be empty
  * (an empty line is not seen by the decompressor, whose later lines are wrong then).
@@ -37,7 +37,8 @@ typedef struct log_decompressor log_decompressor; /**< one stream being read */
  * Starts a stream.
  * @param obuf     receives the stream; stays the caller's
  * @param capacity its bytes, at least LOG_COMPRESS_BUFFER_MIN
- * @return the compressor, released by log_deleteCompressor(); null for a null or too small buffer or when memory runs out
+ * @return the compressor, released by log_deleteCompressor(); null for a null or too small buffer
+ * or when memory runs out
  */
 log_compressor *log_createCompressor(unsigned char *obuf, int capacity);
 
@@ -74,15 +75,16 @@ log_decompressor *log_createDecompressor(const unsigned char *ibuf, int length);
  * be read on.
  * @param decompressor the stream
  * @param out          receives the line, terminated; LOG_COMPRESS_LINE_SIZE bytes of room
- * @return the line's length; 0 at the end of the stream; -1 for a copy that refers to no line, a cut
- *         copy, or a line of more than 255 characters
+ * @return the line's length; 0 at the end of the stream; -1 for a copy that refers to no line, a
+ * cut copy, or a line of more than 255 characters
  */
 int log_decompressGetLine(log_decompressor *decompressor, char *out);
 
 /** Releases the decompressor, not its buffer; null is ignored. */
 void log_deleteDecompressor(log_decompressor *decompressor);
 
-/** Prints the lines of a whole stream between two headings on standard output. */
+/** Prints the lines of a whole stream, @p length bytes at @p ibuf, between two headings on standard
+ * output. */
 void log_showDecompressedData(const unsigned char *ibuf, int length);
 
 UTILS_END_DECLS

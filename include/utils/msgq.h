@@ -20,7 +20,7 @@ UTILS_BEGIN_DECLS
 #define MSGQ_SPARE_MAX 64     /**< most emptied nodes that a queue keeps for reuse */
 #define MSGQ_LENGTH_MAX 32767 /**< longest message of any queue, in bytes */
 
-typedef struct msgQNode msgQNode;
+typedef struct msgQNode msgQNode; /**< a queued message: its length, bytes and context; opaque */
 
 /** A chain of message nodes. */
 typedef struct msgQChain {

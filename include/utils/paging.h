@@ -86,7 +86,7 @@ int print64(unsigned high, unsigned low, int base);
  */
 int str2num(const char *text);
 
-/** @return 1 when both texts are equal, else 0; null equals nothing */
+/** @return 1 when the texts @p a and @p b are equal, else 0; null equals nothing */
 int strequ(const char *a, const char *b);
 
 /** @return @p text, or an empty text for null */

@@ -13,7 +13,8 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name Modes of fileLock() @{ */
+/** @name Modes of fileLock()
+ *  @{ */
 #define FILE_LOCK_READ_TRY 0  /**< read lock, without waiting */
 #define FILE_LOCK_WRITE 1     /**< write lock, waiting for it */
 #define FILE_LOCK_WRITE_TRY 2 /**< write lock, without waiting */
@@ -47,7 +48,7 @@ int ppnamePeerAddr(int pid, int size, char *buffer);
  */
 int fileLock(int fd, int mode);
 
-/** Releases the lock that fileLock() took. @return 0, or -1 with errno from fcntl() */
+/** Releases the lock that fileLock() took on @p fd. @return 0, or -1 with errno from fcntl() */
 int fileUnlock(int fd);
 
 /**

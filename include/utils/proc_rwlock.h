@@ -30,7 +30,8 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name States of a record @{ */
+/** @name States of a record
+ *  @{ */
 #define PROCRWLOCK_FREE 0  /**< not held by this process */
 #define PROCRWLOCK_READ 1  /**< read-locked by this process */
 #define PROCRWLOCK_WRITE 2 /**< write-locked by this process */

@@ -19,8 +19,8 @@ UTILS_BEGIN_DECLS
 #define QEL_STRING_DEFAULT_SIZE \
     4 /**< bytes of a string that is asked for with a size of 0 or less */
 
-typedef struct qelString qelString;
-typedef struct qelStringOps qelStringOps;
+typedef struct qelString qelString;       /**< text that grows */
+typedef struct qelStringOps qelStringOps; /**< what can be done with it */
 
 /**
  * The operations; every string points to the same constant table.

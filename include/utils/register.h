@@ -52,7 +52,10 @@ typedef int (*cb_callback)(void *argument);
 int cb_register(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t id,
                 cb_callback callback, msgQHandle queue);
 
-/** Clears the consumer registered for @p id. @return 0, or UTILS_ENOENT when there is none */
+/**
+ * Clears the consumer registered for @p id; the group's keys are as for cb_register().
+ * @return 0, or UTILS_ENOENT when there is none
+ */
 int cb_unregister(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t id);
 
 /**

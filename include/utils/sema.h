@@ -25,8 +25,9 @@ typedef struct semaphore *semaHandle;
 #define SEMA_COUNTING_EMPTY (-1) /**< semaCreate(): counting, value 0 */
 
 /**
- * Makes a semaphore. 0 and 1 make a binary one that is empty or available, -1 a counting one of
- * value 0, any other number a counting one of that value (negative values included).
+ * Makes a semaphore.
+ * @param initial 0 and 1 make a binary one that is empty or available, -1 a counting one of value
+ * 0, any other number a counting one of that value (negative values included)
  * @return the handle, which semaDelete() releases, or null when memory runs out
  */
 semaHandle semaCreate(int initial);

@@ -17,10 +17,12 @@
 
 UTILS_BEGIN_DECLS
 
-#define SERVICE_STAT_FILE "/var/log/serviceStat.sw%d" /**< the report; a printf format of the switch number */
-#define SERVICE_STAT_UNSET UINT64_MAX                 /**< lowest service time before the first measurement */
+#define SERVICE_STAT_FILE \
+    "/var/log/serviceStat.sw%d"       /**< the report; a printf format of the switch number */
+#define SERVICE_STAT_UNSET UINT64_MAX /**< lowest service time before the first measurement */
 
-/** Counters of one request code. Service times in ticks of the time base, queue times in milliseconds. */
+/** Counters of one request code. Service times in ticks of the time base, queue times in
+ * milliseconds. */
 typedef struct serviceStat {
     uint64_t total_service_time;   /**< sum of the service times */
     uint64_t highest_service_time; /**< longest service time */
@@ -36,7 +38,8 @@ typedef struct serviceStat {
 /** The table, one record per request code; null before serviceStat_init(). */
 extern serviceStat *serviceStats;
 
-/** Non-zero while the daemon collects; set by the daemon, cleared by serviceStat_init() and serviceStat_stop(). */
+/** Non-zero while the daemon collects; set by the daemon, cleared by serviceStat_init() and
+ * serviceStat_stop(). */
 extern int32_t serviceStatIsOn;
 
 /**

@@ -16,8 +16,8 @@
  *
  * Other faults keep the kernel's action.
  *
- * Threads: set up before other threads start. The handler runs on the thread that gets the signal and
- * makes only async-signal-safe calls, but for the cleanup callback and exit().
+ * Threads: set up before other threads start. The handler runs on the thread that gets the signal
+ * and makes only async-signal-safe calls, but for the cleanup callback and exit().
  */
 #ifndef UTILS_SIGNALS_H
 #define UTILS_SIGNALS_H
@@ -26,10 +26,10 @@
 
 UTILS_BEGIN_DECLS
 
-#define QEL_CORE_DIRECTORY "/core_files"  /**< directory of the core file directories */
-#define QEL_CORE_LIMIT 0x7FFFFFFF         /**< soft limit of the size of core files, in bytes */
-#define QEL_SIGNAL_DUMP_STKFLT 16         /**< SIGSTKFLT: forces a core file */
-#define QEL_SIGNAL_DUMP_PROF 27           /**< SIGPROF: forces a core file */
+#define QEL_CORE_DIRECTORY "/core_files" /**< directory of the core file directories */
+#define QEL_CORE_LIMIT 0x7FFFFFFF        /**< soft limit of the size of core files, in bytes */
+#define QEL_SIGNAL_DUMP_STKFLT 16        /**< SIGSTKFLT: forces a core file */
+#define QEL_SIGNAL_DUMP_PROF 27          /**< SIGPROF: forces a core file */
 
 /** A signal handler; gets the signal's number. */
 typedef void (*qel_handler)(int);
@@ -46,7 +46,7 @@ int qel_coreenv_set(const char *name);
 /** Makes "/core_files" the working directory. @return the result of chdir() */
 int qel_pwddefault(void);
 
-/** Sets what runs once before a signal ends the process; null removes it. */
+/** Lets @p cleanup run once before a signal ends the process; null removes it. */
 void qel_sigcleanup_set(void (*cleanup)(void));
 
 /**

@@ -66,14 +66,20 @@ struct timer {
     uint32_t magicTail;   /**< TIMER_MAGIC_TAIL while valid */
 };
 
-/** Makes an idle one-shot timer. @return the timer, or null when memory runs out */
+/**
+ * Makes an idle one-shot timer.
+ * @param handler called when it fires, or null
+ * @param arg1    first argument of the handler
+ * @param arg2    second argument of the handler
+ * @return the timer, or null when memory runs out
+ */
 timerHandle timer_create(timerHandler handler, uintptr_t arg1, uintptr_t arg2)
 #ifndef UTILS_DOXYGEN
     __asm__("timer_create")
 #endif
         ;
 
-/** Makes an idle periodic timer. @return the timer, or null when memory runs out */
+/** As timer_create(), periodic. @return the timer, or null when memory runs out */
 timerHandle timer_create_periodic(timerHandler handler, uintptr_t arg1, uintptr_t arg2);
 
 /**

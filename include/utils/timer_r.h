@@ -54,7 +54,11 @@ typedef struct timer_message {
 int timer_init_r(void);
 
 /**
- * Makes an idle one-shot timer that posts to @p queue, or calls @p handler when the queue is null.
+ * Makes an idle one-shot timer.
+ * @param queue   receives the expiry messages; null: the service calls the handler
+ * @param handler called by the receiver of the message, or by the service
+ * @param arg1    first argument of the handler
+ * @param arg2    second argument of the handler
  * @return the timer, or null when the service cannot be started (reported on standard output) or
  *         memory runs out
  */
@@ -64,8 +68,10 @@ timerHandle timer_create_r(msgQHandle queue, timerHandler handler, uintptr_t arg
 timerHandle timer_create_periodic_r(msgQHandle queue, timerHandler handler, uintptr_t arg1,
                                     uintptr_t arg2);
 
-/** timer_create_periodic_r() when @p periodic is 1, otherwise timer_create_r(). @return the timer,
- * or null */
+/**
+ * timer_create_periodic_r() when @p periodic is 1, otherwise timer_create_r(); the word @p ignored
+ * is not used. @return the timer, or null
+ */
 timerHandle createTimer(msgQHandle queue, uintptr_t ignored, timerHandler handler, uintptr_t arg1,
                         uintptr_t arg2, int periodic);
 

@@ -66,7 +66,7 @@ void qelTnetCmd(int socket, int argc, char **argv, int out);
  */
 void qelTnetCmdCB(int socket, qelTnetCommand command);
 
-/** qelTnetCmdCB() with the descriptor's command function. */
+/** qelTnetCmdCB() on @p socket with the command function of @p descriptor. */
 void qelTnetCmdCBwrapper(int socket, qelTnetCmdDesc *descriptor);
 
 /**

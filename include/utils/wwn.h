@@ -16,12 +16,14 @@
 
 UTILS_BEGIN_DECLS
 
-/** @name Modes of getStrElement() @{ */
+/** @name Modes of getStrElement()
+ *  @{ */
 #define STR_ELEMENT_ADVANCE 101 /**< move the cursor past what was read */
 #define STR_ELEMENT_KEEP 102    /**< leave the cursor (as any other number does) */
 /** @} */
 
-/** @name Failures of getStrElement() @{ */
+/** @name Failures of getStrElement()
+ *  @{ */
 #define STR_ELEMENT_BAD_ARGUMENT \
     (-2) /**< null argument, empty start tag, or no room for prefix and suffix */
 #define STR_ELEMENT_NO_START (-3) /**< no start tag before the end tag */

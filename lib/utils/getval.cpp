@@ -130,8 +130,8 @@ bool has_hex_prefix(const Line &line) {
 bool all_of(const Line &line, size_t from, int (*is_class)(int)) {
     if (line.length == 1 && isdigit(static_cast<unsigned char>(line.text[0])) == 0)
         return false;
-    for (char c : line.view().substr(from)) {
-        if (is_class(static_cast<unsigned char>(c)) == 0)
+    for (size_t at = from; at < line.length; ++at) {
+        if (is_class(static_cast<unsigned char>(line.text[at])) == 0)
             return false;
     }
     return true;
@@ -219,15 +219,15 @@ int accept_port_id(const getvalDesc &desc, const Line &line) {
 
 int accept_boolean(const getvalDesc &desc, Line &line) {
     static constexpr struct {
-        int32_t type;
         std::string_view word;
+        int32_t type;
         int value;
     } kWords[] = {
-        {GETVAL_TRUE_FALSE, "true", 1},  {GETVAL_TRUE_FALSE, "t", 1},
-        {GETVAL_TRUE_FALSE, "false", 0}, {GETVAL_TRUE_FALSE, "f", 0},
-        {GETVAL_YES_NO, "yes", 1},       {GETVAL_YES_NO, "y", 1},
-        {GETVAL_YES_NO, "no", 0},        {GETVAL_YES_NO, "n", 0},
-        {GETVAL_ON_OFF, "on", 1},        {GETVAL_ON_OFF, "off", 0},
+        {"true", GETVAL_TRUE_FALSE, 1},  {"t", GETVAL_TRUE_FALSE, 1},
+        {"false", GETVAL_TRUE_FALSE, 0}, {"f", GETVAL_TRUE_FALSE, 0},
+        {"yes", GETVAL_YES_NO, 1},       {"y", GETVAL_YES_NO, 1},
+        {"no", GETVAL_YES_NO, 0},        {"n", GETVAL_YES_NO, 0},
+        {"on", GETVAL_ON_OFF, 1},        {"off", GETVAL_ON_OFF, 0},
     };
     for (size_t at = 0; at < line.length; ++at)
         line.text[at] = static_cast<char>(tolower(static_cast<unsigned char>(line.text[at])));

@@ -32,8 +32,8 @@ void work(Shared &shared, unsigned seed) {
             shared.errors += procrwlock_wrlock(&lock) != 0;
             for (uint32_t &word : shared.data)
                 ++word;
-            shared.errors += procrwlock_wrunlock(&lock) != 0;
             ++shared.writes;
+            shared.errors += procrwlock_wrunlock(&lock) != 0;
         } else {
             if (dice >= 6 && procrwlock_rdlock_trylock(&lock) != 0) {
                 ++shared.refused;

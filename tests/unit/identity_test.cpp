@@ -163,7 +163,9 @@ TEST(Identity, StartTimeIsACopyOfTheUptimeThatKeepsALongerTail) {
     EXPECT_EQ(status.st_mode & 0777, 0644U);
 
     uptime_file = "/tmp/uptime";
-    std::string long_text(700, 'u');
+    std::string long_text;
+    for (int n = 0; long_text.size() < 700; ++n)
+        long_text += std::to_string(n) + " ";
     support::write_file(uptime_file, long_text);
     write_limit = 7;
     EXPECT_EQ(setStartall(), 0);

@@ -38,7 +38,7 @@ __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...) 
 }
 
 // The word of `size` bytes at `from`, as this machine has it.
-unsigned long word(const void *from, size_t size) {
+unsigned long word(const void *from, int size) {
     uint16_t half = 0;
     uint32_t whole = 0;
     size == 2 ? memcpy(&half, from, 2) : memcpy(&whole, from, 4);
@@ -93,25 +93,22 @@ TEST(Paging, KbhitTellsInputFromATimeOut) {
         close(fd);
 }
 
-// A dump of `count` units of `width` bytes as the layout says, from the outside in.
+// A dump of `count` units of `width` bytes as the layout says, one byte at a time.
 std::string dump_model(const unsigned char *bytes, int count, int width) {
-    std::string all;
-    for (int line = 0; line * 16 < count * width; ++line) {
-        std::string column;
-        all += text("%08lx: ", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(bytes)) +
-                                   16UL * static_cast<unsigned long>(line));
-        for (int at = line * 16; at < line * 16 + 16; ++at) {
-            if (at % width == 0 && at >= count * width)
-                all += std::string(static_cast<size_t>(2 * width) + 1, ' ');
-            else if (at % width == 0 && width == 1)
-                all += text("%02x ", bytes[at]);
-            else if (at % width == 0)
-                all += width > 4 ? text("%0*d ", 2 * width, 0)
-                                 : text("%0*lx ", 2 * width,
-                                        word(bytes + at, static_cast<size_t>(width)));
-            column += bytes[at] >= 0x20 && bytes[at] < 0x7f ? static_cast<char>(bytes[at]) : '.';
-        }
-        all += "*" + column + "*\n";
+    std::string all, column;
+    for (int at = 0; at < count * width || at % 16 != 0; ++at) {
+        if (at % 16 == 0)
+            all += text("%08" PRIxPTR ": ", reinterpret_cast<uintptr_t>(bytes + at));
+        if (at % width == 0 && at >= count * width)
+            all += std::string(static_cast<size_t>(2 * width) + 1, ' ');
+        else if (at % width == 0)
+            all += text("%0*lx ", 2 * width,
+                        width > 4    ? 0
+                        : width == 1 ? bytes[at]
+                                     : word(bytes + at, width));
+        column += bytes[at] >= 0x20 && bytes[at] < 0x7f ? static_cast<char>(bytes[at]) : '.';
+        if (at % 16 == 15)
+            all += "*" + std::exchange(column, "") + "*\n";
     }
     return all;
 }
@@ -149,12 +146,8 @@ TEST(Paging, MemDumpPrintsWholeLinesOfSixteenBytes) {
               text("%08lx: 000000 000000 000000 000000 000000 000000 *ABC.~. 123456789*\n"
                    "%08lx:                                    *0abcdefg........*\n",
                    at, at + 16));
-    EXPECT_EQ(support::captured(1,
-                                [] {
-                                    memDump(nullptr, 1, 1);
-                                    display_mem(nullptr, 1, 1);
-                                }),
-              "");
+    EXPECT_EQ(support::captured(1, [] { memDump(nullptr, 1, 1); }), "");
+    EXPECT_EQ(support::captured(1, [] { display_mem(nullptr, 1, 1); }), "");
 }
 
 TEST(Paging, PrintMemShowsWordsAndCharacters) {
@@ -166,20 +159,18 @@ TEST(Paging, PrintMemShowsWordsAndCharacters) {
         w[n] = word(bytes + 4 * n, 4);
     std::string whole =
         text("%08lx %08lx %08lx %08lx   *ABCDEFGHIJKLMNOP*\n", w[0], w[1], w[2], w[3]);
-    std::string gap9 = "         ";
-    struct {
-        int len;
-        std::string printed;
-    } cases[] = {
-        {16, whole},
-        {20, whole + text("%08lx ", w[4]) + gap9 + gap9 + gap9 + "  *. ~.            *\n"},
-        {21, whole + text("%08lx %08lx ", w[4], w[5]) + gap9 + gap9 + "  *. ~.....        *\n"},
-        {24, whole + text("%08lx %08lx ", w[4], w[5]) + gap9 + gap9 + "  *. ~.....        *\n"},
-        {1, text("%08lx ", w[0]) + gap9 + gap9 + gap9 + "  *ABCD            *\n"},
-        {0, ""},
-        {-4, ""}};
-    for (const auto &c : cases)
-        EXPECT_EQ(support::captured(1, [&] { printMem(exact.get(), c.len); }), c.printed) << c.len;
+    auto last = [&](const char *words, const char *column) {
+        return whole + text("%-36s  *%-16s*\n", words, column);
+    };
+    std::string five = text("%08lx ", w[4]), six = five + text("%08lx ", w[5]);
+    const std::pair<int, std::string> cases[] = {{-4, ""},
+                                                 {0, ""},
+                                                 {16, whole},
+                                                 {20, last(five.c_str(), ". ~.")},
+                                                 {21, last(six.c_str(), ". ~.....")},
+                                                 {24, last(six.c_str(), ". ~.....")}};
+    for (const auto &[len, printed] : cases)
+        EXPECT_EQ(support::captured(1, [&, n = len] { printMem(exact.get(), n); }), printed);
     EXPECT_EQ(support::captured(1, [] { printMem(nullptr, 4); }), "");
 }
 
@@ -197,9 +188,10 @@ TEST(Paging, Sprint64AgreesWithWideArithmetic) {
         auto high = static_cast<unsigned>(number >> 32), low = static_cast<unsigned>(number);
         std::string expected;
         auto divisor = static_cast<Wide>(base > 1 ? base : 10);
-        if (base == 16 || (high == 0 && base == 8))
-            expected =
-                text(base == 16 ? "0x%llx" : "%llo", static_cast<unsigned long long>(number));
+        if (base == 16)
+            expected = text("0x%" PRIx64, number);
+        else if (high == 0 && base == 8)
+            expected = text("%o", low);
         else if (high == 0)
             expected = std::to_string(low);
         else
@@ -219,24 +211,14 @@ TEST(Paging, Sprint64AgreesWithWideArithmetic) {
 }
 
 TEST(Paging, SmallHelpers) {
-    struct {
-        const char *text;
-        int number;
-    } numbers[] = {{"0x1A", 26},
-                   {"0X1a", 26},
-                   {"012", 12},
-                   {"-5", -5},
-                   {" 7x", 7},
-                   {"0x", 0},
-                   {"", 0},
-                   {"x", 0},
-                   {"0xg", 0},
-                   {nullptr, 0},
-                   {"0xffffffff", -1},
-                   {"99999999999999999999", INT32_MAX},
-                   {"0x123456789abcdef01", -1}};
-    for (const auto &n : numbers)
-        EXPECT_EQ(str2num(n.text), n.number) << n.text;
+    for (const char *good : {"0x1A", "0X1a", "-5", " 7x", "0", "0xgg", "x", ""})
+        EXPECT_EQ(str2num(good), strtol(good, nullptr, 0)) << good;
+    for (const char *cut : {"0xffffffff", "0x123456789abcdef01"})
+        EXPECT_EQ(str2num(cut), -1);
+    EXPECT_EQ(str2num("012"), 12);
+    EXPECT_EQ(str2num("0x"), 0);
+    EXPECT_EQ(str2num("99999999999999999999"), INT32_MAX);
+    EXPECT_EQ(str2num(nullptr), 0);
     // Exact heap blocks: nothing behind an empty text is looked at.
     std::unique_ptr<char[]> empty(new char[1]()), other(new char[1]());
     EXPECT_EQ(strequ(empty.get(), other.get()), 1);

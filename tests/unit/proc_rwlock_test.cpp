@@ -76,7 +76,7 @@ class Holder {
     }
 
   private:
-    pid_t child_;
+    pid_t child_ = -1;
 };
 
 // Each case begins with a fresh priority record, in a child: this test comes first.

@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# The gdb extension on a real core file: gdb loads it together with the library, and what it prints is what
+# the program had.
+#   gdb_extension.sh PROGRAM LIBRARY EXTENSION
+set -euo pipefail
+program=$1 library=$(readlink -f "$2") extension=$3
+fail() { echo "gdb_extension: $*" >&2; exit 1; }
+
+ulimit -c unlimited
+{ "$program" >/dev/null 2>&1 || true; } 2>/dev/null
+core=$(find /tmp -maxdepth 1 -name 'core*' | head -n 1)
+if [ -z "$core" ]; then # the machine sends core files elsewhere
+    core=/tmp/core
+    gdb -q -batch -ex run -ex "generate-core-file $core" "$program" >/tmp/gdb.log 2>&1 || true
+    [ -s "$core" ] || { cat /tmp/gdb.log; fail "no core file"; }
+fi
+
+autoload=/tmp/auto-load
+mkdir -p "$autoload$(dirname "$library")"
+cp "$extension" "$autoload$library-gdb.py"
+debug() { # what gdb prints for its commands, the greeting left out
+    local arguments=()
+    for command in "$@"; do arguments+=(-ex "$command"); done
+    gdb -q -nx -batch -iex "set auto-load safe-path $autoload" -iex "set auto-load scripts-directory $autoload" \
+        -ex 'echo ----\n' "${arguments[@]}" "$program" "$core" 2>&1 | sed '1,/^----$/d' || true
+}
+expect() { grep -qE -- "$1" <<<"$out" || { echo "$out"; fail "misses: $1"; }; }
+
+out=$(debug 'print ports' 'utils list ports struct port' 'print damaged')
+expect '^\$1 = LIST of 3 = \{\[1\] = 0x'
+expect '^\[2\] \{link = \{next = 0x[0-9a-f]+, previous = 0x[0-9a-f]+\}, number = 41\}$'
+expect '^\$2 = LIST of 3, DAMAGED: 3 nodes can be reached'
+out=$(debug 'print *events' 'print *every' 'print *once' 'print *idle' 'utils timers')
+expect 'queue "events": 2 of 8 queued, at most 56 bytes each, high water 2, 0 missed = \{\[0\] = "hello.*time_ms = 4711'
+expect '^\$2 = periodic timer, armed for 3600000 ms, due at [0-9]+, calls on_timer\(0x7, 0x0\) by way of queue "events"$'
+expect '^\$3 = one-shot timer, armed .* on_timer\(0x8, 0x9\) on the service thread$'
+expect '^\$4 = one-shot timer, idle, '
+expect '^2 armed timers$'
+[[ $out == *$'2 armed timers\n'*one-shot*periodic* ]] || fail "the timers are not in their order"
+out=$(debug 'print *text' 'print bytes' 'print/x *table')
+expect '^\$1 = qelString of 20 in [0-9]+ bytes: "port 41 says \\"ready\\""$'
+expect '^\$2 = Buffer with 3 of 16 bytes used = \{data = "raw"\}$'
+expect '^\$3 = hash_table of 1 keys = \{\[0x4d2\] = .*0x51, 0x52'
+out=$(debug 'utils evlog' 'utils evlog logs.head')
+expect '^event log "fabric" \(fab\): 4 entries, current 2, wrapped 1$'
+[ "$(grep -oE 'event [0-9] of 6' <<<"$out" | tr -dc 0-9)" = 3646566636465666 ] || fail "wrong events: $out"
+section=$(echo /dev/shm/trace/*)
+cp "$section" /tmp/section
+rm "$section"
+out=$(debug 'utils evlog --file /tmp/section')
+expect '^[0-9:]{8}\.[0-9]{3} event 6 of 6$'
+out=$(debug 'utils evlog')
+expect 'cannot be read'
+out=$(debug 'utils log-cache')
+expect '^log cache "/tmp/subject": 32768 bytes, started again 2 times$'
+[ "$(tail -n 1 <<<"$out" | cut -d ' ' -f 3-)" = "line 1999 of the cache" ] || fail "the cache's last line is missing"
+awk 'NR > 1 && !/^[0-9:]+ [0-9]+ line [0-9]+ of the cache$/ {bad = 1} NR > 2 && $4 != last + 1 {bad = 1}
+     {last = $4} END {exit bad}' <<<"$out" || fail "the cache's lines are torn or out of order"
+echo "gdb_extension: lists, queues, timers, strings, tables, $(grep -c . <<<"$out") cache lines and the event log from $core"

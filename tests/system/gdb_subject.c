@@ -1,0 +1,66 @@
+/* Fills one of everything that the gdb extension shows, then ends with a core file. */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <utils/evlog.h>
+#include <utils/hash.h>
+#include <utils/log_cache.h>
+#include <utils/lst.h>
+#include <utils/msgq.h>
+#include <utils/qel_string.h>
+#include <utils/timer_r.h>
+
+struct port {
+    NODE link;
+    int number;
+};
+
+LIST ports;
+LIST damaged;
+msgQHandle events;
+timerHandle every, once, idle;
+qelString *text;
+Buffer bytes;
+hash_table *table;
+qel_evlog_db logs;
+
+static void on_timer(uintptr_t number, uintptr_t unused) {
+    (void)number;
+    (void)unused;
+}
+
+int main(void) {
+    lstInit(&ports);
+    lstInit(&damaged);
+    for (int i = 0; i < 3; ++i) {
+        struct port *port = calloc(2, sizeof *port);
+        port[0].number = 40 + i;
+        lstAdd(&ports, &port[0].link);
+        lstAdd(&damaged, &port[1].link);
+    }
+    damaged.tail->next = damaged.head;
+    events = msgQCreate(8, sizeof(timer_message), 0, "events");
+    msgQSend(events, "hello", 6);
+    timer_message expiry = {.type = TIMER_MESSAGE_TYPE, .time_ms = 4711};
+    msgQSend(events, &expiry, sizeof expiry);
+    every = timer_create_periodic_r(events, on_timer, 7, 0);
+    once = timer_create_r(NULL, on_timer, 8, 9);
+    idle = timer_create_r(events, on_timer, 0, 0);
+    timer_set_r(every, 3600000);
+    timer_set_r(once, 1800000);
+    text = qelStringInit(0, 0);
+    text->ops->appendf(text, "port %d says \"%s\"", 41, "ready");
+    initBuffer(&bytes, 16);
+    appendBuffer(&bytes, "raw", 3);
+    table = create_hash_table(pid_hash, pid_cmp);
+    add_to_hash(1234, 0x51, table);
+    add_to_hash(1234, 0x52, table);
+    qel_evlog_init(&logs);
+    qel_evlog_handle *log = qel_evlog_newHandle(&logs, 4, "fabric", "fab");
+    for (int i = 1; i <= 6; ++i)
+        qel_evlog(log, "event %d of 6\n", i);
+    log_cache_init("subject");
+    for (int i = 0; i < 2000; ++i)
+        log_cache_write("line %d of the cache\n", i);
+    abort();
+}
