@@ -52,8 +52,7 @@ function(utils_install_qelctl)
     if(UTILS_DOCS)
         add_custom_command(OUTPUT docs/man/man1/qelctl.1 DEPENDS qelctl
                            COMMAND ${CMAKE_COMMAND} -E make_directory docs/man/man1
-                           COMMAND help2man --no-info --name "operator's command for daemons that use libutils"
-                                   --output docs/man/man1/qelctl.1 $<TARGET_FILE:qelctl>
+                           COMMAND ${PROJECT_SOURCE_DIR}/scripts/qelctl-man $<TARGET_FILE:qelctl> docs/man/man1/qelctl.1
                            VERBATIM)
         add_custom_target(qelctl_man ALL DEPENDS docs/man/man1/qelctl.1)
     endif()
