@@ -1,6 +1,6 @@
 #include "utils/getval.h"
 
-#include <poll.h>
+#include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -116,15 +116,14 @@ const std::pair<Question, std::vector<Case>> kNumbers[] = {
 };
 
 TEST(GetVal, NumbersAreAskedForUntilTheyAreAcceptable) {
-    for (const auto &[question, cases] : kNumbers) {
-        const auto &[type, min, max, multiple, current, prompt, range, not_multiple] = question;
+    for (const auto &[q, cases] : kNumbers) {
         for (const Case &c : cases) {
-            int32_t value = current;
+            int32_t value = q.current;
             int result = -9;
-            EXPECT_EQ(printed_by({type, &value, min, max, multiple}, c.input, &result),
-                      dialogue(question, c.refusals))
+            EXPECT_EQ(printed_by({q.type, &value, q.min, q.max, q.multiple}, c.input, &result),
+                      dialogue(q, c.refusals))
                 << c.input;
-            EXPECT_EQ(result, c.value != current ? 1 : 0);
+            EXPECT_EQ(result, c.value != q.current ? 1 : 0);
             EXPECT_EQ(value, c.value);
         }
     }
@@ -196,97 +195,57 @@ TEST(GetVal, BadArgumentsReservedTypesAndTheEndOfTheInputAskNothing) {
     EXPECT_EQ(value, 3);
 }
 
-// A getval() in a child process behind a pseudo-terminal, without echo so that all output is the
-// call's.
-class Terminal {
-  public:
-    explicit Terminal(const std::function<int()> &body) : master_(posix_openpt(O_RDWR | O_NOCTTY)) {
-        EXPECT_EQ(grantpt(master_), 0);
-        EXPECT_EQ(unlockpt(master_), 0);
-        slave_ = open(ptsname(master_), O_RDWR | O_NOCTTY);
-        termios terminal = attributes();
-        terminal.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        terminal.c_oflag &= ~static_cast<tcflag_t>(OPOST);
-        terminal.c_cc[VERASE] = 0x7f;
-        EXPECT_EQ(tcsetattr(slave_, TCSANOW, &terminal), 0);
-        child_ = fork();
-        if (child_ != 0)
-            return;
-        dup2(slave_, 0);
-        dup2(slave_, 1);
-        clearerr(stdin);
-        int result = body();
-        fflush(stdout);
-        _exit(result);
-    }
-    ~Terminal() {
-        close(slave_);
-        close(master_);
-    }
-    Terminal(const Terminal &) = delete;
-    Terminal &operator=(const Terminal &) = delete;
-
-    termios attributes() const {
-        termios terminal{};
-        EXPECT_EQ(tcgetattr(slave_, &terminal), 0);
-        return terminal;
-    }
-    // The output up to the length of `expected`, which it should be.
-    void shows(const std::string &expected) {
-        std::string seen;
-        pollfd output{master_, POLLIN, 0};
-        char c = 0;
-        while (seen.size() < expected.size() && poll(&output, 1, 10000) == 1 &&
-               read(master_, &c, 1) == 1)
-            seen += c;
-        EXPECT_EQ(seen, expected);
-    }
-    void type(const std::string &keys) {
-        EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-    }
-    int ending() {
-        int status = -1;
-        EXPECT_EQ(waitpid(child_, &status, 0), child_);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-  private:
-    int master_;
-    int slave_ = -1;
-    pid_t child_ = -1;
-};
-
 TEST(GetVal, TalksToATerminalAndMakesBackspaceItsEraseCharacter) {
+    // Without echo, so that all output is the call's.
+    termios before{}, during{}, after{};
+    before.c_cflag = CS8 | CREAD;
+    before.c_lflag = ICANON;
+    before.c_cc[VERASE] = 0x7f;
+    before.c_cc[VEOF] = 4;
+    int master = -1;
     ASSERT_NE(freopen("/dev/null", "r", stdin), nullptr);
-    Terminal terminal([] {
+    pid_t child = forkpty(&master, nullptr, &before, nullptr);
+    if (child == 0) {
         int32_t number = 7;
         char text[7] = "old";
-        getvalDesc ask_number{GETVAL_INT, &number, 0, 100, 1},
-            ask_text{GETVAL_STRING, text, 1, 6, 1};
-        for (getvalDesc *ask : {&ask_number, &ask_number, &ask_text, &ask_number}) {
-            int result = getval(ask == &ask_text ? "name" : "port", ask);
+        getvalDesc port{GETVAL_INT, &number, 0, 100, 1}, name{GETVAL_STRING, text, 1, 6, 1};
+        for (getvalDesc *ask : {&port, &port, &name, &port}) {
+            int result = getval(ask == &name ? "name" : "port", ask);
             printf("=%d %d %s\n", result, number, text);
         }
-        return getval("port", &ask_number);
-    });
-    termios before = terminal.attributes();
-    terminal.shows("port: (0..100) [7] ");
-    EXPECT_EQ(terminal.attributes().c_cc[VERASE], 0x08);
-    terminal.type("1234\n");
-    terminal.shows("integer must be between 0 and 100 - please re-enter\nport: (0..100) [7] ");
-    terminal.type("9x\b\b12\n\n");  // the Enter of the next prompt is typed ahead
-    terminal.shows("=1 12 old\nport: (0..100) [12] =0 12 old\nname: [old] ");
-    terminal.type(line_of(500, 'x'));
-    terminal.shows("string size must be between 1 and 6 - please re-enter\nname: [old] ");
-    terminal.type("new\n");
-    terminal.shows("=1 12 new\nport: (0..100) [12] ");
-    terminal.type("\4");  // the end of the input, which stays
-    terminal.shows("=0 12 new\n");
-    EXPECT_EQ(terminal.ending(), 0);
-    termios after = terminal.attributes();
+        fflush(stdout);
+        _exit(getval("port", &port));
+    }
+    auto shows = [&](const std::string &expected) {
+        std::string seen;
+        for (char c = 0; seen.size() < expected.size() && read(master, &c, 1) == 1;)
+            seen += c;
+        EXPECT_EQ(seen, expected);
+    };
+    auto type = [&](const std::string &keys) {
+        EXPECT_EQ(write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    };
+    shows("port: (0..100) [7] ");
+    EXPECT_EQ(tcgetattr(master, &during), 0);
+    type("1234\n");
+    shows("integer must be between 0 and 100 - please re-enter\nport: (0..100) [7] ");
+    type("9x\b\b12\n\n");  // the Enter of the next prompt is typed ahead
+    shows("=1 12 old\nport: (0..100) [12] =0 12 old\nname: [old] ");
+    type(line_of(500, 'x'));
+    shows("string size must be between 1 and 6 - please re-enter\nname: [old] ");
+    type("new\n");
+    shows("=1 12 new\nport: (0..100) [12] ");
+    EXPECT_EQ(tcgetattr(master, &after), 0);
+    type("\4");  // the end of the input, which stays
+    shows("=0 12 new\n");
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
     before.c_cc[VERASE] = 0x08;
-    EXPECT_EQ(memcmp(before.c_cc, after.c_cc, sizeof after.c_cc), 0);
-    EXPECT_EQ(before.c_lflag, after.c_lflag);
+    for (const termios &seen : {during, after}) {
+        EXPECT_EQ(memcmp(before.c_cc, seen.c_cc, sizeof seen.c_cc), 0);
+        EXPECT_EQ(before.c_lflag, seen.c_lflag);
+    }
 }
 
 }  // namespace
