@@ -14,7 +14,9 @@ export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev
 test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
 target_packages := g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
-docs_packages := doxygen graphviz man-db
+docs_packages := doxygen mandoc man-db
+package_packages := $(build_packages) $(docs_packages) help2man debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap
+with_docs := $(if $(and $(shell command -v doxygen),$(shell command -v mandoc),$(shell command -v help2man)),ON,OFF)
 
 # build PRESET: configures and builds it, quietly unless something is wrong.
 define build
@@ -30,15 +32,15 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help demo test native target asan tsan clang fuzz bench lint format install clean ci
+.PHONY: help demo test native target asan tsan clang fuzz bench lint format docs package install clean ci
 
 help: ## This list
 	@grep -hE '^[a-z-]+:.*##' Makefile | sed -E 's/:.*## /|/' | column -t -s '|'
 
 demo: ## Show the library at its main job: a daemon at work
 	@scripts/need $(build_packages) bubblewrap
-	$(call build,native)
-	@examples/demo build/native
+	$(call build,demo)
+	@examples/demo build/demo
 
 test: native target ## Run the tests on this machine, then on the target's processor
 	@echo "make test: all tests passed, on this machine and on the target"
@@ -81,10 +83,18 @@ lint: ## Check the format, the house rules and the code with static analysers
 	@scripts/need $(build_packages) clang clang-tidy clang-format cppcheck shellcheck
 	@scripts/lint
 
+docs: ## Make the API reference (build/docs/html) and the manual pages (build/docs/man)
+	@scripts/need $(docs_packages)
+	@scripts/docs build/docs
+
+package: ## Build the Debian packages into dist/ and check them in a clean root
+	@scripts/need $(package_packages)
+	@scripts/package
+
 install: ## Install into DESTDIR and PREFIX (default /usr/local)
 	@scripts/need $(build_packages)
 	@cmake -G Ninja -S . -B build/install -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
-	    -DUTILS_TESTS=OFF > /dev/null
+	    -DUTILS_TESTS=OFF -DUTILS_DOCS=$(with_docs) > /dev/null
 	@cmake --build build/install --parallel $(JOBS)
 	@DESTDIR=$(DESTDIR) cmake --install build/install --strip
 

@@ -1,6 +1,7 @@
-# Install rules: libraries, headers, the pkg-config file and the CMake package. Everything is
-# relocatable: the tree works under any prefix.
+# Install rules: libraries, headers, the pkg-config file, the CMake package, qelctl, the gdb extension
+# and the manual pages. Everything is relocatable: the tree works under any prefix.
 include(CMakePackageConfigHelpers)
+option(UTILS_DOCS "Make the manual pages and the API reference (needs doxygen, mandoc, man-db and help2man)" OFF)
 
 set(libraries utils)
 if(UTILS_PLATFORM STREQUAL "posix")
@@ -24,3 +25,36 @@ list(TRANSFORM libraries PREPEND -l OUTPUT_VARIABLE pkg_config_libs)
 list(JOIN pkg_config_libs " " pkg_config_libs)
 configure_file(cmake/libutils.pc.in libutils.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/libutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# gdb loads the extension together with the library: its path is the library's, below auto-load.
+# The prefix is the one of the installation, known only then.
+install(FILES share/gdb/libutils-gdb.py RENAME libutils.so.${PROJECT_VERSION}-gdb.py
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
+
+if(UTILS_DOCS)
+    file(GLOB documented CONFIGURE_DEPENDS include/utils/*.h platform/*.h docs/* examples/mini/*.c)
+    add_custom_command(OUTPUT docs/man/man3 COMMAND ${PROJECT_SOURCE_DIR}/scripts/docs ${PROJECT_BINARY_DIR}/docs
+                       DEPENDS ${documented} scripts/docs scripts/manpages lib/utils/libutils.map
+                       COMMENT "Making the manual pages" VERBATIM)
+    add_custom_target(docs ALL DEPENDS docs/man/man3)
+    install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
+endif()
+
+# The operator's command; its target exists once the whole project has been read.
+function(utils_install_qelctl)
+    if(NOT TARGET qelctl)
+        return()
+    endif()
+    file(RELATIVE_PATH libraries_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(qelctl PROPERTIES INSTALL_RPATH "$ORIGIN/${libraries_from_bin}")
+    install(TARGETS qelctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+    install(FILES share/bash-completion/qelctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    if(UTILS_DOCS)
+        add_custom_command(OUTPUT docs/man/man1/qelctl.1 DEPENDS qelctl
+                           COMMAND ${CMAKE_COMMAND} -E make_directory docs/man/man1
+                           COMMAND ${PROJECT_SOURCE_DIR}/scripts/qelctl-man $<TARGET_FILE:qelctl> docs/man/man1/qelctl.1
+                           VERBATIM)
+        add_custom_target(qelctl_man ALL DEPENDS docs/man/man1/qelctl.1)
+    endif()
+endfunction()
+cmake_language(DEFER DIRECTORY ${PROJECT_SOURCE_DIR} CALL utils_install_qelctl)

@@ -20,15 +20,14 @@ namespace {
 
 // The process's nice value, as the library sees it.
 int nice_value, sampled;
-bool fail_get, fail_set;
+bool fail_set;
 std::vector<int> changes;
 
 }  // namespace
 
 extern "C" int getpriority(__priority_which_t, id_t) noexcept {
     ++sampled;
-    errno = fail_get ? EPERM : errno;
-    return fail_get ? -1 : nice_value;
+    return nice_value;
 }
 
 extern "C" int setpriority(__priority_which_t, id_t, int value) noexcept {
@@ -44,13 +43,13 @@ using support::eventually;
 struct Lock : procrwlock_t {
     Lock() { EXPECT_EQ(procrwlock_init(this, open("/tmp/lock", O_RDWR | O_CREAT, 0600)), 0); }
     ~Lock() { close(l_fd); }
-    // Whether the other threads bring the field to 1.
-    bool gets_one(uint32_t procrwlock_t::*field) {
+    // Whether the other threads bring the field to the value.
+    bool gets(uint32_t procrwlock_t::*field, uint32_t value) {
         return eventually([&] {
             pthread_mutex_lock(&l_mutex);
-            uint32_t value = this->*field;
+            bool same = this->*field == value;
             pthread_mutex_unlock(&l_mutex);
-            return value == 1;
+            return same;
         });
     }
 };
@@ -113,19 +112,12 @@ TEST(ProcRwlock, RaisesThePriorityFromTheFirstLockToTheLast) {
         EXPECT_EQ(errno, EACCES);
         EXPECT_EQ(lock.l_state, PROCRWLOCK_FREE);
     }));
-    for (int normal : {0, -5, -1, 100}) {  // 100: cannot be read, the first time
+    for (int normal : {0, -5, -1}) {
         EXPECT_TRUE(support::passes_in_child([normal] {
             Lock lock;
             nice_value = normal;
-            fail_get = normal == 100;
-            for (int round = 0; round < 3; ++round) {
-                errno = 0;
-                bool fails = fail_get && round == 0;
-                EXPECT_EQ(procrwlock_rdlock(&lock), fails ? -1 : 0);
-                EXPECT_EQ(lock.l_state, fails ? PROCRWLOCK_FREE : PROCRWLOCK_READ);
-                EXPECT_EQ(errno == EPERM, fails);
-                EXPECT_EQ(fails ? 0 : procrwlock_rdunlock(&lock), 0);
-            }
+            for (int round = 0; round < 3; ++round)
+                EXPECT_EQ(procrwlock_rdlock(&lock) | procrwlock_rdunlock(&lock), 0);
             EXPECT_EQ(changes, Values{});
             EXPECT_EQ(sampled, 1);
         })) << normal;
@@ -174,46 +166,43 @@ TEST(ProcRwlock, TryLocksFollowTheStateOfThreadsAndProcesses) {
 
 TEST(ProcRwlock, OwnerWaitsForTheOtherReadersAndReadersComeFirst) {
     Lock lock;
-    std::atomic<int> step{0};
     std::string order;  // guarded by the lock
-    auto locked = [&](Op take, Op release, char name) {
-        EXPECT_EQ(take(&lock), 0);
-        order += name;
-        EXPECT_EQ(release(&lock), 0);
+    auto in_thread = [&](Op take, Op release, char name) {
+        return std::thread([&, take, release, name] {
+            EXPECT_EQ(take(&lock), 0);
+            order += name;
+            EXPECT_EQ(release(&lock), 0);
+        });
     };
-    std::thread owner([&] {
-        EXPECT_EQ(procrwlock_rdlock(&lock), 0);
-        step = 1;
-        EXPECT_TRUE(eventually([&] { return step == 2; }));
-        EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
-        step = 3;
-    });
-    EXPECT_TRUE(eventually([&] { return step == 1; }));
     EXPECT_EQ(procrwlock_rdlock(&lock), 0);
-    std::thread writer([&] { locked(procrwlock_wrlock, procrwlock_wrunlock, 'w'); });
-    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_wwaiting));
-    EXPECT_EQ(procrwlock_rdlock_trylock(&lock), -1);
-    std::thread([&] { locked(procrwlock_rdlock, procrwlock_rdunlock, 'r'); }).join();
-    step = 2;
-    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_readers));
-    EXPECT_EQ(order, "r");
-    EXPECT_EQ(step, 2);
-    EXPECT_TRUE(support::passes_in_child([] {
-        Lock other;
-        EXPECT_EQ(procrwlock_wrlock_trylock(&other), -1);
-    }));
+    std::thread reader([&] {
+        EXPECT_EQ(procrwlock_rdlock(&lock), 0);
+        EXPECT_TRUE(lock.gets(&procrwlock_t::l_wwaiting, 1));
+        EXPECT_EQ(procrwlock_rdlock_trylock(&lock), -1);
+        in_thread(procrwlock_rdlock, procrwlock_rdunlock, 'r').join();
+        EXPECT_TRUE(lock.gets(&procrwlock_t::l_readers, 1));  // the owner waits for this one
+        EXPECT_EQ(order, "r");
+        EXPECT_TRUE(support::passes_in_child([] {
+            Lock other;
+            EXPECT_EQ(procrwlock_wrlock_trylock(&other), -1);
+        }));
+        EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
+    });
+    EXPECT_TRUE(lock.gets(&procrwlock_t::l_readers, 2));
+    std::thread writer = in_thread(procrwlock_wrlock, procrwlock_wrunlock, 'w');
+    EXPECT_TRUE(lock.gets(&procrwlock_t::l_wwaiting, 1));
     EXPECT_EQ(procrwlock_rdunlock(&lock), 0);
-    owner.join();
+    reader.join();
     writer.join();
     EXPECT_EQ(lock.l_owner, static_cast<pthread_t>(-1));
     EXPECT_EQ(procrwlock_rdunlock(&lock), -1);  // nobody reads
     EXPECT_EQ(procrwlock_wrlock(&lock), 0);
-    std::thread second([&] { locked(procrwlock_wrlock, procrwlock_wrunlock, 'W'); });
-    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_wwaiting));
-    std::thread reader([&] { locked(procrwlock_rdlock, procrwlock_rdunlock, 'R'); });
-    EXPECT_TRUE(lock.gets_one(&procrwlock_t::l_rwaiting));
+    std::thread second = in_thread(procrwlock_wrlock, procrwlock_wrunlock, 'W');
+    EXPECT_TRUE(lock.gets(&procrwlock_t::l_wwaiting, 1));
+    std::thread first = in_thread(procrwlock_rdlock, procrwlock_rdunlock, 'R');
+    EXPECT_TRUE(lock.gets(&procrwlock_t::l_rwaiting, 1));
     EXPECT_EQ(procrwlock_wrunlock(&lock), 0);
-    reader.join();
+    first.join();
     second.join();
     EXPECT_EQ(order, "rwRW");
 }
