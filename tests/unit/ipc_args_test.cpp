@@ -39,7 +39,8 @@ std::string encoded(std::vector<std::string> pieces, int expected) {
     qelIpcArgBlock *block = reinterpret_cast<qelIpcArgBlock *>(&args);
     EXPECT_EQ(qelIpcArgsEncode(&args, &block), expected);
     EXPECT_EQ(block == nullptr, expected < 0);
-    std::string bytes(reinterpret_cast<char *>(block), expected < 0 ? 0 : expected);
+    std::string bytes(reinterpret_cast<char *>(block),
+                      static_cast<size_t>(expected < 0 ? 0 : expected));
     free(block);
     return bytes;
 }

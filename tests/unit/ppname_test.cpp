@@ -36,7 +36,7 @@ TEST(PpName, FindsTheAddressOfARealConnection) {
     socklen_t size = sizeof name;
     auto *address = reinterpret_cast<sockaddr *>(&name);
     int listener = socket(AF_INET, SOCK_STREAM, 0), client = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(listener, address, size) | listen(listener, 1), 0);
+    ASSERT_TRUE(bind(listener, address, size) == 0 && listen(listener, 1) == 0);
     getsockname(listener, address, &size);
     ASSERT_EQ(connect(client, address, size), 0);
     int accepted = accept(listener, nullptr, nullptr);

@@ -117,7 +117,7 @@ TEST(ProcRwlock, RaisesThePriorityFromTheFirstLockToTheLast) {
             Lock lock;
             nice_value = normal;
             for (int round = 0; round < 3; ++round)
-                EXPECT_EQ(procrwlock_rdlock(&lock) | procrwlock_rdunlock(&lock), 0);
+                EXPECT_TRUE(procrwlock_rdlock(&lock) == 0 && procrwlock_rdunlock(&lock) == 0);
             EXPECT_EQ(changes, Values{});
             EXPECT_EQ(sampled, 1);
         })) << normal;

@@ -246,9 +246,10 @@ TEST(TnetCmd, HandlersSayWhatTheyDo) {
         control_call.clear();
         control_result = asked;
         int returned = 1;
+        bool no_input = err == no_stdin;
         std::string said, complained = support::captured(2, [&] {
                               said = support::captured(1, [&] {
-                                  if (err == no_stdin)
+                                  if (no_input)
                                       close(0);
                                   returned = handler(&daemon, argument);
                               });
