@@ -32,12 +32,13 @@ TEST(PpName, ReadsTheInodeOutOfTheLinksMiddle) {
 TEST(PpName, FindsTheAddressOfARealConnection) {
     // Under the emulator the table is the host's, with its byte order.
     const char *expected = support::emulated() ? "8.9.0.127" : "127.0.9.8";
-    sockaddr_in name{AF_INET, 0, {inet_addr("127.0.9.8")}, {}};
+    sockaddr_in name{AF_INET, 0, {INADDR_ANY}, {}};  // the listener has a line of its own
     socklen_t size = sizeof name;
     auto *address = reinterpret_cast<sockaddr *>(&name);
     int listener = socket(AF_INET, SOCK_STREAM, 0), client = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_TRUE(bind(listener, address, size) == 0 && listen(listener, 1) == 0);
     getsockname(listener, address, &size);
+    name.sin_addr.s_addr = inet_addr("127.0.9.8");
     ASSERT_EQ(connect(client, address, size), 0);
     int accepted = accept(listener, nullptr, nullptr);
     EXPECT_TRUE(support::passes_in_child([&] {
