@@ -177,7 +177,7 @@ TEST(Hash, RefusesNullsAndKeysWhoseBucketDoesNotExist) {
 
 TEST(Hash, PrintsBucketsOfMoreThanOneValue) {
     hash_table *table = create_hash_table(pid_hash, pid_cmp);
-    for (uintptr_t pid : {9, 9, 9, 9, 9, 9, 7, 510, 100})
+    for (uintptr_t pid : {9U, 9U, 9U, 9U, 9U, 9U, 7U, 510U, 100U})
         add_to_hash(pid, 0, table);
     EXPECT_EQ(support::captured(1, [] { print_hash_table(nullptr); }), "hash hdl is NULL \n");
     EXPECT_EQ(support::captured(1, [&] { print_hash_table(table); }),
