@@ -39,8 +39,8 @@ help: ## This list
 
 demo: ## Show the library at its main job: a daemon at work
 	@scripts/need $(build_packages) bubblewrap
-	$(call build,native)
-	@examples/demo build/native
+	$(call build,demo)
+	@examples/demo build/demo
 
 test: native target ## Run the tests on this machine, then on the target's processor
 	@echo "make test: all tests passed, on this machine and on the target"

@@ -128,6 +128,7 @@ qel_evlog_handle *new_block(int entries, const char *name, int section) {
 
 // The rest expects the log's lock to be held.
 
+UTILS_PRINTF(3, 0)
 void store_event(qel_evlog_handle &log, qel_evlog_entry &entry, const char *format,
                  va_list values) {
     timeval now{};

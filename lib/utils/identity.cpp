@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "internal/descriptor.h"
+#include "internal/write_all.h"
 #include "utils/cla.h"
 
 namespace utils {
@@ -68,19 +69,6 @@ __attribute__((format(printf, 1, 2))) int format_variable(const char *format, ..
     int length = vsnprintf(switch_variable, sizeof switch_variable, format, values);
     va_end(values);
     return length;
-}
-
-bool write_all(int fd, const char *bytes, size_t count) {
-    while (count > 0) {
-        ssize_t written = write(fd, bytes, count);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        bytes += written;
-        count -= static_cast<size_t>(written);
-    }
-    return true;
 }
 
 bool copy_file(int from, int to) {

@@ -1,40 +1,77 @@
 // Counts the allocations of the whole process, and refuses them on demand; include it in one source
-// file of a test program. The sanitizers own the allocator, so the fake is absent in their builds.
+// file of a test program. The sanitizers own malloc: in their builds only calloc and realloc are
+// counted and refused, and a test that needs more asks for UTILS_FAKE_HEAP.
 #pragma once
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <atomic>
-#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
 namespace support {
 
 inline std::atomic<int> allocations{0};
 inline std::atomic<int> refuse_after{-1};  // this many more succeed, then all fail; -1: none fails
+inline std::atomic<int> failing{0};        // 1: the next one fails alone, 2: the one after it, ...
 
 inline bool refuse_allocation() {
     ++allocations;
+    if (failing > 0 && --failing == 0)
+        return true;
     int left = refuse_after;
     while (left > 0 && !refuse_after.compare_exchange_weak(left, left - 1)) {
     }
     return left == 0;
 }
 
+// Runs `call` with its first, then its second, ... allocation failing, each time followed by
+// `refused(result)`, until it runs through undisturbed. Returns its result then.
+template <typename Call, typename Refused>
+auto with_each_failure(Call call, Refused refused) {
+    for (int nth = 1;; ++nth) {
+        failing = nth;
+        auto result = call();
+        if (failing.exchange(0) > 0)
+            return result;
+        refused(result);
+    }
+}
+
 }  // namespace support
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define UTILS_FAKE_HEAP 1
 extern "C" {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define __libc_malloc malloc
+#else
+#define UTILS_FAKE_HEAP 1
 void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
 
 void *malloc(size_t size) {
     return support::refuse_allocation() ? nullptr : __libc_malloc(size);
 }
-void *calloc(size_t count, size_t size) {
-    return support::refuse_allocation() ? nullptr : __libc_calloc(count, size);
-}
-void *realloc(void *block, size_t size) {
-    return support::refuse_allocation() ? nullptr : __libc_realloc(block, size);
-}
-}
 #endif
+
+// The barrier keeps the compiler from seeing a calloc in here.
+void *calloc(size_t count, size_t size) noexcept {
+    size_t bytes = 0;
+    if (support::refuse_allocation() || __builtin_mul_overflow(count, size, &bytes))
+        return nullptr;
+    void *block = __libc_malloc(bytes);
+    __asm__ volatile("" : "+r"(block)::"memory");
+    return block != nullptr ? memset(block, 0, bytes) : nullptr;
+}
+
+// Always moves, and fills what is new.
+void *realloc(void *old, size_t size) noexcept {
+    void *block = support::refuse_allocation() ? nullptr : __libc_malloc(size);
+    if (block != nullptr)
+        memset(block, 0x5A, size);
+    if (block != nullptr && old != nullptr) {
+        memcpy(block, old, std::min(size, malloc_usable_size(old)));
+        free(old);
+    }
+    return block;
+}
+}

@@ -15,7 +15,8 @@ bool fail_close = false;
 }  // namespace
 
 // The name of the terminal on standard output.
-extern "C" int ttyname_r(int descriptor, char *name, size_t size) noexcept {
+extern "C" int fake_ttyname(int, char *, size_t) __asm__("ttyname_r");
+int fake_ttyname(int descriptor, char *name, size_t size) {
     if (descriptor != 1 || terminal == nullptr)
         return ENOTTY;
     snprintf(name, size, "%s", terminal);
