@@ -29,12 +29,13 @@ limit=20
 
 echo '$ portshow -s 2 1/12 3/b/05 A/7'
 coproc terminal { exec script -qefc "$(printf '%q' "$tool") -s 2 1/12 3/b/05 A/7" /dev/null; }
+# shellcheck disable=SC2154  # set by coproc
 child=$terminal_PID
 exec 3<&"${terminal[0]}" 4>&"${terminal[1]}"
 
 # Prints the dialogue line by line. A prompt is a line that stays open behind "] ", but for the one that
 # goes on with the prefix of its answer.
-line= last= next=0
+line='' last='' next=0
 while IFS= read -r -d '' -N 1 -t $limit character <&3; do
     case $character in
         $'\r') continue ;;

@@ -3,8 +3,7 @@
 #include <stdlib.h>
 #include <utils/hash.h>
 
-int main(void)
-{
+int main(void) {
     static const unsigned char core[8] = {0x10, 0, 0, 0, 0x11, 0x22, 0xAB, 0x12};
     static const unsigned char edge[8] = {0x10, 0, 0, 0, 0x11, 0x22, 0xAB, 0x13};
     hash_table *links = create_hash_table(wwn_hash, wwn_cmp);

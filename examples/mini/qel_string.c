@@ -4,8 +4,7 @@
 #include <string.h>
 #include <utils/qel_string.h>
 
-int main(void)
-{
+int main(void) {
     qelString *line = qelStringInit(0, 0);
     int ok;
 

@@ -13,16 +13,6 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// The words of "a|b|c"; no word at all of null.
-Words split(const char *text) {
-    Words words;
-    for (const char *end; text != nullptr; text = *end != '\0' ? end + 1 : nullptr) {
-        end = text + strcspn(text, "|");
-        words.emplace_back(text, end);
-    }
-    return words;
-}
-
 // An argument vector whose texts are heap blocks of their exact size, so that a read past one
 // shows.
 struct Args {
@@ -122,13 +112,14 @@ TEST(ClaFltr, TakesOptionsWithTheReadyMadeHandlersAndRefusesBadTables) {
     claFltrEntry table[] = {{'s', "switch", clafGetInt, &number},
                             {'p', "pic", clafGetShort, &small},
                             {0, nullptr, nullptr, nullptr}};
-    Args args(split("/bin/tool|-s|2|x|-s3|--pic|65537|-s|abc|--swit|1|-|-p"));
+    Args args(Words{"/bin/tool", "-s", "2", "x", "-s3", "--pic", "65537", "-s", "abc", "--swit",
+                    "1", "-", "-p"});
     char **argv = args.argv.data();
     EXPECT_EQ((std::vector{claFltr(table, &args.argc, argv), claFltr(nullptr, &args.argc, argv),
                            claFltr(table + 2, &args.argc, argv), claFltr(table, nullptr, argv),
                            claFltr(table, &args.argc, nullptr)}),
               (std::vector{0, -7, -7, -7, -7}));
-    EXPECT_EQ(args.words(), split("tool|x|-s|abc|--swit|1|-|-p"));
+    EXPECT_EQ(args.words(), (Words{"tool", "x", "-s", "abc", "--swit", "1", "-", "-p"}));
     EXPECT_TRUE(number == 3 && small == 1);
 }
 
@@ -155,7 +146,7 @@ TEST(Claf, NumbersBeginWithADigitAndEndAtASeparator) {
 }
 
 TEST(Claf, ArgPresentIgnoresCaseAndLooksAtEveryWord) {
-    Args args(split("Tool|-X|fast"));
+    Args args(Words{"Tool", "-X", "fast"});
     char **argv = args.argv.data();
     EXPECT_EQ((std::vector{clafArgPresent(3, argv, "tOOL"), clafArgPresent(3, argv, "FAST"),
                            clafArgPresent(2, argv, "fast"), clafArgPresent(3, argv, "fas"),
@@ -163,62 +154,56 @@ TEST(Claf, ArgPresentIgnoresCaseAndLooksAtEveryWord) {
               (std::vector{1, 1, 0, 0, -7}));
 }
 
-constexpr int kUnset = -99;
+constexpr int kNo = -99;
 
-TEST(Claf, SlotSlashPortTakesTheFirstMatch) {
-    const std::tuple<const char *, const char *, int> cases[] = {
-        {"t|1/12", "t|12", 1},     {"1/|x/2|/2", "1/|x/2|/2", kUnset},
-        {"0/007", "7", 0},         {"000/5", "5", 0},
-        {"010/00", "0", 10},       {"2/3,x|4/5", "3,x|4/5", 2},
-        {"2/3x|4/5", "2/3x|5", 4}, {"0x2/1|0", "0x2/1|0", kUnset},
-        {"3/0x1f", "0x1f", 3},     {"3/b/5|12", "3/b/5|12", kUnset}};
-    for (const auto &[before, after, slot] : cases) {
-        Args args(split(before));
-        int found = kUnset;
-        EXPECT_EQ(clafSlotSlashPort(args.argc, args.argv.data(), &found), 0);
-        EXPECT_EQ(args.words(), split(after));
-        EXPECT_EQ(found, slot) << before;
-        EXPECT_EQ(clafSlotSlashPort(0, args.argv.data(), &found), -7);
-    }
-}
-
-TEST(Claf, SlotSlashPicSlashPortLetsTheFirstSlashDecide) {
-    const std::tuple<const char *, const char *, int, int, int> cases[] = {
-        {"t|3/b/05", "t|5", 3, 2, 0},
-        {"3/00x", "0x", 3, kUnset, 0},
-        {"A/5|1/2", "5|1/2", kUnset, 1, 0},
-        {"00/a/0", "0", 0, 1, 0},
-        {"3//5", "5", 3, kUnset, 0},
-        {"portname|1/2|a/b/c", "portname|2|a/b/c", 1, kUnset, 0},
-        {"PORTNAME|1|a/b/c", "PORTNAME|1|a/b/c", kUnset, kUnset, 0},
-        {"3/", "3/", kUnset, kUnset, -8},
-        {"3/bc/5", "3/bc/5", kUnset, kUnset, -7},
-        {"3x/5", "3x/5", kUnset, kUnset, -7},
-        {"1/b/2/3", "1/b/2/3", kUnset, kUnset, -7},
-        {"t|/tmp/x|1/2", "t|/tmp/x|1/2", kUnset, kUnset, -7}};
-    for (const auto &[before, after, slot, pic, result] : cases) {
-        Args args(split(before));
-        int found[] = {kUnset, kUnset};
+// Slot and port take the first match; with a pic, the first slash decides.
+TEST(Claf, SlotsPicsAndPortsAreSplit) {
+    const std::tuple<bool, Words, Words, int, int, int> cases[] = {
+        {false, {"t", "1/12"}, {"t", "12"}, 1, kNo, 0},
+        {false, {"1/", "x/2", "/2"}, {"1/", "x/2", "/2"}, kNo, kNo, 0},
+        {false, {"0/007"}, {"7"}, 0, kNo, 0},
+        {false, {"000/0x1f"}, {"0x1f"}, 0, kNo, 0},
+        {false, {"010/00"}, {"0"}, 10, kNo, 0},
+        {false, {"2/3,x", "4/5"}, {"3,x", "4/5"}, 2, kNo, 0},
+        {false, {"2/3x", "4/5"}, {"2/3x", "5"}, 4, kNo, 0},
+        {false, {"0x2/1"}, {"0x2/1"}, kNo, kNo, 0},
+        {false, {"3/b/5"}, {"3/b/5"}, kNo, kNo, 0},
+        {false, {}, {}, kNo, kNo, -7},
+        {true, {"t", "3/b/05"}, {"t", "5"}, 3, 2, 0},
+        {true, {"3/00x"}, {"0x"}, 3, kNo, 0},
+        {true, {"A/5", "1/2"}, {"5", "1/2"}, kNo, 1, 0},
+        {true, {"00/a/0"}, {"0"}, 0, 1, 0},
+        {true, {"3//5"}, {"5"}, 3, kNo, 0},
+        {true, {"portname", "1/2", "a/b/c"}, {"portname", "2", "a/b/c"}, 1, kNo, 0},
+        {true, {"PORTNAME", "1", "a/b/c"}, {"PORTNAME", "1", "a/b/c"}, kNo, kNo, 0},
+        {true, {"3/"}, {"3/"}, kNo, kNo, -8},
+        {true, {"3/bc/5"}, {"3/bc/5"}, kNo, kNo, -7},
+        {true, {"3x/5"}, {"3x/5"}, kNo, kNo, -7},
+        {true, {"1/b/2/3"}, {"1/b/2/3"}, kNo, kNo, -7},
+        {true, {}, {}, kNo, kNo, -7}};
+    for (const auto &[with_pic, before, after, slot, pic, expected] : cases) {
+        Args args(before);
         char **argv = args.argv.data();
-        EXPECT_EQ(clafSlotSlashPicSlashPort(args.argc, argv, &found[0], &found[1]), result);
-        EXPECT_EQ(args.words(), split(after));
-        EXPECT_TRUE(found[0] == slot && found[1] == pic) << before;
-        EXPECT_EQ(clafSlotSlashPicSlashPort(0, argv, &found[0], &found[1]), -7);
+        int found[] = {kNo, kNo};
+        int result = with_pic ? clafSlotSlashPicSlashPort(args.argc, argv, &found[0], &found[1])
+                              : clafSlotSlashPort(args.argc, argv, &found[0]);
+        EXPECT_EQ(result, expected);
+        EXPECT_EQ(args.words(), after);
+        EXPECT_TRUE(found[0] == slot && found[1] == pic) << testing::PrintToString(before);
     }
 }
 
 TEST(ClaReparse, SplitsInPlaceAndAlwaysEndsTheVector) {
-    const std::tuple<const char *, int, const char *, const char *, int> cases[] = {
-        {"a,b x", 3, nullptr, "a|b|x", 3},  {"a,b x", 2, ",", "a|b x", 2},
-        {"a,b x", 1, nullptr, "a", -33},    {",, ||\t", 1, nullptr, nullptr, 0},
-        {" a,|b", 2, nullptr, "a|b", 2},    {"a", 0, nullptr, nullptr, -33},
-        {nullptr, 2, nullptr, nullptr, -22}};
+    const std::tuple<Words, int, const char *, Words, int> cases[] = {
+        {{"a,b x"}, 3, nullptr, {"a", "b", "x"}, 3}, {{"a,b x"}, 2, ",", {"a", "b x"}, 2},
+        {{"a,b x"}, 1, nullptr, {"a"}, -33},         {{",, ", "", "\t"}, 1, nullptr, {}, 0},
+        {{" a,", "b"}, 2, nullptr, {"a", "b"}, 2},   {{}, 2, nullptr, {}, -22}};
     for (const auto &[before, capacity, separators, after, result] : cases) {
-        Args args(split(before));
+        Args args(before);
         std::vector<char *> out(static_cast<size_t>(capacity) + 1, args.argv[0]);
         EXPECT_EQ(claReparse(args.argc, args.argv.data(), out.data(), capacity, separators),
                   result);
-        EXPECT_EQ(Words(out.begin(), std::find(out.begin(), out.end(), nullptr)), split(after));
+        EXPECT_EQ(Words(out.begin(), std::find(out.begin(), out.end(), nullptr)), after);
     }
 }
 

@@ -149,6 +149,7 @@ TEST(LogCache, DumpWritesThroughNoPlantedFile) {
     });
 }
 
+#ifdef UTILS_FAKE_HEAP
 TEST(LogCache, WithoutMemoryItSaysSoAndDoesNotCrash) {
     support::Ending ending = support::in_child([] {
         char buffer[100];
@@ -170,6 +171,7 @@ TEST(LogCache, WithoutMemoryItSaysSoAndDoesNotCrash) {
                                          "Insufficient system resources: log_cache - [0-9]+\n"
                                          "(Cache NOT Instantiated.*\n)+"));
 }
+#endif
 
 // The lines of a dump: each writer's numbers, in order. Nothing but whole lines may stand in it,
 // except for zeros and the rest of one overwritten line before the first newline of a full cache.

@@ -177,8 +177,10 @@ TEST(TimerR, TheIoLoopDrivesTimersAndDescriptors) {
         often = createTimerCB(
             [](uintptr_t, uintptr_t) {
                 EXPECT_TRUE(pthread_equal(pthread_self(), here));
-                if (++calls == 3)
+                if (++calls == 3) {
+                    timer_cancel_r(often);
                     ioss_stop(loop);
+                }
             },
             0, 0, 0, 1);
         ASSERT_EQ(write(ends[1], "x", 1), 1);
@@ -186,6 +188,7 @@ TEST(TimerR, TheIoLoopDrivesTimersAndDescriptors) {
         EXPECT_EQ(calls, 3);
         EXPECT_EQ(reinterpret_cast<char *>(&ends[1])[0], 'x');
         EXPECT_EQ(timer_ioss_free(loop), 0);
+        timer_set_r(often, 50);
         EXPECT_EQ(ioss_run(loop, 80), 0);
         EXPECT_EQ(calls, 3) << "the loop no longer drives timers";
         ioss_loop_destroy(loop);

@@ -170,7 +170,7 @@ TEST(TnetCmd, RunsNothingThatIsNotAMessage) {
     EXPECT_EQ(answer_to(command_message({long_text})), "1|" + long_text);
     std::string message = command_message({"x"});
     EXPECT_EQ(answer_to(message, -1, true), "qelTcmdCB: unable to dup socket!\n");
-#ifdef UTILS_FAKE_HEAP
+#ifdef UTILS_FAKE_MALLOC
     std::string answers[] = {"", "", "qelTcmdCB: unable to fdopen descriptor!\n"};
     for (int granted = 0; granted < 3; ++granted)
         EXPECT_EQ(answer_to(message, granted), answers[granted]);
