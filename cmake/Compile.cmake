@@ -48,4 +48,6 @@ function(utils_c_shared_library target map)
     target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C LINK_DEPENDS ${map}
                           VERSION 1.0 SOVERSION 1.0)
+    # CMake would add the C++ runtime for the C++ sources: without it, a use of it is a link error.
+    set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "" PARENT_SCOPE)
 endfunction()
