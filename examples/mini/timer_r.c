@@ -15,5 +15,6 @@ int main(void) {
     if (msgQReceive(events, &event, sizeof event, 5000) != 0)
         return 1;
     event.handler(event.arg1, event.arg2);
-    return timer_delete_r(timer);
+    timer_delete_r(timer);
+    return msgQDelete(events);
 }
