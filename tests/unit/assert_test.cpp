@@ -83,102 +83,87 @@ TEST(Assert, SwitchFilesMustHoldExactlyOnAndANewline) {
 
 TEST(Assert, BoundsItsTextsAndItsCount) {
     set_switches("", "");
-    std::string head = "VERIFY - Failed expression: ", e(300, 'e');
+    std::string head = "VERIFY - Failed expression: ", e(300, 'e'),
+                cut = head + e.substr(head.size() + 45);
     std::tuple<const char *, const char *, unsigned, std::string> cases[] = {
-        {"e", "f", 11u << 24 | 0xFFFFFF, "e,         file = f, line = 16777215, user mode "},
-        {"e", "f", 15u << 24 | 3, "e,         file = f, line = 3, user mode "},
-        {nullptr, nullptr, 3,
-         "unavailable(null pointer),         file = unavailable(null pointer), line = 3, user "
-         "mode "},
-        {e.c_str(), "f", 3, e.substr(0, 255 - head.size())},
+        {"e", "f", 11u << 24 | 0xFFFFFF, head + "e,         file = f, line = 16777215, user mode "},
+        {"e", nullptr, 15u << 24,
+         head + "e,         file = unavailable(null pointer), line = 0, user mode "},
+        {nullptr, "f", 3,
+         head + "unavailable(null pointer),         file = f, line = 3, user mode "},
+        {e.c_str(), "f", 3, cut},
     };
-    for (auto &[expr, file, info, expected] : cases) {
-        std::string text = captured(2, [&, &expr = expr, &file = file, &info = info] {
-            do_assert(expr, file, info, 1u, 2u);
-        });
-        EXPECT_EQ(text.substr(31, text.find('|') - 31), head + expected);
+    for (auto &c : cases) {
+        auto report = [&] { do_assert(std::get<0>(c), std::get<1>(c), std::get<2>(c), 1u, 2u); };
+        EXPECT_THAT(captured(2, report), HasSubstr("0141000D " + std::get<3>(c) + "|"));
     }
-    EXPECT_THAT(support::read_file(kConsole),
-                HasSubstr(head + e.substr(0, 255 - head.size()) + "Call backtrace:\n"));
-}
-
-std::set<std::string> wrapper_lines;
-
-// Calls a wrapper with as many values as it takes: 1, 2, ...
-template <typename... Values>
-void expect_reports(int (*wrapper)(const char *, const char *, unsigned, Values...), int fatal) {
-    unsigned i = 0;
-    [[maybe_unused]] auto next = [&] { return ++i; };
-    std::tuple<const char *, const char *, unsigned, Values...> values{"e", "f", 7777,
-                                                                       Values(next())...};
-    std::string text = captured(2, [&] { EXPECT_EQ(std::apply(wrapper, values), fatal); }), args;
-    for (unsigned n = 1; n <= sizeof...(Values); ++n)
-        args += (n == 1 ? "         args = " : ", ") + std::to_string(n) + (n == i ? "\n" : "");
-    EXPECT_THAT(text, HasSubstr(fatal ? "ASSERT - Failed expression: e,"
-                                      : "VERIFY - Failed expression: e,"));
-    EXPECT_THAT(text, HasSubstr("user mode " + args + "|"));
-    wrapper_lines.insert(text.substr(text.find("line = "), 12));
-}
-
-template <typename... Wrappers>
-void expect_all_report(int fatal, Wrappers... wrappers) {
-    (expect_reports(wrappers, fatal), ...);
+    EXPECT_THAT(support::read_file(kConsole), HasSubstr(cut + "Call backtrace:\n"));
 }
 
 TEST(Assert, WrappersPassTheirValuesAndReportTheirOwnLine) {
     set_switches("on\n", "on\n");
-    expect_all_report(1, dbg_assert0, dbg_assert1, dbg_assert2, dbg_assert3, dbg_assert4,
-                      dbg_assert5, dbg_assert6, dbg_assert7, dbg_assert8, dbg_assert9,
-                      dbg_assert10);
-    expect_all_report(0, dbg_verify0, dbg_verify1, dbg_verify2, dbg_verify3, dbg_verify4,
-                      dbg_verify5, dbg_verify6, dbg_verify7, dbg_verify8, dbg_verify9,
-                      dbg_verify10);
-    EXPECT_EQ(wrapper_lines.size(), 22u);
-    EXPECT_EQ(wrapper_lines.count("line = 7777,"), 0u);
+    std::set<std::string> lines{"line = 7777,"};
+    auto check = [&]<typename... Values>(
+                     int (*wrapper)(const char *, const char *, unsigned, Values...), int fatal) {
+        std::string args;
+        [[maybe_unused]] auto next = [&, n = 0u]() mutable {
+            args += (n == 0 ? "         args = " : ", ") + std::to_string(n + 1);
+            return ++n;
+        };
+        std::tuple<const char *, const char *, unsigned, Values...> values{"e", "f", 7777,
+                                                                           Values(next())...};
+        std::string text = captured(2, [&] { EXPECT_EQ(std::apply(wrapper, values), fatal); });
+        EXPECT_THAT(text, HasSubstr(fatal ? "ASSERT - Failed expression: e,"
+                                          : "VERIFY - Failed expression: e,"));
+        EXPECT_THAT(text, HasSubstr("user mode " + args + (args.empty() ? "|" : "\n|")));
+        lines.insert(text.substr(text.find("line = "), 12));
+    };
+#define BOTH(N) check(dbg_assert##N, 1), check(dbg_verify##N, 0)
+    BOTH(0), BOTH(1), BOTH(2), BOTH(3), BOTH(4), BOTH(5), BOTH(6), BOTH(7), BOTH(8), BOTH(9),
+        BOTH(10);
+    EXPECT_EQ(lines.size(), 23u);
 }
 
 TEST(Assert, MacrosReportTheCallersPlaceAndGiveTheTruth) {
     set_switches("on\n", "on\n");
-    int evaluated = 0;
-    EXPECT_EQ(captured(2,
-                       [&] {
-                           EXPECT_EQ(QEL_VERIFY(++evaluated == 1), 1);
-                           EXPECT_EQ(QEL_VERIFY_VALUES(evaluated == 1, 5), 1);
-                           QEL_ASSERT(evaluated == 1);
-                       }),
-              "");
-    int line = __LINE__ + 1;
-    auto verify = [&] { EXPECT_EQ(QEL_VERIFY_VALUES(evaluated == 2, -1, 2L, 'c'), 0); };
-    EXPECT_THAT(
-        captured(2, verify),
-        HasSubstr("VERIFY - Failed expression: evaluated == 2,         file = " __FILE__
-                  ", line = " +
-                  std::to_string(line) + ", user mode          args = 4294967295, 2, 99\n|"));
-    std::string text =
-        captured(2, [&] { QEL_ASSERT_VALUES(evaluated == 2, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10); });
-    EXPECT_THAT(text, HasSubstr("ASSERT - Failed expression: evaluated == 2"));
+    const std::string event = "assert do_assert 1 00 ", line = std::to_string(__LINE__ + 5);
+    std::string text = captured(2, [calls = 0]() mutable {
+        EXPECT_EQ(QEL_VERIFY(++calls == 1), 1);
+        EXPECT_EQ(QEL_VERIFY_VALUES(calls == 1, 5), 1);
+        QEL_ASSERT(calls == 1);
+        EXPECT_EQ(QEL_VERIFY_VALUES(calls == 2, -1, 2L, 'c'), 0);
+        QEL_ASSERT_VALUES(calls == 3, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
+    });
+    EXPECT_EQ(text.find(event +
+                        "0141000D VERIFY - Failed expression: calls == 2,         file = " __FILE__
+                        ", line = " +
+                        line + ", user mode          args = 4294967295, 2, 99\n|" + event +
+                        "00410004 |" + event + "0141000D ASSERT - Failed expression: calls == 3,"),
+              0u)
+        << text;
     EXPECT_THAT(text, HasSubstr("args = 1, 2, 3, 4, 5, 6, 7, 8, 9, 10\n|"));
 }
 
 TEST(Assert, SelfTestRunsTheCheckItsCountSelects) {
     set_switches("on\n", "on\n");
-    std::pair<int, const char *> cases[] = {
-        {0, "ASSERT - Failed expression: 5 < 3, "}, {1, "expression: 'a' == 'L', "},
-        {2, "user mode          args = 1, 2\n"},    {5, "file = test null expr"},
-        {6, "expression: test null file"},          {7, "VERIFY - Failed expression: (5%3) == 3"}};
-    for (auto [count, expected] : cases) {
-        support::Ending ending =
-            support::in_child([count = count] { return dbg_test_assert(count); });
-        EXPECT_EQ(ending.status, 0);
-        EXPECT_THAT(ending.err, HasSubstr(expected));
-        std::string number = std::to_string(count);
-        EXPECT_THAT(
-            ending.out,
-            testing::MatchesRegex("user dbg_test_assert entry: count = " + number + "\n" +
-                                  (count == 7 ? "(VERIFY returned [*]FALSE[*]\n){7}VERIFY returned "
-                                                "[*]TRUE[*]\nVERIFY returned [*]FALSE[*]\n"
-                                              : "") +
-                                  "user dbg_test_assert exit: count = " + number + "\n"));
+    const char *expected[] = {"ASSERT - Failed expression: 5 < 3, ",
+                              "expression: 'a' == 'L', ",
+                              "user mode          args = 1, 2\n",
+                              "args = 1, 2, 3\n",
+                              "args = 1, 2, 3, 4\n",
+                              "file = test null expr",
+                              "expression: test null file",
+                              "VERIFY - Failed expression: (5%3) == 3",
+                              ""};
+    for (int count = 0; count <= 8; ++count) {
+        support::Ending ending = support::in_child([&] { return dbg_test_assert(count); });
+        EXPECT_THAT(ending.err, HasSubstr(expected[count]));
+        std::string end = " count = " + std::to_string(count) + "\n";
+        std::string verify =
+            "(VERIFY returned .FALSE.\n){7}VERIFY returned .TRUE.\nVERIFY returned .FALSE.\n";
+        EXPECT_THAT(ending.out, testing::MatchesRegex("user dbg_test_assert entry:" + end +
+                                                      (count == 7 ? verify : "") +
+                                                      "user dbg_test_assert exit:" + end));
     }
 }
 

@@ -31,34 +31,31 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
         EXPECT_EQ(serviceStatIsOn, 0);
         expect_cleared(3, UINT64_MAX);
     }
-    std::string text = support::read_file(kReport), indent(30, ' ');
+    std::string text = support::read_file(kReport);
     const char *date = text.c_str() + 100;
     tm parsed{};
     EXPECT_EQ(strptime(date, "%a %b %e %H:%M:%S %Y\n\n\n", &parsed), date + 27);
-    std::string ruler = std::string(39, '=') + "+=======+=======+=======+" + std::string(35, '=') +
-                        "+" + std::string(24, '=') + "\n";
-    std::string none =
-        "       0       0       0           0           0           0           0           0\n";
+    std::string sp(40, ' '), rule(39, '='),
+        none =
+            "       0       0       0           0           0           0           0           "
+            "0\n";
+    rule +=
+        "+=======+=======+=======+===================================+========================\n";
+    std::string longlabel = "longlabel" + sp.substr(5) + none;
     EXPECT_EQ(
         text.erase(100, 24),
-        "                                        SWITCH SERVICE REQUEST RESPONSE TIMES             "
-        "          "
-        "\n\n\n" +
-            ruler +
-            "                 REQUEST                 CALLS   RJT/   Drop/           Service Times "
-            "(usec)        "
-            "   Queue Times (msec)   \n"
-            "Service   Req Code                                 BSY    Retry     Avg         High  "
-            "      Low     "
-            "    Avg         High    \n" +
-            ruler +
+        sp + "SWITCH SERVICE REQUEST RESPONSE TIMES                       \n\n\n" + rule +
+            "                 REQUEST                 CALLS   RJT/   Drop/   "
+            "        Service Times (usec)           Queue Times (msec)   \n"
+            "Service   Req Code                                 BSY    Retry "
+            "    Avg         High        Low         Avg         High    \n" +
+            rule +
             "NS   NS_QUERY                           "
             "     700       2       3    10000000     4999999           3          14          60\n"
             "NS   NS_REGISTER                        "
             "       0       5      -1           0           0           0           0           0\n"
-            "NS                                      " +
-            none + "longlabel" + indent + "     " + none + "longlabel" + indent + "     " + none +
-            "longlabel" + indent + "     " + none);
+            "NS" +
+            sp.substr(2) + none + longlabel + longlabel + longlabel);
     free(serviceStats);
 }
 
