@@ -1,4 +1,4 @@
-// What a dead process leaves behind: its event log in a trace section, and its core file.
+// What a failed assertion and an exception leave behind: a core file.
 #include <elf.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -7,50 +7,12 @@
 #include <cstring>
 #include <filesystem>
 
-#include "platform/trace.h"
 #include "support/crash.h"
 #include "support/support.h"
 #include "utils/assert.h"
-#include "utils/evlog.h"
 #include "utils/signals.h"
 
 namespace {
-
-using testing::HasSubstr;
-
-TEST(PostMortem, EventLogOfAKilledDaemonIsReadFromItsSection) {
-    support::Ending ending = support::in_child([] {
-        printf("%d", getpid());
-        fflush(stdout);
-        qel_evlog_db db;
-        qel_evlog_init(&db);
-        qel_evlog_newHandle(&db, 10, "idle", "i");
-        qel_evlog_handle *log = qel_evlog_newHandle(&db, 50, "protocol", "p");
-        for (int i = 1; i <= 120; ++i)
-            qel_evlog(log, "step %d of the protocol\n", i);
-        return raise(SIGKILL);
-    });
-    ASSERT_TRUE(!ending.exited && ending.status == SIGKILL);
-    char path[200];
-    snprintf(path, sizeof path, TRACE_DIRECTORY "/" TRACE_FILE_FORMAT, std::stoi(ending.out), 2,
-             "post_mortem_test", "proto");
-    // As a tool in another process does it, from the file's bytes.
-    std::string block = support::read_file(path);
-    auto *log = reinterpret_cast<qel_evlog_handle *>(block.data());
-    ASSERT_EQ(block.size(), sizeof *log + 50 * sizeof(qel_evlog_entry));
-    log->entries = reinterpret_cast<qel_evlog_entry *>(log + 1);
-    pthread_mutex_init(&log->lock, nullptr);
-    std::string dump = support::captured(1, [&] { EXPECT_EQ(qel_evlog_dump(stdout, log, 0), 0); });
-    EXPECT_THAT(
-        dump,
-        HasSubstr("evt log            :protocol\nshortcut           :p\ntotal entries      :50\n"
-                  "current            :20\nwrapped            :2\n"));
-    size_t at = 0;
-    for (int i = 71; i <= 120; ++i) {
-        at = dump.find("step " + std::to_string(i) + " of the protocol\n", at);
-        ASSERT_NE(at, std::string::npos) << i;
-    }
-}
 
 // The signal in the process status note of the one core file in a program's directory, or -1.
 int signal_of_core(const char *program) {

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdarg>
 #include <regex>
 #include <thread>
@@ -168,8 +169,6 @@ TEST(EvlogArguments, NullAndForeignOnesAreRefused) {
     for (qel_evlog_handle *log : {static_cast<qel_evlog_handle *>(nullptr), foreign})
         EXPECT_EQ(captured(1, [&] { EXPECT_EQ(qel_evlog_dump(stdout, log, 0), -22); }),
                   "not valid handle\n");
-    for (auto call : {qel_evlog_clear, qel_evlog_handle_toggleShow, qel_evlog_handle_free})
-        call(nullptr);
     for (int result :
          {qel_evlog_init(nullptr), qel_evlog_free(nullptr), qel_evlog_dbInsert(&db, nullptr)})
         EXPECT_EQ(result, -22);
@@ -186,6 +185,30 @@ TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {
                 MatchesRegex("-------------\nevt log            :General 1\n(.*\n)*no "
                              "verbose-------------\n(.*\n)*verbose-----------\n(.*\n)*T event 3 of "
                              "7\nT event 4 of 7\n(.*\n)*"));
+}
+
+TEST(EvlogOfAKilledDaemon, IsReadFromItsSectionByAnotherProcess) {
+    support::Ending daemon = support::in_child([] {
+        dprintf(1, "%d", getpid());
+        qel_evlog_db db;
+        qel_evlog_init(&db);
+        qel_evlog_handle *log = qel_evlog_newHandle(&db, 50, "protocol", "p");
+        for (int i = 1; i <= 120; ++i)
+            qel_evlog(log, "step %d\n", i);
+        return raise(SIGKILL);
+    });
+    ASSERT_EQ(std::pair(daemon.exited, daemon.status), std::pair(false, SIGKILL));
+    std::string block =
+        support::read_file(TRACE_DIRECTORY "/" + daemon.out + ".1.evlog_test.proto");
+    auto *log = reinterpret_cast<qel_evlog_handle *>(block.data());
+    ASSERT_EQ(block.size(), sizeof *log + 50 * sizeof(qel_evlog_entry));
+    log->entries = reinterpret_cast<qel_evlog_entry *>(log + 1);
+    pthread_mutex_init(&log->lock, nullptr);
+    std::string events;
+    for (int i = 71; i <= 120; ++i)
+        events += "T step " + std::to_string(i) + "\n";
+    EXPECT_THAT(dump_of(log), HasSubstr("current            :20\nwrapped            :2\n"));
+    EXPECT_THAT(dump_of(log), HasSubstr("\n" + events + "---"));
 }
 
 TEST_P(Evlog, ThreadsLoseNoEventWhileOthersDump) {

@@ -73,13 +73,12 @@ TEST(Signals, HandlerActsByNumber) {
         });
         ending.err = ending.err.substr(0, ending.err.find("qemu"));
         std::string name = "a name of more than thirty-one ", digits = std::to_string(number);
-        std::string expected = name + ": (pid=" + ending.err + "), signal=" + digits + "\n";
-        if (!exits)
-            expected += "\nApplication '" + name + "'(pid " + ending.err + ") got exception " +
-                        digits + ".\nwill dump core under /core_files\n" + '\0';
-        else if (number != SIGPIPE)
-            expected += "cleanup\n";
-        EXPECT_EQ(ending.out, expected);
+        EXPECT_EQ(ending.out, name + ": (pid=" + ending.err + "), signal=" + digits + "\n" +
+                                  (!exits ? "\nApplication '" + name + "'(pid " + ending.err +
+                                                ") got exception " + digits +
+                                                ".\nwill dump core under /core_files\n" + '\0'
+                                   : number != SIGPIPE ? "cleanup\n"
+                                                       : ""));
         EXPECT_EQ(std::tie(ending.exited, ending.status), std::tie(exits, status)) << number;
     }
 }
