@@ -23,7 +23,7 @@ int signal_of_core(const char *program) {
         if (!support::emulated() || entry.path().filename().string().rfind("qemu_", 0) == 0)
             core += support::read_file(entry.path());
     }
-    const std::string name("CORE\0\0\0", 8);
+    const std::string name("CORE", 5);  // what stands in its padding is open
     if (core.compare(0, SELFMAG, ELFMAG) != 0)
         return -1;
     for (size_t at = core.find(name); at != std::string::npos; at = core.find(name, at + 1)) {
