@@ -1,6 +1,7 @@
 // Counts the allocations of the whole process, and refuses them on demand; include it in one source
-// file of a test program. The sanitizers own malloc: in their builds only calloc and realloc are
-// counted and refused, and a test that needs more asks for UTILS_FAKE_HEAP.
+// file of a test program. The sanitizers own malloc: beside the address sanitizer only calloc and
+// realloc are faked (UTILS_FAKE_HEAP), beside the thread sanitizer, which needs them before it is
+// ready, nothing is. A test that wants malloc refused asks for UTILS_FAKE_MALLOC.
 #pragma once
 
 #include <malloc.h>
@@ -41,11 +42,13 @@ auto with_each_failure(Call call, Refused refused) {
 
 }  // namespace support
 
+#ifndef __SANITIZE_THREAD__
+#define UTILS_FAKE_HEAP 1
 extern "C" {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef __SANITIZE_ADDRESS__
 #define __libc_malloc malloc
 #else
-#define UTILS_FAKE_HEAP 1
+#define UTILS_FAKE_MALLOC 1
 void *__libc_malloc(size_t);
 
 void *malloc(size_t size) {
@@ -75,3 +78,4 @@ void *realloc(void *old, size_t size) noexcept {
     return block;
 }
 }
+#endif

@@ -98,6 +98,7 @@ void run_against_model(hashFunction hash, hashCompare compare) {
         auto unchanged = [&](int refused) {
             ASSERT_EQ(refused, -1);
             ASSERT_EQ(values_in(table, word), values);
+            ASSERT_EQ(get_header(word, &table->buckets[key.bucket], table) != nullptr, known == 0);
         };
         auto what = random() % 1000;
         if (what < 560) {
@@ -123,6 +124,8 @@ void run_against_model(hashFunction hash, hashCompare compare) {
             free_hash_eles(table);
             for (Key &freed : keys)
                 freed.values.clear();
+            EXPECT_EQ(pthread_mutex_trylock(&table->buckets[key.bucket].lock), 0);
+            pthread_mutex_unlock(&table->buckets[key.bucket].lock);
         }
         if (step % 500 == 0)
             expect_holds(table, keys);

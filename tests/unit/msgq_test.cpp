@@ -137,7 +137,7 @@ TEST(MsgQ, SteadyStateAllocatesNothingAndSparesAreCapped) {
     msgQDelete(queue);
 }
 
-#ifdef UTILS_FAKE_HEAP
+#ifdef UTILS_FAKE_MALLOC
 TEST(MsgQ, OutOfMemoryRefusesAndChangesNothing) {
     msgQHandle queue = msgQCreate(2, 64, 0, "oom");
     support::refuse_after = 0;

@@ -182,7 +182,7 @@ TEST(TnetCmd, RunsNothingThatIsNotAMessage) {
         EXPECT_EQ(answer_to(message), "") << testing::PrintToString(message.substr(0, 40));
     EXPECT_NE(answer_to(support::command_message({std::string(QEL_TNET_COMMAND_MAX - 13, 'x')})),
               "");
-#ifdef UTILS_FAKE_HEAP
+#ifdef UTILS_FAKE_MALLOC
     Connection connection;
     std::string message = support::command_message({"ab"});
     EXPECT_EQ(write(connection.client, message.data(), message.size()),
