@@ -1,11 +1,10 @@
 #include "utils/evlog.h"
 
 #include <dlfcn.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdarg>
-#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -15,7 +14,6 @@
 
 namespace {
 int32_t platform_code = 0;
-int ioctl_result = 0;
 bool refuse_section = false;
 std::string last_section;
 }  // namespace
@@ -24,12 +22,9 @@ std::string last_section;
 extern "C" int ioctl(int, unsigned long request, ...) noexcept {
     va_list values;
     va_start(values, request);
-    auto *code = va_arg(values, int32_t *);
+    *va_arg(values, int32_t *) = platform_code;
     va_end(values);
-    if (request != 0x4004DF06)
-        return -1;
-    *code = platform_code;
-    return ioctl_result;
+    return request == 0x4004DF06 && platform_code >= 0 ? 0 : -1;
 }
 
 int trace_data_init(int *handle, int kind, unsigned size, const char *name, int section,
@@ -42,6 +37,7 @@ int trace_data_init(int *handle, int kind, unsigned size, const char *name, int 
 
 namespace {
 
+using support::captured;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
@@ -50,236 +46,194 @@ class Evlog : public testing::TestWithParam<int> {
     void SetUp() override {
         support::write_file("/dev/moxsys", "");
         platform_code = GetParam();
-        ioctl_result = 0;
-        refuse_section = false;
+        last_section = "";
         ASSERT_EQ(qel_evlog_init(&db), 0);
     }
     void TearDown() override { EXPECT_EQ(qel_evlog_free(&db), 0); }
+    bool on_heap() const { return GetParam() != 1; }
     qel_evlog_db db;
 };
 
-// A trace section, and heap memory.
-INSTANTIATE_TEST_SUITE_P(Platforms, Evlog, testing::Values(1, 27));
+INSTANTIATE_TEST_SUITE_P(Platforms, Evlog, testing::Values(1, 26, 27, 34));
 
-std::string dumped(const std::function<void(FILE *)> &body) {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *stream = open_memstream(&text, &size);
-    body(stream);
-    fclose(stream);
-    std::string result(text, size);
-    free(text);
-    return result;
+// What `body` prints, every time replaced by "T".
+std::string timeless(const std::function<void()> &body) {
+    std::string text = captured(1, body);
+    for (size_t at = 12; (at = text.find(' ', at)) != std::string::npos; ++at) {
+        if (text[at - 4] == '.' && text[at - 10] == ':')
+            text.replace(at - 12, 12, "T");
+    }
+    return text;
 }
 
 std::string dump_of(qel_evlog_handle *log, int level = 0) {
-    return dumped([&](FILE *stream) { EXPECT_EQ(qel_evlog_dump(stream, log, level), 0); });
-}
-
-// A dump with every time replaced by "T ".
-std::string without_times(const std::string &dump) {
-    std::string text = dump;
-    for (size_t at = 0; (at = text.find('.', at)) != std::string::npos; ++at) {
-        if (at >= 8 && text[at - 3] == ':' && text[at + 4] == ' ')
-            text.replace(at - 8, 13, "T ");
-    }
-    return text;
+    return timeless([&] { EXPECT_EQ(qel_evlog_dump(stdout, log, level), 0); });
 }
 
 TEST_P(Evlog, KeepsTheNewestEventsAndDumpsThemInOrder) {
     qel_evlog_handle *log = qel_evlog_newHandle(&db, 5, "ring", "R");
     ASSERT_NE(log, nullptr);
-    bool heap = GetParam() == 27;
-    EXPECT_EQ(log->trace_handle == QEL_EVLOG_HEAP, heap);
-    if (!heap) {
-        EXPECT_EQ(last_section, "ring 1/136/1");
-    }
-    std::string head = "evt log            :ring\nshortcut           :R\ntotal entries      :5\n";
-    std::string tail = "trace hndl         :" + std::to_string(log->trace_handle) + "\n";
-    std::string end = "------------------------------------------------------\n";
-    EXPECT_EQ(dump_of(log), head + "current            :0\nwrapped            :0\n" + tail + end);
-    for (int i = 1; i <= 7; ++i) {
-        char *text = qel_evlog(log, "event %d\n", i);
-        EXPECT_EQ(text, log->entries[(i - 1) % 5].text);
-    }
-    EXPECT_EQ(log->current, 2);
-    EXPECT_EQ(log->wrapped, 1);
-    std::string position = "current            :2\nwrapped            :1\n";
-    EXPECT_EQ(
-        without_times(dump_of(log)),
-        head + position + tail + "T event 3\nT event 4\nT event 5\nT event 6\nT event 7\n" + end);
-    EXPECT_EQ(dump_of(log, -1), head + position + tail + end);
+    EXPECT_EQ(log->trace_handle == QEL_EVLOG_HEAP, on_heap());
+    EXPECT_EQ(last_section, on_heap() ? "" : "ring 1/136/1");
+    auto expect_dump = [&](int current, int wrapped, const std::string &events, int level = 0) {
+        EXPECT_EQ(dump_of(log, level),
+                  "evt log            :ring\nshortcut           :R\ntotal entries      :5\n"
+                  "current            :" +
+                      std::to_string(current) + "\nwrapped            :" + std::to_string(wrapped) +
+                      "\ntrace hndl         :" + std::to_string(log->trace_handle) + "\n" + events +
+                      "------------------------------------------------------\n");
+    };
+    expect_dump(0, 0, "");
+    for (int i = 1; i <= 7; ++i)
+        EXPECT_EQ(qel_evlog(log, "event %d\n", i), log->entries[(i - 1) % 5].text);
+    expect_dump(2, 1, "T event 3\nT event 4\nT event 5\nT event 6\nT event 7\n");
+    expect_dump(2, 1, "", -1);
     qel_evlog_clear(log);
-    EXPECT_EQ(dump_of(log), head + "current            :0\nwrapped            :0\n" + tail + end);
+    expect_dump(0, 0, "");
     EXPECT_EQ(log->entries[4].text[0], 0);
     for (int i = 0; i < 5 * 256 + 1; ++i)
         qel_evlog(log, "x\n");
-    EXPECT_EQ(log->wrapped, 0);
-    EXPECT_EQ(log->current, 1);
+    expect_dump(1, 0, "T x\n");
 }
 
 TEST_P(Evlog, CutsLongTextsWhenStoringAndWhenDumping) {
-    qel_evlog_handle *log =
-        qel_evlog_newHandle(&db, 10, std::string(50, 'n').c_str(), "0123456789abc");
-    std::string text = std::string(99, 'x') + "\n";
-    EXPECT_EQ(qel_evlog(log, "%s", text.c_str()), std::string(67, 'x'));
-    qel_evlog(log, "%s", std::string(66, 'y').c_str());
-    qel_evlog(log, "no newline");
-    qel_evlog(log, "%s", "");
-    EXPECT_THAT(without_times(dump_of(log)),
-                HasSubstr("T " + std::string(65, 'x') + "\nT " + std::string(65, 'y') +
-                          "\nT no newlin\nT --"));
-    EXPECT_THAT(dump_of(log), HasSubstr("evt log            :" + std::string(40, 'n') +
-                                        "\nshortcut           :0123456789\n"));
-    EXPECT_EQ(dumped([&](FILE *stream) { qel_evlog_db_list(stream, &db); }),
-              "Listing all the handles:\n[" + std::string(40, 'n') + "]\t[0123456789]\n");
-    EXPECT_EQ(qel_evlog_findByShortCut(&db, "0123456789"), log);
-    if (GetParam() != 27) {
-        EXPECT_EQ(last_section, "nnnnn/136/1");
-    }
+    std::string name(50, 'n'), cut(40, 'n'), x(99, 'x'), y(66, 'y');
+    qel_evlog_handle *log = qel_evlog_newHandle(&db, 10, name.c_str(), "0123456789abc");
+    EXPECT_EQ(last_section, on_heap() ? "" : "nnnnn/136/1");
+    EXPECT_EQ(qel_evlog(log, "%s", x.c_str()), x.substr(0, 67));
+    for (const char *text : {y.c_str(), "no newline", ""})
+        qel_evlog(log, "%s", text);
+    std::string dump = dump_of(log);
+    x.replace(65, 99, "\nT "), y.replace(65, 1, "\nT ");
+    EXPECT_THAT(dump, HasSubstr("T " + x + y + "no newlin\nT --"));
+    EXPECT_THAT(dump, HasSubstr(" :" + cut + "\nshortcut           :0123456789\n"));
+    EXPECT_EQ(captured(1, [&] { qel_evlog_db_list(stdout, &db); }),
+              "Listing all the handles:\n[" + cut + "]\t[0123456789]\n");
 }
 
 TEST_P(Evlog, FindsEchoesAndClearsByShortcut) {
     qel_evlog_handle *first = qel_evlog_newHandle(&db, 3, "first", "FaB");
-    qel_evlog_handle *second = qel_evlog_newHandle(&db, 3, "second", "zoo");
+    qel_evlog_handle *second = qel_evlog_newHandle(&db, 3, "second", "0123456789");
     EXPECT_EQ(qel_evlog_findByShortCut(&db, "fAb"), first);
-    EXPECT_EQ(qel_evlog_findByShortCut(&db, "ZOO"), second);
-    EXPECT_EQ(qel_evlog_findByShortCut(&db, "zo"), nullptr);
-    char program[] = "show", command[] = "evlog", name[] = "ZOO";
-    char *argv[] = {program, command, name};
-    auto log_both = [&] {
-        qel_evlog(first, "one\n");
-        qel_evlog(second, "two");
-    };
-    qel_evlog_private_toggleShow(2, argv);
-    EXPECT_EQ(support::captured(1, log_both), "");
-    qel_evlog_private_toggleShow(3, argv);
-    EXPECT_EQ(support::captured(1, log_both), "second:two\n");
-    qel_evlog_handle_toggleShow(second);
-    EXPECT_EQ(support::captured(1, log_both), "");
-    EXPECT_EQ(second->echo, 0);
+    EXPECT_EQ(qel_evlog_findByShortCut(&db, "012345678"), nullptr);
+    char name[] = "0123456789", *argv[] = {name, name, name};
+    auto log_both = [&] { qel_evlog(first, "one\n"), qel_evlog(second, "two"); };
+    for (int argc : {2, 3, 2, 3}) {
+        bool before = second->echo != 0;
+        qel_evlog_private_toggleShow(argc, argv);
+        EXPECT_EQ(captured(1, log_both), before != (argc == 3) ? "second:two\n" : "");
+    }
     qel_evlog_db_clear(&db);
-    EXPECT_EQ(dumped([&](FILE *stream) { qel_evlog_db_dump(stream, &db, 0); }),
-              dump_of(first) + dump_of(second));
     EXPECT_EQ(first->current + second->current + first->wrapped + second->wrapped, 0);
+    EXPECT_EQ(timeless([&] { qel_evlog_db_dump(stdout, &db, 0); }),
+              dump_of(first) + dump_of(second));
 }
 
-TEST_P(Evlog, RefusesSizesThatALogCannotHave) {
-    EXPECT_NE(qel_evlog_newHandle(&db, 5000, "most", "m"), nullptr);
-    for (int entries : {5001, 0, -1}) {
-        EXPECT_EQ(support::captured(
-                      1, [&] { EXPECT_EQ(qel_evlog_newHandle(&db, entries, "n", "s"), nullptr); }),
-                  "Exceed supported evlog entries=" + std::to_string(entries) + "\n");
-    }
-    EXPECT_NE(qel_evlog_newHandle(&db, 1, nullptr, nullptr), nullptr);
-}
-
-TEST_P(Evlog, FailedCreationLeavesTheDatabaseLocked) {
-    bool heap = GetParam() == 27;
-    bool refuse_memory = false;
-    auto fails = [&](const std::string &message) {
-        qel_evlog_handle *log = nullptr;
-        std::string text = support::captured(1, [&] {
-            support::refuse_after = refuse_memory ? 0 : -1;
-            log = qel_evlog_newHandle(&db, 2, "n", "s");
+TEST_P(Evlog, RefusesWhatItCannotHoldAndAFailureLeavesTheDatabaseLocked) {
+    std::string text;
+    auto refused = [&](int entries, bool failing = false) {
+        auto make = [&] {
+            refuse_section = failing;
+            support::refuse_after = failing && on_heap() ? 0 : -1;
+            EXPECT_EQ(qel_evlog_newHandle(&db, entries, "n", "s"), nullptr);
             support::refuse_after = -1;
-        });
-        EXPECT_EQ(log, nullptr);
-        EXPECT_THAT(text, MatchesRegex(message));
-        EXPECT_EQ(pthread_mutex_trylock(&db.lock), EBUSY);
+            refuse_section = false;
+        };
+        text = captured(1, make);
+        int locked = pthread_mutex_trylock(&db.lock);
         pthread_mutex_unlock(&db.lock);
+        return locked == EBUSY;
     };
-    if (!heap) {
-        refuse_section = true;
-        fails("EVLOG: /.*/evlog_test error in getting a section=1\n");
-        refuse_section = false;
+    for (int entries : {5001, 0, -1}) {
+        EXPECT_FALSE(refused(entries));
+        EXPECT_EQ(text, "Exceed supported evlog entries=" + std::to_string(entries) + "\n");
     }
-#ifdef UTILS_FAKE_HEAP
-    if (heap) {
-        refuse_memory = true;
-        fails("EVLOG: error in getting a section\n");
-        refuse_memory = false;
-    }
-#endif
+    EXPECT_TRUE(refused(2, true));
+    EXPECT_THAT(text,
+                MatchesRegex(on_heap() ? "EVLOG: error in getting a section\n"
+                                       : "EVLOG: /.*/evlog_test error in getting a section=1\n"));
     for (int i = 1; i <= 15; ++i)
-        ASSERT_NE(qel_evlog_newHandle(&db, 2, ("log" + std::to_string(i)).c_str(), "s"), nullptr);
-    fails("Exceed supported trace section section=16\n");
+        ASSERT_NE(qel_evlog_newHandle(&db, i == 2 ? 5000 : 1, nullptr, nullptr), nullptr);
+    EXPECT_TRUE(refused(2));
+    EXPECT_EQ(text, "Exceed supported trace section section=16\n");
 }
 
 TEST(EvlogArguments, NullAndForeignOnesAreRefused) {
     qel_evlog_db db;
-    EXPECT_EQ(qel_evlog_init(nullptr), -22);
-    ioctl_result = -1;
     support::write_file("/dev/moxsys", "");
-    EXPECT_EQ(qel_evlog_init(&db), -1);
-    unlink("/dev/moxsys");
-    EXPECT_EQ(qel_evlog_init(&db), -1);
+    for (int code : {-1, 0}) {
+        platform_code = code;
+        EXPECT_EQ(qel_evlog_init(&db), -1);
+        unlink("/dev/moxsys");
+    }
     EXPECT_NE(qel_evlog_newHandle(&db, 2, "usable", "u"), nullptr);
     EXPECT_EQ(qel_evlog_free(&db), 0);
     std::vector<char> memory(400, 'x');
     auto *foreign = reinterpret_cast<qel_evlog_handle *>(memory.data());
-    for (qel_evlog_handle *log : {static_cast<qel_evlog_handle *>(nullptr), foreign}) {
-        EXPECT_EQ(dumped([&](FILE *stream) { EXPECT_EQ(qel_evlog_dump(stream, log, 0), -22); }),
+    for (qel_evlog_handle *log : {static_cast<qel_evlog_handle *>(nullptr), foreign})
+        EXPECT_EQ(captured(1, [&] { EXPECT_EQ(qel_evlog_dump(stdout, log, 0), -22); }),
                   "not valid handle\n");
-    }
-    EXPECT_EQ(qel_evlog(nullptr, "x"), nullptr);
-    EXPECT_EQ(qel_evlog_newHandle(nullptr, 1, "n", "s"), nullptr);
-    EXPECT_EQ(qel_evlog_findByShortCut(nullptr, "s"), nullptr);
-    EXPECT_EQ(qel_evlog_dump(nullptr, foreign, 0), -22);
-    EXPECT_EQ(qel_evlog_free(nullptr), -22);
-    EXPECT_EQ(qel_evlog_dbInsert(&db, nullptr), -22);
-    qel_evlog_clear(nullptr);
-    qel_evlog_db_clear(nullptr);
-    qel_evlog_handle_toggleShow(nullptr);
-    qel_evlog_handle_free(nullptr);
-    qel_evlog_entry entry{1, 41999, "text\n"};
-    char line[80] = "untouched";
-    qel_evlog_entry_dump(nullptr, line, &entry, 0);
-    qel_evlog_entry_dump(stdout, line, &entry, -1);
-    qel_evlog_entry_dump(stdout, line, nullptr, 0);
-    EXPECT_STREQ(line, "untouched");
-    qel_evlog_entry_dump(stdout, line, &entry, 0);
-    EXPECT_THAT(line, MatchesRegex("..:..:01\\.041 text\n"));
+    for (int result :
+         {qel_evlog_init(nullptr), qel_evlog_free(nullptr), qel_evlog_dbInsert(&db, nullptr)})
+        EXPECT_EQ(result, -22);
 }
 
 TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {
-    EXPECT_EQ(support::captured(1, qel_evlog_test), "error in eventlog init()\n");
+    EXPECT_EQ(captured(1, qel_evlog_test), "error in eventlog init()\n");
     support::write_file("/dev/moxsys", "");
-    ioctl_result = 0;
-    platform_code = 26;
-    std::string text = without_times(support::captured(1, qel_evlog_test));
-    EXPECT_THAT(text, testing::StartsWith("-------------\nevt log            :General 1\n"));
-    EXPECT_THAT(text, HasSubstr("no verbose-------------\n"));
-    size_t verbose = text.find("\nverbose-----------\n");
-    ASSERT_NE(verbose, std::string::npos);
-    EXPECT_THAT(text.substr(verbose), HasSubstr("T event 3 of 7\nT event 4 of 7\n"));
-    platform_code = 0;
     refuse_section = true;
-    EXPECT_THAT(support::captured(1, qel_evlog_test),
-                MatchesRegex("EVLOG: .* section=1\nerror in eventlog get new handle\\(\\)\n"));
+    EXPECT_THAT(captured(1, qel_evlog_test),
+                HasSubstr(" section=1\nerror in eventlog get new handle()\n"));
     refuse_section = false;
+    EXPECT_THAT(timeless(qel_evlog_test),
+                MatchesRegex("-------------\nevt log            :General 1\n(.*\n)*no "
+                             "verbose-------------\n(.*\n)*verbose-----------\n(.*\n)*T event 3 of "
+                             "7\nT event 4 of 7\n(.*\n)*"));
 }
 
-TEST_P(Evlog, ThreadsLoseNoEventWhileOthersDumpAndToggle) {
+TEST(EvlogOfAKilledDaemon, IsReadFromItsSectionByAnotherProcess) {
+    support::Ending daemon = support::in_child([] {
+        dprintf(1, "%d", getpid());
+        qel_evlog_db db;
+        qel_evlog_init(&db);
+        qel_evlog_handle *log = qel_evlog_newHandle(&db, 50, "protocol", "p");
+        for (int i = 1; i <= 120; ++i)
+            qel_evlog(log, "step %d\n", i);
+        return raise(SIGKILL);
+    });
+    ASSERT_EQ(std::pair(daemon.exited, daemon.status), std::pair(false, SIGKILL));
+    std::string block =
+        support::read_file(TRACE_DIRECTORY "/" + daemon.out + ".1.evlog_test.proto");
+    auto *log = reinterpret_cast<qel_evlog_handle *>(block.data());
+    ASSERT_EQ(block.size(), sizeof *log + 50 * sizeof(qel_evlog_entry));
+    log->entries = reinterpret_cast<qel_evlog_entry *>(log + 1);
+    pthread_mutex_init(&log->lock, nullptr);
+    std::string events;
+    for (int i = 71; i <= 120; ++i)
+        events += "T step " + std::to_string(i) + "\n";
+    EXPECT_THAT(dump_of(log), HasSubstr("current            :20\nwrapped            :2\n"));
+    EXPECT_THAT(dump_of(log), HasSubstr("\n" + events + "---"));
+}
+
+TEST_P(Evlog, ThreadsLoseNoEventWhileOthersDump) {
     constexpr int kThreads = 4, kEvents = 1200;
     qel_evlog_handle *log = qel_evlog_newHandle(&db, 5000, "busy", "b");
+    auto write = [=](int t) {
+        for (int i = 0; i < kEvents; ++i)
+            qel_evlog(log, "%d %d\n", t, i);
+    };
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kEvents; ++i)
-                qel_evlog(log, "%d %d\n", t, i);
-        });
-    }
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back(write, t);
     for (int i = 0; i < 5; ++i)
         dump_of(log);
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(log->total * log->wrapped + log->current, kThreads * kEvents);
-    std::vector<int> next(kThreads, 0);
-    int t = 0, i = 0;
-    for (int entry = 0; entry < std::min(kThreads * kEvents, log->total); ++entry) {
+    ASSERT_EQ(log->current, kThreads * kEvents);
+    int next[kThreads] = {};
+    for (int entry = 0, t = 0, i = 0; entry < log->current; ++entry) {
         ASSERT_EQ(sscanf(log->entries[entry].text, "%d %d", &t, &i), 2);
-        EXPECT_EQ(i, next[static_cast<size_t>(t)]++);
+        EXPECT_EQ(i, next[t]++);
     }
 }
 
