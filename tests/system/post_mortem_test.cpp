@@ -17,12 +17,14 @@ namespace {
 // The signal in the process status note of the one core file in a program's directory, or -1.
 int signal_of_core(const char *program) {
     std::string core;
+    int found = 0;
     for (auto &entry :
          std::filesystem::directory_iterator(std::string(QEL_CORE_DIRECTORY "/") + program)) {
         // The emulator may leave a core file of its own beside that of the program.
         if (!support::emulated() || entry.path().filename().string().rfind("qemu_", 0) == 0)
-            core += support::read_file(entry.path());
+            core = support::read_file(entry.path()), ++found;
     }
+    EXPECT_EQ(found, 1);
     const std::string name("CORE", 5);  // what stands in its padding is open
     if (core.compare(0, SELFMAG, ELFMAG) != 0)
         return -1;

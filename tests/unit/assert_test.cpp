@@ -64,7 +64,7 @@ TEST(Assert, SwitchesAndConsoleDecideEveryReport) {
         EXPECT_THAT(support::read_file(kConsole),
                     testing::MatchesRegex(console && (!quiet || crash)
                                               ? expr + "\n" + place + "\n" + values +
-                                                    "Call backtrace:\n(.*\n){2,}"
+                                                    "Call backtrace:\n(.*\n){3,}"
                                               : ""));
     }
 }
