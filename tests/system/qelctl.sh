@@ -62,6 +62,7 @@ expect 0 'unknown command' qelctl cmd -s 7 portd nonsense
 expect 0 'lo +in' qelctl cmd -s 7 portd ports
 expect 0 'round 1$' qelctl cmd -s 7 portd log
 expect 0 'command help' qelctl cmd -s 7 portd events
+expect 0 'not a number: --help' qelctl cmd -s 7 portd sleep --help
 expect 3 'did not answer within 1 s' qelctl cmd -s 7 --timeout 1 portd sleep 3
 # One that stalls in the middle of its command stops nobody.
 (exec 3<>/dev/null; sleep 3) & stalled=$!

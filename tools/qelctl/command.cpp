@@ -200,14 +200,15 @@ void add_commands(CLI::App &app) {
         ->capture_default_str()
         ->type_name("SECONDS");
     cmd->add_option("DAEMON", line.daemon, "The daemon's name")->required();
-    cmd->add_option("COMMAND", line.words,
-                    "The command and its arguments; 'help' lists the commands")
-        ->required();
+    // Everything behind DAEMON is the daemon's, options included.
     cmd->prefix_command();
-    cmd->footer("Options stand before DAEMON; what follows it goes to the daemon as it is.");
+    cmd->footer(
+        "Then COMMAND [ARG...]: the command and its arguments go to the daemon as they are; 'help' "
+        "lists\nthe commands.");
     cmd->callback([cmd] {
-        for (const std::string &word : cmd->remaining())
-            line.words.push_back(word);
+        line.words = cmd->remaining();
+        if (line.words.empty())
+            throw Failure("COMMAND is required (see qelctl cmd --help)", kUsage);
         run_command(line);
     });
 
