@@ -91,17 +91,6 @@ int init_lock(pthread_mutex_t *lock) {
     return error;
 }
 
-int init_condition(pthread_cond_t *condition) {
-    pthread_condattr_t attributes;
-    if (int error = pthread_condattr_init(&attributes); error != 0)
-        return error;
-    int error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    if (error == 0)
-        error = pthread_cond_init(condition, &attributes);
-    pthread_condattr_destroy(&attributes);
-    return error;
-}
-
 // Waits once for a message, when none is there; a wait that ends early is not repeated.
 void wait_for_message(msgQ &queue, int timeout_ms) {
     if (queue.queued.count > 0 || timeout_ms == UTILS_NO_WAIT)
@@ -127,7 +116,7 @@ msgQHandle msgQCreate(int maxMsgs, unsigned maxMsgLength, int options, const cha
     utils::HeapBlock<msgQ> queue(utils::allocate_zeroed<msgQ>());
     if (!queue || utils::init_lock(&queue->lock) != 0)
         return nullptr;
-    if (utils::init_condition(&queue->notEmpty) != 0) {
+    if (utils::init_monotonic(&queue->notEmpty) != 0) {
         pthread_mutex_destroy(&queue->lock);
         return nullptr;
     }

@@ -93,17 +93,6 @@ void *service_thread(void *) {
     return nullptr;
 }
 
-int init_condition() UTILS_REQUIRES(timer_mutex) {
-    pthread_condattr_t attributes;
-    if (int error = pthread_condattr_init(&attributes); error != 0)
-        return error;
-    int error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    if (error == 0)
-        error = pthread_cond_init(&service_condition, &attributes);
-    pthread_condattr_destroy(&attributes);
-    return error;
-}
-
 // The real-time policy takes effect where the system lets a thread choose its own.
 int start_thread() {
     pthread_attr_t attributes;
@@ -122,7 +111,7 @@ int start_thread() {
 int start_service() UTILS_REQUIRES(timer_mutex) {
     if (service_mode.load(kRelaxed) != kNotStarted)
         return UTILS_OK;
-    if (init_condition() != 0)
+    if (init_monotonic(&service_condition) != 0)
         return UTILS_ERROR;
     wake_fn = signal_service;
     wake_arg = reinterpret_cast<uintptr_t>(&service_condition);

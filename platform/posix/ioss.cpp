@@ -11,9 +11,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
-#include <ctime>
 #include <new>
 
+#include "internal/deadline.h"
 #include "internal/thread.h"
 
 namespace {
@@ -32,12 +32,6 @@ struct Poll {
     ioss_poll function;
     void *arg;
 };
-
-int64_t monotonic_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 // The smaller of two time-outs, where a negative one has no limit.
 int sooner(int a, int b) {
@@ -163,11 +157,11 @@ void ioss_stop(ioss_loop *loop) {
 }
 
 int ioss_run(ioss_loop *loop, int limit_ms) {
-    int64_t end = monotonic_ms() + (limit_ms > 0 ? limit_ms : 0);
+    int64_t end = utils::monotonic_ms() + (limit_ms > 0 ? limit_ms : 0);
     while (!loop->stopping.exchange(false)) {
         int timeout = run_polls(*loop);
         if (limit_ms >= 0) {
-            int64_t left = end - monotonic_ms();
+            int64_t left = end - utils::monotonic_ms();
             if (left <= 0)
                 return 0;
             timeout = sooner(timeout, static_cast<int>(left));

@@ -19,6 +19,7 @@ namespace {
 
 using namespace utils::ipc;
 using utils::Descriptor;
+using utils::monotonic_ms;
 using utils::Mutex;
 using utils::MutexLock;
 

@@ -13,9 +13,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "internal/big_endian.h"
+#include "internal/deadline.h"
 #include "internal/descriptor.h"
 #include "platform/ipc.h"
 
@@ -25,12 +25,6 @@ constexpr const char *kDirectory = "/run/korin";
 constexpr uint32_t kCodeSize = 4;
 
 static_assert(offsetof(ipc_address, switch_no) == 2 && offsetof(ipc_address, name) == 4);
-
-inline int64_t monotonic_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 // The socket's path, or false for a name that cannot be one.
 inline bool socket_path(const ipc_address &address, sockaddr_un &path) {

@@ -8,13 +8,7 @@
 using utils::RecordLock;
 
 int semaphore_init(semaphore_t *sem) {
-    pthread_condattr_t attributes;
-    if (int error = pthread_condattr_init(&attributes); error != 0)
-        return error;
-    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    int error = pthread_cond_init(&sem->positive, &attributes);
-    pthread_condattr_destroy(&attributes);
-    if (error != 0)
+    if (int error = utils::init_monotonic(&sem->positive); error != 0)
         return error;
     sem->value = 1;
     return pthread_mutex_init(&sem->lock, nullptr);

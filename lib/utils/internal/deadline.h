@@ -1,5 +1,7 @@
-// Deadlines on the monotonic clock.
+// The monotonic clock: now, deadlines, and condition variables that wait by it.
 #pragma once
+
+#include <pthread.h>
 
 #include <cstdint>
 #include <ctime>
@@ -27,6 +29,24 @@ inline timespec deadline_after(int64_t ms) {
     when.tv_sec += static_cast<time_t>(ms / 1000);
     when.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
     return normalized(when);
+}
+
+inline int64_t monotonic_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Prepares a condition variable whose deadlines are on the monotonic clock. 0, or an error number.
+inline int init_monotonic(pthread_cond_t *condition) {
+    pthread_condattr_t attributes;
+    if (int error = pthread_condattr_init(&attributes); error != 0)
+        return error;
+    int error = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    if (error == 0)
+        error = pthread_cond_init(condition, &attributes);
+    pthread_condattr_destroy(&attributes);
+    return error;
 }
 
 }  // namespace utils
