@@ -80,7 +80,7 @@ format: ## Format the sources
 	@git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format -i
 
 lint: ## Check the format, the house rules and the code with static analysers
-	@scripts/need $(build_packages) clang clang-tidy clang-format cppcheck shellcheck
+	@scripts/need $(build_packages) clang clang-tidy clang-format cppcheck shellcheck graphviz
 	@scripts/lint
 
 docs: ## Make the API reference (build/docs/html) and the manual pages (build/docs/man)

@@ -6,8 +6,8 @@ option(UTILS_DOCS "Make the manual pages and the API reference (needs doxygen, m
 set(libraries utils)
 if(UTILS_PLATFORM STREQUAL "posix")
     list(APPEND libraries utils-platform)
-    install(DIRECTORY platform/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/utils/platform
-            FILES_MATCHING PATTERN "*.h" PATTERN "posix" EXCLUDE)
+    install(DIRECTORY platform/include/utils platform/posix/include/utils lib/daemon/include/utils
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endif()
 install(TARGETS ${libraries} EXPORT libutils
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
@@ -32,7 +32,8 @@ install(FILES share/gdb/libutils-gdb.py RENAME libutils.so.${PROJECT_VERSION}-gd
         DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
 
 if(UTILS_DOCS)
-    file(GLOB documented CONFIGURE_DEPENDS include/utils/*.h platform/*.h docs/* examples/mini/*.c)
+    file(GLOB documented CONFIGURE_DEPENDS include/utils/*.h platform/include/utils/platform/*.h
+         platform/posix/include/utils/platform/posix/*.h lib/daemon/include/utils/*.h docs/* examples/mini/*.c)
     add_custom_command(OUTPUT docs/man/man3 COMMAND ${PROJECT_SOURCE_DIR}/scripts/docs ${PROJECT_BINARY_DIR}/docs
                        DEPENDS ${documented} scripts/docs scripts/manpages lib/utils/libutils.map
                        COMMENT "Making the manual pages" VERBATIM)

@@ -16,7 +16,8 @@
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <utils/platform/ipc.h>
+#include <utils/daemon_codes.h>
+#include <utils/platform/posix/ipc_server.h>
 #include <utils/platform/timebase.h>
 #include <utils/utils.h>
 

@@ -1,6 +1,6 @@
 /**
  * @file clock.h
- * @brief Tick globals, cheap counters from the time base, dates and interval statistics.
+ * @brief Cheap counters from the time base, dates and interval statistics.
  *
  * The millisecond and tick counters read the processor's time base and make no system call.
  *
@@ -14,19 +14,9 @@
 #include <sys/time.h>
 #include <time.h>
 #include <utils/base.h>
+#include <utils/ticks.h>
 
 UTILS_BEGIN_DECLS
-
-/** @name Tick globals
- *  Set when the library is loaded, before any code of the program runs; never changed later.
- *  The file "/etc/korin/tb_ticks_per_jiffy" (one native 32-bit integer) gives the rate of the
- *  time base; without it, 2000000 ticks a jiffy. Values beyond 32 bits are saturated. @{ */
-extern int32_t msec_per_jiffy;     /**< milliseconds in a clock tick of the kernel */
-extern int32_t tb_ticks_per_jiffy; /**< time-base ticks in a clock tick */
-extern int32_t tb_ticks_p_msec;    /**< time-base ticks in a millisecond */
-extern int32_t tb_ticks_p_usec;    /**< time-base ticks in a microsecond */
-extern int32_t tb_ticks_p_sec;     /**< time-base ticks in a second */
-/** @} */
 
 /** Interval statistics; all times in milliseconds. */
 typedef struct perf_record {

@@ -6,10 +6,10 @@
  * trace section of the platform, so that it can be read while its process runs and after it has
  * died; on three platform codes it is heap memory. A daemon groups its logs in a database.
  *
- * To read a log of another process: copy the whole section (see platform/trace.h for the stand-in's
- * files), check magic and total against its size, point the copy's @c entries behind its header,
- * make its mutex with pthread_mutex_init(), clear @c next, and give it to qel_evlog_dump(). While
- * the writer runs, the entry at @c current may be half written.
+ * To read a log of another process: copy the whole section (the stand-in's are files, see
+ * utils/platform/posix/trace_files.h), check magic and total against its size, point the copy's @c
+ * entries behind its header, make its mutex with pthread_mutex_init(), clear @c next, and give it
+ * to qel_evlog_dump(). While the writer runs, the entry at @c current may be half written.
  *
  * Not for texts longer than 67 characters; those are cut. End event texts with a newline: a dump
  * overwrites the last character of a text that has none.

@@ -48,6 +48,7 @@
 #include <utils/service_stat.h>
 #include <utils/signals.h>
 #include <utils/task.h>
+#include <utils/ticks.h>
 #include <utils/timer.h>
 #include <utils/timer_r.h>
 #include <utils/tnet_cmd.h>

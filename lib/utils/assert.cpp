@@ -12,9 +12,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "internal/descriptor.h"
-#include "internal/write_all.h"
-#include "platform/rasevt.h"
+#include "base/descriptor.h"
+#include "base/write_all.h"
+#include "utils/platform/rasevt.h"
 
 namespace utils {
 namespace {

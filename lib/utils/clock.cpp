@@ -1,7 +1,5 @@
-// Tick globals, counters from the time base, interval statistics and dates. The tick globals are
-// set by a constructor of the library, before any code of the program runs, and never change. The
-// state of qel_times is kept in relaxed atomics: two threads that resynchronise at once both
-// re-anchor, which is harmless.
+// Counters from the time base, interval statistics and dates. The state of qel_times is kept in
+// relaxed atomics: two threads that resynchronise at once both re-anchor, which is harmless.
 #include "utils/clock.h"
 
 #include <fcntl.h>
@@ -14,26 +12,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 
-#include "internal/descriptor.h"
-#include "internal/ticks.h"
-#include "platform/release.h"
+#include "base/descriptor.h"
+#include "time_base.h"
 #include "utils/identity.h"
-
-int32_t msec_per_jiffy = -1;
-int32_t tb_ticks_per_jiffy = 0;
-int32_t tb_ticks_p_msec = 0;
-int32_t tb_ticks_p_usec = 0;
-int32_t tb_ticks_p_sec = 0;
+#include "utils/platform/release.h"
 
 static_assert(sizeof(perf_record) == 20 && offsetof(perf_record, count) == 16);
 
 namespace utils {
 namespace {
 
-constexpr const char *kTickFile = "/etc/korin/tb_ticks_per_jiffy";
-constexpr int32_t kDefaultTicksPerJiffy = 2000000;
 constexpr int32_t kResyncTicks = 12000;
 
 constexpr const char *kUptimeFile = "/proc/uptime";
@@ -49,30 +38,6 @@ constexpr const char *kSetNode6 =
     "/usr/bin/rsh " UTILS_NODE6_ADDRESS " rdate -s " UTILS_NODE5_ADDRESS;
 constexpr const char *kStoreNode5 = "/usr/bin/rsh " UTILS_NODE5_ADDRESS " /sbin/hwclock -w";
 constexpr const char *kStoreNode6 = "/usr/bin/rsh " UTILS_NODE6_ADDRESS " /sbin/hwclock -w";
-
-int32_t saturated(int64_t value) {
-    using Limits = std::numeric_limits<int32_t>;
-    if (value > Limits::max())
-        return Limits::max();
-    return value < Limits::min() ? Limits::min() : static_cast<int32_t>(value);
-}
-
-int32_t ticks_from_file() {
-    int32_t ticks = 0;
-    Descriptor file(open(kTickFile, O_RDONLY | O_CLOEXEC));
-    bool whole =
-        file && read(file.get(), &ticks, sizeof ticks) == static_cast<ssize_t>(sizeof ticks);
-    return whole && ticks >= 0 ? ticks : kDefaultTicksPerJiffy;
-}
-
-__attribute__((constructor)) void set_tick_globals() {
-    long rate = sysconf(_SC_CLK_TCK);
-    msec_per_jiffy = saturated(1000 / (rate > 0 ? rate : 1));
-    tb_ticks_per_jiffy = ticks_from_file();
-    tb_ticks_p_msec = tb_ticks_per_jiffy / (msec_per_jiffy > 0 ? msec_per_jiffy : 1);
-    tb_ticks_p_usec = tb_ticks_p_msec / 1000;
-    tb_ticks_p_sec = saturated(int64_t{tb_ticks_p_msec} * 1000);
-}
 
 // qel_times: ticks of the time base plus `offset` give times(); `anchor` is where that ends.
 std::atomic<bool> resync{true};

@@ -14,14 +14,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
-#include "internal/big_endian.h"
-#include "internal/descriptor.h"
-#include "internal/heap.h"
-#include "internal/text.h"
-#include "platform/ipc.h"
+#include "base/big_endian.h"
+#include "base/descriptor.h"
+#include "base/heap.h"
+#include "base/text.h"
 #include "utils/identity.h"
 #include "utils/ipc_args.h"
+#include "utils/platform/ipc.h"
 
 namespace utils {
 namespace {
@@ -37,6 +38,11 @@ struct RedirectRecord {
 };
 static_assert(sizeof(RedirectRecord) == 16 && offsetof(RedirectRecord, port) == 12);
 
+// A product's address may hold more than these three, and hold them elsewhere.
+static_assert(std::is_integral_v<decltype(ipc_address::node)> &&
+              std::is_integral_v<decltype(ipc_address::switch_no)> &&
+              std::is_array_v<decltype(ipc_address::name)> && sizeof(*ipc_address::name) == 1);
+
 // A path longer than the system takes fails to open just as its first PATH_MAX characters do.
 using Text = char[PATH_MAX + 1];
 
@@ -51,8 +57,8 @@ int request(qelIpcArg *pieces, uint32_t count, const char *daemon, int code) {
         return UTILS_ENOMEM;
     HeapBlock<qelIpcArgBlock> block(encoded);
     ipc_address address{};
-    address.node = myNode();
-    address.switch_no = static_cast<uint16_t>(getMySwitch());
+    address.node = static_cast<decltype(address.node)>(myNode());
+    address.switch_no = static_cast<decltype(address.switch_no)>(getMySwitch());
     copy_text(address.name, daemon);
     int32_t reply = 0;
     uint32_t reply_length = sizeof reply;

@@ -19,9 +19,9 @@
 #include <ctime>
 #include <type_traits>
 
-#include "internal/text.h"
-#include "internal/thread.h"
-#include "platform/trace.h"
+#include "base/text.h"
+#include "base/thread.h"
+#include "utils/platform/trace.h"
 
 // Other tools read this layout.
 static_assert(std::is_standard_layout_v<qel_evlog_handle> && sizeof(qel_evlog_entry) == 76);

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal/heap.h"
+#include "base/heap.h"
 
 static_assert(offsetof(hash_table, cmpFn) == sizeof(void *));
 static_assert(offsetof(hash_table, buckets) == 2 * sizeof(void *));

@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal/descriptor.h"
-#include "internal/write_all.h"
+#include "base/descriptor.h"
+#include "base/write_all.h"
 #include "utils/cla.h"
 
 namespace utils {

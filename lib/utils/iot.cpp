@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <cstdarg>
 
-#include "internal/thread.h"
+#include "base/thread.h"
 
 #undef iot_notify
 

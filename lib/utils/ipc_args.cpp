@@ -12,9 +12,9 @@
 #include <cstring>
 #include <limits>
 
-#include "internal/big_endian.h"
-#include "internal/heap.h"
-#include "platform/ipc.h"
+#include "base/big_endian.h"
+#include "base/heap.h"
+#include "utils/platform/ipc.h"
 
 // The wire format; every field is a big-endian 32-bit word.
 struct qelIpcArgBlock {

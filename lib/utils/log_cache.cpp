@@ -15,9 +15,9 @@
 #include <cstring>
 #include <ctime>
 
-#include "internal/descriptor.h"
-#include "internal/thread.h"
-#include "internal/write_all.h"
+#include "base/descriptor.h"
+#include "base/thread.h"
+#include "base/write_all.h"
 
 int32_t logCacheReqCode = 0;
 int32_t logCacheRespCode = 0;

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal/heap.h"
+#include "base/heap.h"
 
 namespace utils {
 namespace {

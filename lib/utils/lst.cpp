@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "internal/thread.h"
+#include "base/thread.h"
 
 static_assert(sizeof(void *) != 4 || sizeof(LIST) == 12 + sizeof(pthread_mutex_t));
 static_assert(offsetof(LIST, tail) == sizeof(void *) &&

@@ -12,11 +12,11 @@
 #include <cstring>
 #include <ctime>
 
-#include "internal/deadline.h"
-#include "internal/heap.h"
-#include "internal/text.h"
-#include "internal/thread.h"
-#include "platform/context.h"
+#include "base/deadline.h"
+#include "base/heap.h"
+#include "base/text.h"
+#include "base/thread.h"
+#include "utils/platform/context.h"
 
 // A node is one heap block: this header, room for the longest message, then the sender's context.
 struct msgQNode {

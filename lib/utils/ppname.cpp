@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal/descriptor.h"
+#include "base/descriptor.h"
 
 namespace utils {
 namespace {

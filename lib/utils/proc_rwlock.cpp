@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 
-#include "internal/thread.h"
+#include "base/thread.h"
 
 static_assert(sizeof(void *) != 4 ||
               (offsetof(procrwlock_t, l_owner) == 8 && offsetof(procrwlock_t, l_readers) == 36));

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal/heap.h"
+#include "base/heap.h"
 
 static_assert(offsetof(qelString, ops) == sizeof(void *));
 static_assert(offsetof(qelString, size) == 2 * sizeof(void *));

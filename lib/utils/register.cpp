@@ -8,8 +8,8 @@
 #include <cstring>
 #include <limits>
 
-#include "internal/heap.h"
-#include "internal/ticks.h"
+#include "base/heap.h"
+#include "time_base.h"
 #include "utils/assert.h"
 
 namespace utils {

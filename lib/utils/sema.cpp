@@ -8,11 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "internal/heap.h"
-#include "platform/semaphore.h"
+#include "base/heap.h"
+#include "utils/platform/semaphore.h"
 #include "utils/task.h"
 
-static_assert(offsetof(semaphore_t, user) == 0);
+// A product's record may differ in everything but our word at its beginning.
+static_assert(offsetof(semaphore_t, user) == 0 && sizeof(semaphore_t::user) == 4);
 
 namespace {
 

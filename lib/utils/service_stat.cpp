@@ -15,9 +15,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "internal/descriptor.h"
-#include "internal/heap.h"
-#include "internal/ticks.h"
+#include "base/descriptor.h"
+#include "base/heap.h"
+#include "base/tick_rate.h"
+#include "utils/ticks.h"
 
 static_assert(sizeof(serviceStat) == 48 && offsetof(serviceStat, lowest_service_time) == 16);
 static_assert(offsetof(serviceStat, calls) == 24 && offsetof(serviceStat, total_queue_time) == 36 &&

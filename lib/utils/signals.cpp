@@ -14,8 +14,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "internal/text.h"
-#include "internal/write_all.h"
+#include "base/text.h"
+#include "base/write_all.h"
 
 namespace utils {
 namespace {

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "internal/deadline.h"
-#include "internal/text.h"
+#include "base/deadline.h"
+#include "base/text.h"
 
 int32_t taskId = -1;
 char task_name[12];

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "internal/heap.h"
-#include "internal/ticks.h"
-#include "platform/context.h"
+#include "base/heap.h"
+#include "time_base.h"
+#include "utils/platform/context.h"
 
 static_assert(sizeof(void *) != 4 || sizeof(timer) == 52);
 static_assert(sizeof(void *) != 4 ||

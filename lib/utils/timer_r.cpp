@@ -12,10 +12,10 @@
 
 #include <atomic>
 
-#include "internal/deadline.h"
-#include "internal/thread.h"
-#include "internal/ticks.h"
-#include "platform/ioss.h"
+#include "base/deadline.h"
+#include "base/thread.h"
+#include "time_base.h"
+#include "utils/platform/ioss.h"
 
 static_assert(sizeof(timer_message) == TIMER_MESSAGE_LENGTH &&
               offsetof(timer_message, time_ms) == 12 && offsetof(timer_message, timer) == 16 &&

@@ -14,8 +14,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "internal/big_endian.h"
-#include "internal/heap.h"
+#include "base/big_endian.h"
+#include "base/heap.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
 

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "internal/descriptor.h"
+#include "base/descriptor.h"
 #include "utils/console.h"
 
 namespace utils {

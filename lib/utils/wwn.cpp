@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "internal/text.h"
+#include "base/text.h"
 
 namespace utils {
 namespace {

@@ -1,5 +1,5 @@
 // The per-thread context: 32 bytes that a program may set and read.
-#include "platform/context.h"
+#include "utils/platform/context.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
 // The I/O subsystem: a poll() loop. The loop's thread owns its tables; other threads only wake or
 // stop it, through an eventfd and an atomic flag. The mutex guards the poll callbacks, which
 // another thread may register or take back while the loop runs.
-#include "platform/ioss.h"
+#include "utils/platform/posix/loop.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "internal/deadline.h"
-#include "internal/thread.h"
+#include "base/deadline.h"
+#include "base/thread.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // side. One thread accepts, receives and runs the handlers; it alone closes connections. `lock`
 // guards the tables, is never held while a handler runs or anything waits, and no other lock is
 // taken under it. A forked child drops its copies of the sockets, so that they end with the daemon.
-#include "platform/ipc.h"
+#include "utils/platform/posix/ipc_server.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -12,7 +12,7 @@
 
 #include <cstdlib>
 
-#include "internal/thread.h"
+#include "base/thread.h"
 #include "ipc_packet.h"
 
 namespace {

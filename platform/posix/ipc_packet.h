@@ -14,10 +14,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "internal/big_endian.h"
-#include "internal/deadline.h"
-#include "internal/descriptor.h"
-#include "platform/ipc.h"
+#include "base/big_endian.h"
+#include "base/deadline.h"
+#include "base/descriptor.h"
+#include "utils/platform/posix/ipc_server.h"
 
 namespace utils::ipc {
 

@@ -1,7 +1,7 @@
 // RAS events: one line per event to the system log and, when it can be opened, to
 // "/var/log/rasevt". Nothing is kept between calls; a line is appended by one write, so lines of
 // several writers stay whole.
-#include "platform/rasevt.h"
+#include "utils/platform/rasevt.h"
 
 #include <fcntl.h>
 #include <syslog.h>
@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <ctime>
 
-#include "internal/descriptor.h"
-#include "internal/write_all.h"
+#include "base/descriptor.h"
+#include "base/write_all.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The release record of a host: "Release " and the version in "/etc/os-release".
-#include "platform/release.h"
+#include "utils/platform/release.h"
 
 #include <cstdio>
 #include <cstring>

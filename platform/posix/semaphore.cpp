@@ -1,9 +1,9 @@
 // Counting semaphores: a mutex and a condition variable on the monotonic clock. Negative values are
 // allowed; takers wait while the value is not positive.
-#include "platform/semaphore.h"
+#include "utils/platform/semaphore.h"
 
-#include "internal/deadline.h"
-#include "internal/thread.h"
+#include "base/deadline.h"
+#include "base/thread.h"
 
 using utils::RecordLock;
 

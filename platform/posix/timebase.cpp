@@ -1,12 +1,10 @@
 // The time base: the processor's own registers on PowerPC, elsewhere the monotonic clock scaled to
-// the rate that the tick globals state, so that every rate derived from them is right.
-#include "platform/timebase.h"
-
-#include <unistd.h>
-
-#include <ctime>
+// the rate that the tick file states, so that every rate derived from it is right.
+#include "utils/platform/timebase.h"
 
 #ifdef __powerpc__
+
+#include "base/time_base_registers.h"
 
 uint64_t timebase_read(void) {
     return timebase_read_registers();
@@ -14,20 +12,35 @@ uint64_t timebase_read(void) {
 
 #else
 
-// Weak: the library that owns them loads this one, and a program may use the stand-in alone.
-extern "C" {
-extern __attribute__((weak)) int32_t tb_ticks_per_jiffy;
-}
+#include <unistd.h>
+
+#include <atomic>
+#include <ctime>
+
+#include "base/tick_rate.h"
 
 namespace {
 
 constexpr uint64_t kNanoseconds = 1000000000;
-constexpr uint64_t kDefaultTicksPerJiffy = 2000000;
+
+// Read once, when the stand-in is loaded; a constructor that runs before it reads the file itself.
+std::atomic<int32_t> ticks_per_jiffy{0};
+
+int32_t read_rate() {
+    int32_t ticks = utils::ticks_from_file();
+    ticks = ticks > 0 ? ticks : utils::kDefaultTicksPerJiffy;
+    ticks_per_jiffy.store(ticks, std::memory_order_relaxed);
+    return ticks;
+}
+
+__attribute__((constructor)) void read_rate_at_load() {
+    read_rate();
+}
 
 uint64_t ticks_per_second() {
-    static const uint64_t jiffies = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
-    bool known = &tb_ticks_per_jiffy != nullptr && tb_ticks_per_jiffy > 0;
-    return jiffies * (known ? static_cast<uint64_t>(tb_ticks_per_jiffy) : kDefaultTicksPerJiffy);
+    int32_t ticks = ticks_per_jiffy.load(std::memory_order_relaxed);
+    return static_cast<uint64_t>(sysconf(_SC_CLK_TCK)) *
+           static_cast<uint64_t>(ticks > 0 ? ticks : read_rate());
 }
 
 }  // namespace

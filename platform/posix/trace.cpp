@@ -1,7 +1,7 @@
 // Trace sections: one shared mapping of one file each, so that the memory outlives its process. The
 // list of this process's sections is guarded by one mutex; a section belongs to the process that
 // made it, and a forked child that releases its copy leaves the parent's file alone.
-#include "platform/trace.h"
+#include "utils/platform/posix/trace_files.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,10 +13,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "internal/descriptor.h"
-#include "internal/heap.h"
-#include "internal/text.h"
-#include "internal/thread.h"
+#include "base/descriptor.h"
+#include "base/heap.h"
+#include "base/text.h"
+#include "base/thread.h"
 
 namespace {
 

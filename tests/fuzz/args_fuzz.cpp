@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/ipc.h"
 #include "utils/ipc_args.h"
+#include "utils/platform/posix/ipc_server.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > IPC_REQUEST_MAX || (size >= 4 && (data[3] & QEL_IPC_ARGS_SHM) != 0))

@@ -5,9 +5,8 @@
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
-#include <utils/base.h>
 
-#include "platform/timebase.h"
+#include "base/time_base_registers.h"
 
 static int64_t now_ns(void) {
     struct timespec now;

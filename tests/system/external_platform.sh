@@ -1,10 +1,28 @@
 #!/usr/bin/env bash
-# Built for a product, the library leaves exactly the platform's names undefined besides the C library's.
+# Built for a product, the library leaves exactly the platform's names undefined besides the C library's,
+# and takes the product's own semaphore and address records from a folder outside this tree.
+#   external_platform.sh SOURCE C-COMPILER CMAKE-OPTION... -- [EMULATOR...]
 set -euo pipefail
-source=$1
+source=$1 compiler=$2 product=/tmp/product options=()
+shift 2
+while [ "$1" != -- ]; do options+=("$1"); shift; done
 shift
-cmake -G Ninja -S "$source" -B /tmp/external -DUTILS_PLATFORM=external -DUTILS_TESTS=OFF -DCMAKE_BUILD_TYPE=Release \
-    "$@" >/tmp/configure.log 2>&1 || { cat /tmp/configure.log; exit 1; }
+fail() { echo "external_platform: $*" >&2; exit 1; }
+
+mkdir -p $product/utils/platform
+cat >$product/utils/platform/semaphore_type.h <<'TYPE'
+#pragma once
+#include <semaphore.h>
+#include <stdint.h>
+typedef struct semaphore { int32_t user; char label[100]; sem_t posix; } semaphore_t;
+TYPE
+cat >$product/utils/platform/ipc_address.h <<'TYPE'
+#pragma once
+#include <stdint.h>
+typedef struct ipc_address { int32_t blade; char name[16]; int32_t switch_no, node; } ipc_address;
+TYPE
+cmake -G Ninja -S "$source" -B /tmp/external -DUTILS_PLATFORM=external -DUTILS_PLATFORM_INCLUDE=$product -DUTILS_TESTS=OFF \
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER="$compiler" "${options[@]}" >/tmp/configure.log 2>&1 || { cat /tmp/configure.log; exit 1; }
 cmake --build /tmp/external >/tmp/build.log 2>&1 || { cat /tmp/build.log; exit 1; }
 
 library=/tmp/external/lib/libutils.so
@@ -15,5 +33,19 @@ names=(ep_context get_release_info ioss_create ioss_free ipcSend ipcSendRcv rase
 readelf -h "$library" | grep -q PowerPC && names=("${names[@]/timebase_read/}")
 undefined=$(nm -D --undefined-only "$library" | awk '$1 == "U" {print $2}' | grep -v '@GLIBC_' | sort)
 diff <(printf '%s\n' "${names[@]}" | grep . | sort) <(echo "$undefined") ||
-    { echo "external_platform: undefined symbols differ (> only in the library)" >&2; exit 1; }
-echo "external_platform: $(wc -l <<<"$undefined") undefined symbols besides the C library's, all the platform's"
+    fail "undefined symbols differ (> only in the library)"
+
+"$compiler" -Wall -Wextra -Werror -rdynamic -I $product -I "$source/include" -I "$source/platform/include" \
+    -o /tmp/external/product "$source/tests/system/product_platform.c" -L /tmp/external/lib -lutils -pthread \
+    -Wl,-rpath,/tmp/external/lib
+shown=$("$@" /tmp/external/product)
+wanted=$(
+    size=$(sed -n 's/semaphore of \([0-9]*\) bytes.*/\1/p' <<<"$shown")
+    [ "$size" -gt 104 ] || fail "not the product's semaphore: $size bytes"
+    echo "semaphore of $size bytes: kind 1, value 0"
+    echo "taken: 0, value 0"
+    echo "timer: 0, argument 7"
+    echo "request 4402 to node 6 switch 0 'portd', blade 0, 20 s, 24 bytes"
+)
+diff <(echo "$wanted") <(echo "$shown") || fail "the product's records are not the ones used (> what the program printed)"
+echo "external_platform: $(wc -l <<<"$undefined") undefined symbols besides the C library's, all the platform's; its own records work"

@@ -14,13 +14,14 @@
 #include <thread>
 #include <tuple>
 
-#include "internal/big_endian.h"
-#include "platform/ipc.h"
+#include "base/big_endian.h"
 #include "support/heap.h"
 #include "support/wire.h"
+#include "utils/daemon_codes.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
 #include "utils/ipc_args.h"
+#include "utils/platform/posix/ipc_server.h"
 #include "utils/tnet_cmd.h"
 
 namespace {

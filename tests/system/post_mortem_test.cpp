@@ -70,7 +70,7 @@ TEST(PostMortem, FailedAssertIsASegmentationFaultAtEveryOptimisationLevel) {
         top = top.parent_path();
     support::write_file(
         "/tmp/crash.cpp",
-        "#include \"lib/utils/assert.cpp\"\n"
+        "#include \"utils/assert.cpp\"\n"
         "int rasevt_log(const char *, const char *, int, int, int, unsigned, ...) { return 0; }\n"
         "int main() { return do_assert(\"e\", \"f\", QEL_CHECK_ASSERT); }\n");
     bool used = false;
@@ -80,10 +80,10 @@ TEST(PostMortem, FailedAssertIsASegmentationFaultAtEveryOptimisationLevel) {
             continue;
         used = true;
         for (const char *level : {"-O0", "-O1", "-O2", "-O3", "-Os", "-Ofast"}) {
-            std::string command =
-                "cd " + top.string() + " && " + compiler + " " + level +
-                " -std=gnu++20 -Iinclude -I. -Ilib/utils -o /tmp/crash /tmp/crash.cpp && exec " +
-                support::runnable("/tmp/crash");
+            std::string command = "cd " + top.string() + " && " + compiler + " " + level +
+                                  " -std=gnu++20 -Iinclude -Iplatform/include -Ilib -Ilib/utils -o "
+                                  "/tmp/crash /tmp/crash.cpp && exec " +
+                                  support::runnable("/tmp/crash");
             support::Ending ending = support::in_child(
                 [&] { return execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); });
             EXPECT_TRUE(!ending.exited && ending.status == SIGSEGV) << command << ending.err;

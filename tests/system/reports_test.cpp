@@ -4,8 +4,8 @@
 
 #include <sstream>
 
-#include "platform/rasevt.h"
 #include "support/support.h"
+#include "utils/platform/rasevt.h"
 #include "utils/service_stat.h"
 
 namespace {

@@ -7,9 +7,9 @@
 #include <cstdarg>
 #include <set>
 
-#include "platform/rasevt.h"
 #include "support/crash.h"
 #include "support/support.h"
+#include "utils/platform/rasevt.h"
 
 // The platform's event log: one line per event on standard error.
 int rasevt_log(const char *file, const char *function, int line, int zero1, int zero2,

@@ -10,9 +10,10 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/release.h"
-#include "platform/timebase.h"
 #include "support/support.h"
+#include "utils/platform/release.h"
+#include "utils/platform/timebase.h"
+#include "utils/ticks.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/trace.h"
 #include "support/heap.h"
 #include "support/support.h"
+#include "utils/platform/posix/trace_files.h"
 
 namespace {
 int32_t platform_code = 0;

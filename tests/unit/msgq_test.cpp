@@ -5,9 +5,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/context.h"
 #include "support/heap.h"
 #include "support/support.h"
+#include "utils/platform/context.h"
 
 namespace {
 

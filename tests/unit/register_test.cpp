@@ -6,9 +6,9 @@
 #include <random>
 #include <vector>
 
-#include "internal/ticks.h"
 #include "support/heap.h"
 #include "support/support.h"
+#include "time_base.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/semaphore.h"
 #include "support/support.h"
+#include "utils/platform/semaphore.h"
 
 namespace {
 

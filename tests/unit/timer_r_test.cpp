@@ -8,9 +8,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "platform/ioss.h"
 #include "support/support.h"
 #include "utils/lst.h"
+#include "utils/platform/posix/loop.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <random>
 #include <vector>
 
-#include "platform/context.h"
-#include "platform/timebase.h"
 #include "support/heap.h"
 #include "support/support.h"
 #include "utils/clock.h"
+#include "utils/platform/context.h"
+#include "utils/platform/timebase.h"
 
 namespace {
 

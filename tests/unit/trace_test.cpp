@@ -1,4 +1,4 @@
-#include "platform/trace.h"
+#include "utils/platform/posix/trace_files.h"
 
 #include <unistd.h>
 

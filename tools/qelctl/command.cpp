@@ -15,9 +15,9 @@
 
 #include "daemons.h"
 #include "qelctl.h"
+#include "utils/daemon_codes.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
-#include "utils/platform/ipc.h"
 #include "utils/tnet_cmd.h"
 
 namespace qelctl {

@@ -16,7 +16,7 @@
 
 #include "qelctl.h"
 #include "utils/evlog.h"
-#include "utils/platform/trace.h"
+#include "utils/platform/posix/trace_files.h"
 
 namespace qelctl {
 namespace {

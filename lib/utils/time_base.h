@@ -3,8 +3,13 @@
 
 #include <cstdint>
 
-#include "platform/timebase.h"
-#include "utils/clock.h"
+#include "base/tick_rate.h"
+#include "utils/ticks.h"
+#if defined(UTILS_PLATFORM_EXTERNAL) && defined(__powerpc__)
+#include "base/time_base_registers.h"
+#else
+#include "utils/platform/timebase.h"
+#endif
 
 namespace utils {
 
@@ -14,11 +19,6 @@ inline uint64_t time_base() {
 #else
     return timebase_read();
 #endif
-}
-
-// A tick global as a divisor: never 0, widened with its sign as the target's code does.
-inline uint64_t tick_divisor(int32_t ticks) {
-    return ticks == 0 ? 1 : static_cast<uint64_t>(int64_t{ticks});
 }
 
 // Milliseconds of the time base; wraps after 2^32 ms.

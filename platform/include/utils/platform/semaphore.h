@@ -7,18 +7,10 @@
 #ifndef UTILS_PLATFORM_SEMAPHORE_H
 #define UTILS_PLATFORM_SEMAPHORE_H
 
-#include <pthread.h>
 #include <utils/base.h>
+#include <utils/platform/semaphore_type.h>
 
 UTILS_BEGIN_DECLS
-
-/** A semaphore; its size is the platform's. */
-typedef struct semaphore {
-    int32_t user;            /**< the library's word */
-    int32_t value;           /**< the rest is the platform's own state */
-    pthread_mutex_t lock;    /**< guards the value */
-    pthread_cond_t positive; /**< signalled when the value rises */
-} semaphore_t;
 
 /** Prepares the object with value 1. @return 0, or non-zero when it cannot be made */
 int semaphore_init(semaphore_t *sem);

@@ -1,39 +1,19 @@
 /**
- * @file ioss.h
- * @brief Platform: the I/O subsystem, which can drive the timer service from a daemon's own loop.
+ * @file loop.h
+ * @brief The stand-in's I/O subsystem: a poll() loop.
  *
- * The library calls ioss_create() and ioss_free() only. The stand-in is a poll() loop: a daemon
- * makes one with ioss_loop_create(), hands it to timer_ioss_create() together with ioss_wake(),
- * watches its descriptors with ioss_watch() and calls ioss_run().
+ * A daemon makes a loop with ioss_loop_create(), hands it to timer_ioss_create() together with
+ * ioss_wake(), watches its descriptors with ioss_watch() and calls ioss_run().
+ *
+ * Threads: one thread runs a loop and changes its descriptors; ioss_wake() and ioss_stop() may be
+ * called from any thread.
  */
-#ifndef UTILS_PLATFORM_IOSS_H
-#define UTILS_PLATFORM_IOSS_H
+#ifndef UTILS_PLATFORM_POSIX_LOOP_H
+#define UTILS_PLATFORM_POSIX_LOOP_H
 
-#include <utils/base.h>
+#include <utils/platform/ioss.h>
 
 UTILS_BEGIN_DECLS
-
-/**
- * A poll callback: stores the descriptor it wants watched (-1: none) and the milliseconds until it
- * wants to be called again (0: no limit). @return 0
- */
-typedef int (*ioss_poll)(void *arg, int32_t *descriptor, int32_t *timeout_ms);
-
-/**
- * Registers @p poll with the I/O subsystem @p arg; the three words are reserved.
- * @return 0, or non-zero when it cannot be registered
- */
-int ioss_create(void *arg, ioss_poll poll, uintptr_t, uintptr_t, uintptr_t);
-
-/**
- * Takes back what ioss_create() registered with the subsystem @p handle. The first word of a handle
- * is never 0. @return 0
- */
-int ioss_free(void *handle);
-
-/** @name The stand-in's loop
- *  Threads: one thread runs a loop and changes its descriptors; ioss_wake() and ioss_stop() may be
- *  called from any thread. @{ */
 
 /** A loop of the stand-in; it is the argument of ioss_create(). */
 typedef struct ioss_loop ioss_loop;
@@ -59,7 +39,6 @@ void ioss_stop(ioss_loop *loop);
  * @p limit_ms have passed (-1: no limit). @return 0, or -1 when poll() fails (see errno)
  */
 int ioss_run(ioss_loop *loop, int limit_ms);
-/** @} */
 
 UTILS_END_DECLS
 

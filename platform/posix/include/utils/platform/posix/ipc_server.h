@@ -1,0 +1,55 @@
+/**
+ * @file ipc_server.h
+ * @brief The daemon's side of the stand-in's messages.
+ *
+ * A daemon makes itself known with ipc_open() and registers its handlers with ipc_register(). Every
+ * daemon has a socket "/run/korin/NODE.SWITCH.NAME.ipc"; requests are taken from processes of the
+ * same user and of root only.
+ *
+ * Threads: every call may be made from any thread. Handlers run on one thread of the stand-in,
+ * which has all signals blocked, one at a time. A child made by fork() serves nothing.
+ */
+#ifndef UTILS_PLATFORM_POSIX_IPC_SERVER_H
+#define UTILS_PLATFORM_POSIX_IPC_SERVER_H
+
+#include <utils/platform/ipc.h>
+
+UTILS_BEGIN_DECLS
+
+#define IPC_MESSAGE_SIZE 2048 /**< room for the request in a message to a handler */
+#define IPC_HANDLERS_MAX 32   /**< most message codes that a daemon registers */
+
+/**
+ * Handles one request.
+ * @param reply_address what ipcSend() takes to answer; an ipc_address, which may be copied and used
+ *                      later, from any thread, as long as the requester waits
+ * @param code          the request's message code
+ * @param message       a word that belongs to the platform, then IPC_MESSAGE_SIZE bytes: the
+ * request, filled up with zeros. Valid and writable until the handler returns. Null for a request
+ * without any bytes.
+ * @return ignored
+ */
+typedef int (*ipc_handler)(void *reply_address, int code, void *message);
+
+/**
+ * Opens this process's socket under @p own and starts the thread that serves it. What a dead daemon
+ * left there is replaced. The socket goes with ipc_close() or exit().
+ * @return 0, or a negated errno value: -98 when a living daemon has the name, -114 when this
+ * process is open already, -22 for a bad name, and those of the system
+ */
+int ipc_open(const ipc_address *own);
+
+/** Lets @p handler serve requests of @p code, before or after ipc_open(); replaces an earlier one.
+ * @return 0, or -28 when IPC_HANDLERS_MAX codes are taken */
+int ipc_register(int code, ipc_handler handler);
+
+/** Refuses requests of @p code from now on. @return 0, or -2 when it was not registered */
+int ipc_unregister(int code);
+
+/** Closes the socket; waits for the handler that runs, unless it is called from there.
+ * Registrations stay. */
+void ipc_close(void);
+
+UTILS_END_DECLS
+
+#endif
