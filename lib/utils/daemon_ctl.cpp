@@ -39,9 +39,9 @@ struct RedirectRecord {
 static_assert(sizeof(RedirectRecord) == 16 && offsetof(RedirectRecord, port) == 12);
 
 // A product's address may hold more than these three, and hold them elsewhere.
-static_assert(std::is_integral_v<decltype(ipc_address::node)> &&
-              std::is_integral_v<decltype(ipc_address::switch_no)> &&
-              std::is_array_v<decltype(ipc_address::name)> && sizeof(*ipc_address::name) == 1);
+static_assert(std::is_integral_v<decltype(ipc_address::node)>);
+static_assert(std::is_integral_v<decltype(ipc_address::switch_no)>);
+static_assert(std::is_array_v<decltype(ipc_address::name)> && sizeof(*ipc_address::name) == 1);
 
 // A path longer than the system takes fails to open just as its first PATH_MAX characters do.
 using Text = char[PATH_MAX + 1];
