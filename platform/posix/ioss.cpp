@@ -45,7 +45,7 @@ int sooner(int a, int b) {
 struct ioss_loop {
     uintptr_t marker;
     int wake;
-    std::atomic<bool> stopping;
+    std::atomic<int> stopping;  // a word: some processors exchange nothing smaller
     int watch_count;
     Watch watches[kMaxWatches];
     utils::Mutex lock;
@@ -152,13 +152,13 @@ void ioss_wake(uintptr_t loop) {
 }
 
 void ioss_stop(ioss_loop *loop) {
-    loop->stopping.store(true);
+    loop->stopping.store(1);
     ioss_wake(reinterpret_cast<uintptr_t>(loop));
 }
 
 int ioss_run(ioss_loop *loop, int limit_ms) {
     int64_t end = utils::monotonic_ms() + (limit_ms > 0 ? limit_ms : 0);
-    while (!loop->stopping.exchange(false)) {
+    while (!loop->stopping.exchange(0)) {
         int timeout = run_polls(*loop);
         if (limit_ms >= 0) {
             int64_t left = end - utils::monotonic_ms();
@@ -166,7 +166,7 @@ int ioss_run(ioss_loop *loop, int limit_ms) {
                 return 0;
             timeout = sooner(timeout, static_cast<int>(left));
         }
-        if (loop->stopping.exchange(false))
+        if (loop->stopping.exchange(0))
             return 0;
         if (serve(*loop, timeout) != 0)
             return -1;

@@ -105,15 +105,11 @@ std::string read_file(const std::string &path) {
 }
 
 bool emulated() {
-#ifdef __powerpc__
-    return getenv("QEMU_LD_PREFIX") != nullptr;
-#else
-    return false;
-#endif
+    return getenv("UTILS_EMULATOR") != nullptr;
 }
 
 std::string runnable(const std::string &command) {
-    return emulated() ? "qemu-ppc " + command : command;
+    return emulated() ? getenv("UTILS_EMULATOR") + (" " + command) : command;
 }
 
 int64_t monotonic_ms() {

@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
 # Built for a product, the library leaves exactly the platform's names undefined besides the C library's,
 # and takes the product's own semaphore and address records from a folder outside this tree.
-#   external_platform.sh SOURCE C-COMPILER CMAKE-OPTION... -- [EMULATOR...]
+#   external_platform.sh SOURCE C-COMPILER CMAKE-OPTION...
 set -euo pipefail
-source=$1 compiler=$2 product=/tmp/product options=()
+source=$1 compiler=$2 product=/tmp/product
 shift 2
-while [ "$1" != -- ]; do options+=("$1"); shift; done
-shift
 fail() { echo "external_platform: $*" >&2; exit 1; }
 
 mkdir -p $product/utils/platform
@@ -22,7 +20,7 @@ cat >$product/utils/platform/ipc_address.h <<'TYPE'
 typedef struct ipc_address { int32_t blade; char name[16]; int32_t switch_no, node; } ipc_address;
 TYPE
 cmake -G Ninja -S "$source" -B /tmp/external -DUTILS_PLATFORM=external -DUTILS_PLATFORM_INCLUDE=$product -DUTILS_TESTS=OFF \
-    -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER="$compiler" "${options[@]}" >/tmp/configure.log 2>&1 || { cat /tmp/configure.log; exit 1; }
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER="$compiler" "$@" >/tmp/configure.log 2>&1 || { cat /tmp/configure.log; exit 1; }
 cmake --build /tmp/external >/tmp/build.log 2>&1 || { cat /tmp/build.log; exit 1; }
 
 library=/tmp/external/lib/libutils.so
@@ -38,7 +36,7 @@ diff <(printf '%s\n' "${names[@]}" | grep . | sort) <(echo "$undefined") ||
 "$compiler" -Wall -Wextra -Werror -rdynamic -I $product -I "$source/include" -I "$source/platform/include" \
     -o /tmp/external/product "$source/tests/system/product_platform.c" -L /tmp/external/lib -lutils -pthread \
     -Wl,-rpath,/tmp/external/lib
-shown=$("$@" /tmp/external/product)
+shown=$(${UTILS_EMULATOR:+"$UTILS_EMULATOR"} /tmp/external/product)
 wanted=$(
     size=$(sed -n 's/semaphore of \([0-9]*\) bytes.*/\1/p' <<<"$shown")
     [ "$size" -gt 104 ] || fail "not the product's semaphore: $size bytes"

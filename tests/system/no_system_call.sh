@@ -2,9 +2,7 @@
 # On the target the time base, the millisecond clock and the tick counter are read without a system
 # call: the emulator's trace of a program that reads each 100,000 times shows nothing between its marks.
 set -euo pipefail
-export QEMU_LD_PREFIX=/usr/powerpc-linux-gnu
-qemu-ppc "$1" >/etc/korin/tb_ticks_per_jiffy
-qemu-ppc -strace "$2" >/tmp/out 2>/tmp/trace
+"$UTILS_EMULATOR" -strace "$1" >/tmp/out 2>/tmp/trace
 calls=$(awk '/write\(1,.*,6\)/ {++marks; next} marks == 1 && /^[0-9]+ [a-z_0-9]+\(/ {++calls} END {print marks + 0, calls + 0}' /tmp/trace)
 read -r marks count <<<"$calls"
 [ "$marks" = 2 ] || { echo "no_system_call: marks not found"; head -n 50 /tmp/trace; exit 1; }

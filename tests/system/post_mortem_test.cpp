@@ -74,9 +74,11 @@ TEST(PostMortem, FailedAssertIsASegmentationFaultAtEveryOptimisationLevel) {
         "int rasevt_log(const char *, const char *, int, int, int, unsigned, ...) { return 0; }\n"
         "int main() { return do_assert(\"e\", \"f\", QEL_CHECK_ASSERT); }\n");
     bool used = false;
-    for (std::string compiler : {"g++", "clang++", "powerpc-linux-gnu-g++"}) {
-        if (support::emulated() != (compiler[0] == 'p') ||
-            system((compiler + " --version >/dev/null 2>&1").c_str()) != 0)
+    std::vector<std::string> compilers = {"g++", "clang++"};
+    if (support::emulated())
+        compilers = {std::filesystem::path(getenv("QEMU_LD_PREFIX")).filename().string() + "-g++"};
+    for (const std::string &compiler : compilers) {
+        if (system((compiler + " --version >/dev/null 2>&1").c_str()) != 0)
             continue;
         used = true;
         for (const char *level : {"-O0", "-O1", "-O2", "-O3", "-Os", "-Ofast"}) {

@@ -1,14 +1,12 @@
 #!/usr/bin/env bash
 # qelctl against real daemons: every subcommand, its exit status and its one line of error.
-#   qelctl.sh DIRECTORY-OF-PROGRAMS [EMULATOR...]
+#   qelctl.sh DIRECTORY-OF-PROGRAMS
 set -euo pipefail
 bin=$1
-shift
-if (($#)); then
-    export QEMU_LD_PREFIX=/usr/powerpc-linux-gnu
+if [ -n "${UTILS_EMULATOR:-}" ]; then
     mkdir /tmp/bin
     for program in qelctl portd; do
-        printf '#!/bin/sh\nexec %s %s "$@"\n' "$*" "$bin/$program" >"/tmp/bin/$program"
+        printf '#!/bin/sh\nexec %s %s "$@"\n' "$UTILS_EMULATOR" "$bin/$program" >"/tmp/bin/$program"
     done
     chmod +x /tmp/bin/*
     bin=/tmp/bin

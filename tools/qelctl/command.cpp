@@ -153,8 +153,7 @@ bool server_of(const std::string &target, std::string &host, int &port) {
         error != 0)
         throw Failure(target.substr(0, colon) + ": " + gai_strerror(error));
     char text[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in *>(found->ai_addr)->sin_addr, text,
-              sizeof text);
+    getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
     freeaddrinfo(found);
     host = text;
     port = static_cast<int>(number);

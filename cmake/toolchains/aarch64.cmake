@@ -1,0 +1,4 @@
+# 64 bits, little-endian, weakly ordered.
+set(triplet aarch64-linux-gnu)
+set(emulator qemu-aarch64)
+include(${CMAKE_CURRENT_LIST_DIR}/../debian-cross.cmake)
