@@ -34,10 +34,15 @@ elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     target_compile_options(utils_build_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
 
+# The folder of the build leaves no trace in the libraries, so that two builds give the same bytes. Run gdb at the
+# top of the sources: paths count from there.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(reproducible "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
+
 # The library and the platform stand-in: C++ inside, C outside, no C++ runtime.
 add_library(utils_cxx_inside INTERFACE)
 target_link_libraries(utils_cxx_inside INTERFACE utils_build_flags)
-target_compile_options(utils_cxx_inside INTERFACE
+target_compile_options(utils_cxx_inside INTERFACE ${reproducible}
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics
       -fvisibility-inlines-hidden>
     -fvisibility=hidden -ftls-model=initial-exec)
