@@ -1,10 +1,31 @@
 #include "utils/service_stat.h"
 
+#include <sys/file.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "support/heap.h"
 #include "support/support.h"
 #include "utils/clock.h"
+
+namespace {
+
+time_t ahead;  // seconds, one more with every look at the clock
+int writes;
+
+}  // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
+    int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    now->tv_sec += clock == CLOCK_MONOTONIC ? ahead++ : 0;
+    return result;
+}
+extern "C" ssize_t write(int fd, const void *bytes, size_t size) {
+    ++writes;
+    return syscall(SYS_write, fd, bytes, size);
+}
 
 namespace {
 
@@ -25,12 +46,19 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
     auto usec = static_cast<uint64_t>(tb_ticks_p_usec);
     serviceStats[0] = {7000000000 * usec, 4999999 * usec, 3 * usec, 700, 2, 3, 100, 60, 7};
     serviceStats[1] = {0, 0, 0, 0, 5, -1, 0, 0, 0};
+    int reader = -1;
     for (auto [label, names] : {std::pair("NS", kNames), {"longlabel", nullptr}}) {
         serviceStatIsOn = 1;
+        ahead = 0;
         serviceStat_stop(label, names, 3);
+        EXPECT_EQ(ahead, reader == -1 ? 1 : 3) << "the lock of a reader is waited for";
+        reader = open(kReport, O_RDONLY);
+        flock(reader, LOCK_SH);
         EXPECT_EQ(serviceStatIsOn, 0);
         expect_cleared(3, UINT64_MAX);
     }
+    close(reader);
+    EXPECT_EQ(writes, 2);
     std::string text = support::read_file(kReport);
     const char *date = text.c_str() + 100;
     tm parsed{};
