@@ -1,8 +1,12 @@
 // Requesters and daemons as separate processes: the IPC stand-in, argument blocks, redirection and
 // exit, with real files, terminals and servers, and whatever arrives: the daemon goes on serving,
 // and at the end it exits without a complaint of the sanitizers.
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +27,18 @@
 #include "utils/ipc_args.h"
 #include "utils/platform/posix/ipc_server.h"
 #include "utils/tnet_cmd.h"
+
+namespace {
+
+std::atomic<int> ahead_s{0};  // of the monotonic clock
+
+}  // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
+    int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    now->tv_sec += clock == CLOCK_MONOTONIC ? ahead_s.load() : 0;
+    return result;
+}
 
 namespace {
 
@@ -59,10 +75,13 @@ int stream_at(const std::string &path, int type, int (*attach)(int, const sockad
     return fd;
 }
 
+std::string socket_of_testd() {
+    return "/run/korin/" + std::to_string(myNode()) + "." + std::to_string(getMySwitch()) +
+           ".testd.ipc";
+}
+
 int packets_to_daemon() {
-    return stream_at("/run/korin/" + std::to_string(myNode()) + "." +
-                         std::to_string(getMySwitch()) + ".testd.ipc",
-                     SOCK_SEQPACKET, connect);
+    return stream_at(socket_of_testd(), SOCK_SEQPACKET, connect);
 }
 
 int answer(void *to, int code, const std::string &data) {
@@ -102,7 +121,7 @@ void serve_everything() {
     ipc_register(kNothing, [](void *, int, void *) { return 0; });
     ipc_register(kDefer, [](void *to, int, void *) {
         deferred = *static_cast<ipc_address *>(to);
-        return 0;
+        return ahead_s += 100, 0;  // longer than a connection may be idle
     });
     ipc_register(kRelease, [](void *to, int code, void *) {
         answer(&deferred, code, kGood);
@@ -135,7 +154,7 @@ struct Daemon {
     bool ready;
     int status = -1;
 
-    Daemon() {
+    explicit Daemon(rlim_t descriptors = 0) {
         int ends[2];
         char byte;
         EXPECT_EQ(pipe(ends), 0);
@@ -143,6 +162,9 @@ struct Daemon {
         pid = fork();
         if (pid == 0) {
             ipc_address own = testd();
+            rlimit few{descriptors, descriptors};
+            if (descriptors != 0)
+                setrlimit(RLIMIT_NOFILE, &few);
             serve_everything();
             int result = ipc_open(&own);
             if (result != 0 || write(ends[1], "r", 1) != 1)
@@ -400,8 +422,104 @@ TEST(Ipc, DaemonMayCloseAndOpenAgain) {
         ipc_close();
         EXPECT_EQ(ask(kEcho, ""), (Answer{-ENOENT, 0}));
     }
+    memset(own.name, 'n', sizeof own.name - 1);
+    ASSERT_EQ(ipc_open(&own), 0);
+    std::string longest(own.name);
+    EXPECT_NE(qelDExitRequest(longest.c_str(), kEcho, QELD_EXIT_ABORT), 0);
+    EXPECT_EQ(qelDExitRequest((longest + 'n').c_str(), kEcho, QELD_EXIT_ABORT), 0);
+    ipc_close();
     EXPECT_EQ(ipc_unregister(kEcho), 0);
     EXPECT_EQ(ipc_unregister(kEcho), -ENOENT);
+}
+
+TEST(Ipc, FewDescriptorsAreSharedByManyRequesters) {
+    Daemon daemon(32);
+    std::vector<int> silent;
+    std::vector<std::thread> patient;
+    for (int i = 0; i < 8; ++i)
+        patient.emplace_back([] { EXPECT_EQ(ask(kNothing, "", kBrief).first, -ETIMEDOUT); });
+    for (int i = 0; i < 40; ++i)
+        silent.push_back(packets_to_daemon());
+    EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
+    for (std::thread &thread : patient)
+        thread.join();
+    for (int fd : silent)
+        close(fd);
+}
+
+TEST(Ipc, SignalsDoNotProlongARequest) {
+    unlink(socket_of_testd().c_str());
+    int listener = stream_at(socket_of_testd(), SOCK_SEQPACKET, bind);
+    listen(listener, 0);
+    int first = packets_to_daemon();  // the queue is full
+    struct sigaction harmless {};
+    harmless.sa_handler = [](int) {};
+    sigaction(SIGALRM, &harmless, nullptr);
+    itimerval often{{0, 5000}, {0, 5000}}, never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    Answer unheard = ask(kSum, "", kBrief);
+    close(accept(listener, nullptr, nullptr));
+    Answer unanswered = ask(kSum, "", kBrief);
+    setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_EQ(unheard, (Answer{-ETIMEDOUT, 0}));
+    EXPECT_EQ(unanswered, (Answer{-ETIMEDOUT, 0}));
+    close(first);
+    close(listener);
+}
+
+// The name's lock is in the hands of a process of our own, for which ipc_open() waits in spite of
+// signals; others put files in the lock's place and lock the directory.
+TEST(Ipc, OpeningHoldsNobodyUpAndIsHeldUpByNoStranger) {
+    ipc_address own = testd();
+    std::string lock = socket_of_testd() + ".lock";
+    int directory = open("/run/korin", O_RDONLY | O_DIRECTORY);
+    EXPECT_EQ(flock(directory, LOCK_SH), 0);
+    support::write_file("/tmp/victim", "precious");
+    for (auto plant : {+[](const char *at) { return symlink("/tmp/victim", at); },
+                       +[](const char *at) { return mkfifo(at, 0600); },
+                       +[](const char *at) { return close(creat(at, 0644)); }}) {
+        EXPECT_EQ(plant(lock.c_str()), 0);
+        EXPECT_EQ(ipc_open(&own), 0);
+        ipc_close();
+        EXPECT_NE(access(lock.c_str(), F_OK), 0) << "the lock's file stays";
+    }
+    EXPECT_EQ(support::read_file("/tmp/victim"), "precious");
+    int ends[2];
+    char byte;
+    ASSERT_EQ(pipe(ends), 0);
+    pid_t holder = fork();
+    if (holder == 0) {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        int fd = open(lock.c_str(), O_RDWR | O_CREAT, 0600);
+        if (fcntl(fd, F_SETLK, &whole) == 0 && write(ends[1], "x", 1) == 1)
+            pause();
+        _exit(1);
+    }
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    struct sigaction harmless {};
+    harmless.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &harmless, nullptr);
+    std::atomic<int> refused{0}, opened{0};
+    auto opener = [&] {
+        int result = ipc_open(&own);
+        refused += result == -EALREADY;
+        opened += result == 0;
+    };
+    std::thread threads[] = {std::thread(opener), std::thread(opener)};
+    EXPECT_TRUE(eventually([&] { return refused == 1; }));
+    EXPECT_EQ(ipc_unregister(kUnknown), -ENOENT);  // waits for nobody
+    for (std::thread &thread : threads)
+        pthread_kill(thread.native_handle(), SIGUSR1);
+    EXPECT_EQ(opened, 0);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(opened, 1);
+    ipc_close();
+    for (int fd : {directory, ends[0], ends[1]})
+        close(fd);
 }
 
 std::string mutated(std::string bytes) {
