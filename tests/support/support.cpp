@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -114,6 +115,12 @@ bool emulated() {
 
 std::string runnable(const std::string &command) {
     return emulated() ? "qemu-ppc " + command : command;
+}
+
+void let_interrupt(int signal) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(signal, &action, nullptr);
 }
 
 int64_t monotonic_ms() {

@@ -1,27 +1,21 @@
 #include "utils/service_stat.h"
 
 #include <sys/file.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
 
+#include "support/clock.h"
 #include "support/heap.h"
 #include "support/support.h"
 #include "utils/clock.h"
 
 namespace {
 
-time_t ahead;  // seconds, one more with every look at the clock
 int writes;
 
 }  // namespace
 
-extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
-    int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-    now->tv_sec += clock == CLOCK_MONOTONIC ? ahead++ : 0;
-    return result;
-}
 extern "C" ssize_t write(int fd, const void *bytes, size_t size) {
     ++writes;
     return syscall(SYS_write, fd, bytes, size);
@@ -49,9 +43,10 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
     int reader = -1;
     for (auto [label, names] : {std::pair("NS", kNames), {"longlabel", nullptr}}) {
         serviceStatIsOn = 1;
-        ahead = 0;
+        support::ahead_s = 0;
+        support::step_s = 1;
         serviceStat_stop(label, names, 3);
-        EXPECT_EQ(ahead, reader == -1 ? 1 : 3) << "the lock of a reader is waited for";
+        EXPECT_EQ(support::ahead_s, reader == -1 ? 1 : 3) << "the lock of a reader is waited for";
         reader = open(kReport, O_RDONLY);
         flock(reader, LOCK_SH);
         EXPECT_EQ(serviceStatIsOn, 0);

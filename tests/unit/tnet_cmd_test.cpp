@@ -141,9 +141,7 @@ std::string answer_to(const std::string &message, int granted = -1, bool no_copy
 std::string answer_to_bytes(const std::string &message, int socket_flags) {
     Ends connection;
     fcntl(connection.fd[1], F_SETFL, socket_flags);
-    struct sigaction harmless {};
-    harmless.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &harmless, nullptr);
+    support::let_interrupt(SIGUSR1);
     std::thread daemon([&] { qelTnetCmdCB(connection.fd[1], echo); });
     for (const char &byte : message) {
         EXPECT_EQ(send(connection.fd[0], &byte, 1, MSG_NOSIGNAL), 1);
