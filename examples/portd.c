@@ -7,12 +7,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -21,7 +23,14 @@
 #include <utils/platform/timebase.h>
 #include <utils/utils.h>
 
-enum { MAX_PORTS = 32, MAX_CLIENTS = 16, QUEUE_DEPTH = 256, GREETING_MS = 700, CLIENT_SECONDS = 5 };
+enum {
+    MAX_PORTS = 32,
+    MAX_CLIENTS = 16,
+    QUEUE_DEPTH = 256,
+    GREETING_MS = 700,
+    CLIENT_SECONDS = 5,
+    ACCEPT_PAUSE_MS = 50
+};
 
 /* What the registry routes: a port that moved, and one that kept still. */
 enum {
@@ -191,7 +200,7 @@ static const struct {
 enum { COMMANDS = sizeof commands / sizeof commands[0] };
 
 static pthread_mutex_t stats_lock = PTHREAD_MUTEX_INITIALIZER;
-static int clients; /* under stats_lock too */
+static int clients, reporting; /* under stats_lock too */
 
 static int cmd_help(int argc, char **argv, FILE *out) {
     (void)argc, (void)argv;
@@ -206,16 +215,23 @@ static int cmd_stats(int argc, char **argv, FILE *out) {
     for (int i = 0; i < COMMANDS; ++i)
         words[i] = commands[i].word;
     pthread_mutex_lock(&stats_lock);
+    int busy = reporting;
+    reporting = 1;
+    pthread_mutex_unlock(&stats_lock);
+    if (busy)
+        return fprintf(out, "another report is being written\n");
+    /* The report's file may be locked by others, so no lock is held here. */
     serviceStat_stop(name, words, getMySwitch());
+    pthread_mutex_lock(&stats_lock);
+    reporting = 0;
     serviceStatIsOn = 1;
     pthread_mutex_unlock(&stats_lock);
-    fprintf(out, "appended to " SERVICE_STAT_FILE "\n", getMySwitch());
-    return 0;
+    return fprintf(out, "appended to " SERVICE_STAT_FILE "\n", getMySwitch());
 }
 
 static void count_service(int code, uint64_t ticks) {
     pthread_mutex_lock(&stats_lock);
-    if (serviceStatIsOn && serviceStats != NULL) {
+    if (!reporting && serviceStatIsOn && serviceStats != NULL) {
         serviceStat *record = &serviceStats[code];
         ++record->calls;
         record->total_service_time += ticks;
@@ -253,13 +269,15 @@ static void *serve_client(void *socket_word) {
     return NULL;
 }
 
-/* Runs on the watch thread, which must not wait for anybody. */
+/* Runs on the watch thread, which must not wait for anybody. A client that cannot be accepted for
+   lack of descriptors stays in the queue, and the listener readable: a pause keeps the thread from
+   spinning meanwhile. */
 static int on_connection(int listener) {
     static const char busy[] = "too many commands at once\n";
     pthread_t thread;
     int client = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
     if (client < 0)
-        return -1;
+        return errno == EAGAIN ? -1 : poll(NULL, 0, ACCEPT_PAUSE_MS);
     pthread_mutex_lock(&stats_lock);
     int taken = clients < MAX_CLIENTS &&
                 pthread_create(&thread, NULL, serve_client, (void *)(intptr_t)client) == 0;
@@ -303,6 +321,20 @@ static void fail(const char *what) {
     exit(1);
 }
 
+/* A lock that another user can open, that user can hold for ever. */
+static void open_table_lock(void) {
+    char path[80];
+    struct stat status;
+    snprintf(path, sizeof path, "%s.lock", table_path);
+    int fd = open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0 || fstat(fd, &status) != 0)
+        fail(path);
+    errno = EPERM;
+    if (status.st_uid != geteuid() || fchmod(fd, 0600) != 0 ||
+        procrwlock_init(&table_lock, fd) != 0)
+        fail(path);
+}
+
 static void start_services(void) {
     qel_sigdefaults(name);
     qel_sigcleanup_set(clean_up);
@@ -322,10 +354,7 @@ static void start_services(void) {
     serviceStatIsOn = 1;
 
     snprintf(table_path, sizeof table_path, "/run/korin/%s.%d.table", name, getMySwitch());
-    char lock_path[80];
-    snprintf(lock_path, sizeof lock_path, "%s.lock", table_path);
-    if (procrwlock_init(&table_lock, open(lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0644)) != 0)
-        fail(lock_path);
+    open_table_lock();
     events = msgQCreate(QUEUE_DEPTH, TIMER_MESSAGE_LENGTH, 0, name);
     if (events == NULL || timer_init_r() != 0)
         fail("timers");

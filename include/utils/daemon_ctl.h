@@ -6,8 +6,8 @@
  * daemon's name and the message code under which the daemon registered the handler. The request
  * goes to the daemon on this process's own node and switch; it and the answer are given 20 seconds.
  *
- * An exchange that fails (no such daemon, no answer) reports 0, like success: ask whether the
- * daemon is there before relying on the result.
+ * An exchange that fails (no such daemon, a name that no address holds, no answer) reports 0, like
+ * success: ask whether the daemon is there before relying on the result.
  *
  * A daemon registers ipcCbQelDRedirectOutput() and ipcCbQelDExitHandler() with the platform's IPC.
  * Redirection changes descriptors 1 and 2, for all threads at once, and makes them non-blocking: a

@@ -60,7 +60,8 @@ void iot_del(int descriptor);
 /**
  * Changes what is watched, or forwards a message.
  * @param kind IOT_NOTIFY_REBUILD: entries that are free are passed over. IOT_NOTIFY_WATCH_ALL: of
- * the registered descriptors, those up to the highest one added or rebuilt so far are waited for.
+ * the registered descriptors, those up to the highest one added since the last rebuild, or watched
+ * by it, are waited for and served.
  * IOT_NOTIFY_FORWARD: the notification function is called on this thread with 2 and up to seven
  * further integers or pointers of at most a machine word. Others do nothing.
  */

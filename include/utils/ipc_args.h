@@ -16,6 +16,10 @@
  * block with free(). A handler decodes what it received, reads the payload and destroys the block.
  * Nothing that a block says is trusted: lengths and offsets are checked before they are used.
  *
+ * A segment whose request is never received (the send fails, or the receiver dies or does not
+ * decode it) stays until somebody removes it with `ipcrm` or the machine restarts: the sender
+ * cannot know whether the receiver still wants it.
+ *
  * Threads: the calls keep no state; a block must not be used by two threads at once.
  */
 #ifndef UTILS_IPC_ARGS_H

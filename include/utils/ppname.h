@@ -36,6 +36,9 @@ long ppnameGetInode(int pid);
  *               text fills it
  * @return 0, or -1 when standard input is no TCP connection of IPv4 or the system's table cannot be
  *         read
+ * @note Standard input that is no socket usually counts as inode 0, and so do connections without
+ *       an owner, those in TIME_WAIT for instance: while the table has one, the result is 0 and the
+ *       address that connection's.
  */
 int ppnamePeerAddr(int pid, int size, char *buffer);
 

@@ -8,7 +8,9 @@
  *
  * Threads: the table has no lock. A daemon that serves requests on several threads guards its
  * records itself, and lets no thread write them while serviceStat_stop() runs. Reports of several
- * processes never mix.
+ * processes never mix. Anyone who may read the report can lock it: serviceStat_stop() waits 2
+ * seconds for the lock and then appends without it, so that two new reports may both have a
+ * heading.
  */
 #ifndef UTILS_SERVICE_STAT_H
 #define UTILS_SERVICE_STAT_H

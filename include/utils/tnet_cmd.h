@@ -8,13 +8,15 @@
  *
  * The command line travels as one message of big-endian 32-bit words: the number L of bytes that
  * follow, the number of arguments, for each the offset of its text from that second word, a zero;
- * then the texts with their NULs. A message that is not exactly so, or with an L above
- * QEL_TNET_COMMAND_MAX, is not run.
+ * then the texts with their NULs. qelTnetCmd() lays the texts end to end in the order of the
+ * arguments; qelTnetCmdCB() takes them in any order, shared or with gaps, as long as each ends with
+ * a NUL inside the message. A message with an L above QEL_TNET_COMMAND_MAX is neither sent nor run.
  *
- * qelTnetCmdCB() waits for the message as long as the connection lasts. A daemon that must not be
- * held up sets SO_RCVTIMEO and SO_SNDTIMEO on the socket, or serves each connection on a thread of
- * its own. SIGPIPE is held back from the calling thread meanwhile: a client that goes away costs
- * the daemon this connection only.
+ * qelTnetCmdCB() waits for the message as long as the connection lasts, also on a socket that does
+ * not block. A daemon that must not be held up sets SO_RCVTIMEO and SO_SNDTIMEO on the socket, or
+ * serves each connection on a thread of its own. SIGPIPE is held back from the calling thread
+ * meanwhile, so that a client that goes away costs the daemon this connection only; threads and
+ * programs that the command starts inherit the blocked SIGPIPE.
  *
  * Threads: each call works on its own socket; a daemon may serve several at a time.
  */
@@ -52,7 +54,9 @@ typedef struct qelTnetRedirArgs {
 /**
  * Sends a command and copies what the daemon writes to @p out until the connection ends. While the
  * socket has data a slow @p out never holds it up: output is queued without limit. In the end the
- * rest is written in blocking mode. Prints nothing of its own.
+ * rest is written with the flags that @p out had; one that was non-blocking is waited for, up to
+ * 100 ms at a time, and given up when it takes nothing for 100 such times. Prints nothing of its
+ * own.
  * @param socket connected stream socket, below 1024; stays open
  * @param argc   number of arguments
  * @param argv   the arguments
@@ -75,8 +79,11 @@ void qelTnetCmdCBwrapper(int socket, qelTnetCmdDesc *descriptor);
  * @param descriptor the daemon's name and code
  * @param args       a qelTnetRedirArgs
  * @return the result of qelDRedirectOutput() or qelDRedirOutputToSocket(); -1 when a file named in
- *         @p args fails; 0 when standard input is no terminal to redirect to; UTILS_EINVAL for
- * another kind
+ *         @p args fails; 0 when standard input is closed, so that there is no terminal to redirect
+ *         to; UTILS_EINVAL for another kind
+ * @note The terminal is whatever "/proc/self/fd/0" names. With a pipe as standard input that is a
+ *       text like "pipe:[4711]", and the daemon makes a file of that name in its own working
+ *       directory; ask isatty() before.
  */
 int qelTnetCmdRedirHdlr(qelTnetCmdDesc *descriptor, void *args);
 

@@ -59,10 +59,15 @@ void rebuild() UTILS_REQUIRES(lock) {
     }
 }
 
-// The descriptors to wait for. Returns the highest one.
+// The descriptors to wait for: those up to the highest one, which is returned. select() leaves
+// words beyond its range as they were, where a watched descriptor would pass for a readable one.
 int copy_watched(fd_set &set) {
+    FD_ZERO(&set);
     MutexLock hold(lock);
-    set = state.watched;
+    for (int descriptor = 0; descriptor <= state.highest; ++descriptor) {
+        if (FD_ISSET(descriptor, &state.watched))
+            FD_SET(descriptor, &set);
+    }
     return state.highest;
 }
 

@@ -1,9 +1,11 @@
 // Service statistics: the table of counters and its report. The file is shared between processes;
-// an exclusive flock covers the look whether it is empty, the heading and all rows. The table
-// itself belongs to the daemon and has no lock.
+// an exclusive flock covers the look whether it is empty, the heading and all rows. Everyone may
+// lock it, so that it is not waited for long; without it a report still goes out whole, in one
+// write. The table itself belongs to the daemon and has no lock.
 #include "utils/service_stat.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,9 +17,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/deadline.h"
 #include "base/descriptor.h"
 #include "base/heap.h"
 #include "base/tick_rate.h"
+#include "base/write_all.h"
 #include "utils/ticks.h"
 
 static_assert(sizeof(serviceStat) == 48 && offsetof(serviceStat, lowest_service_time) == 16);
@@ -29,6 +33,9 @@ int32_t serviceStatIsOn = 0;
 
 namespace utils {
 namespace {
+
+constexpr int64_t kLockLimitMs = 2000;
+constexpr int kLockPollMs = 10;
 
 int32_t record_count = 0;
 
@@ -47,21 +54,15 @@ void clear_table(uint64_t lowest) {
     }
 }
 
-// The report, open for appending and locked, or null.
-FILE *open_report(const char *path) {
-    Descriptor file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
-    FILE *stream = file ? fdopen(file.get(), "a") : nullptr;
-    if (stream == nullptr)
-        return nullptr;
-    while (flock(file.get(), LOCK_EX) != 0 && errno == EINTR) {
-    }
-    file.release();
-    return stream;
+void lock_report(int fd) {
+    int64_t end_ms = monotonic_ms() + kLockLimitMs;
+    while (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK && monotonic_ms() < end_ms)
+        poll(nullptr, 0, kLockPollMs);
 }
 
-bool is_empty(FILE *stream) {
+bool is_empty(int fd) {
     struct stat status {};
-    return fstat(fileno(stream), &status) == 0 && status.st_size == 0;
+    return fstat(fd, &status) == 0 && status.st_size == 0;
 }
 
 void write_heading(FILE *out, time_t now) {
@@ -115,18 +116,24 @@ void serviceStat_stop(const char *label, const char *const names[], int switchNo
     utils::switch_off();
     char path[256];
     snprintf(path, sizeof path, SERVICE_STAT_FILE, switchNo);
-    FILE *report = utils::open_report(path);
-    if (report == nullptr) {
+    utils::Descriptor report(
+        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *out = report ? open_memstream(&text, &size) : nullptr;
+    if (out == nullptr) {
         printf("\nfailed to open file %s\n", path);
         utils::clear_table(0);
         return;
     }
-    if (utils::is_empty(report))
-        utils::write_heading(report, now);
+    utils::lock_report(report.get());
+    if (utils::is_empty(report.get()))
+        utils::write_heading(out, now);
     for (int32_t i = 0; i < utils::usable_records(); ++i)
-        utils::write_row(report, label, names != nullptr ? names[i] : nullptr, serviceStats[i]);
-    fflush(report);
-    flock(fileno(report), LOCK_UN);
-    fclose(report);
+        utils::write_row(out, label, names != nullptr ? names[i] : nullptr, serviceStats[i]);
+    fclose(out);
+    utils::write_all(report.get(), text, size);
+    flock(report.get(), LOCK_UN);
+    free(text);
     utils::clear_table(SERVICE_STAT_UNSET);
 }

@@ -4,17 +4,21 @@
 #include "utils/tnet_cmd.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "base/big_endian.h"
+#include "base/deadline.h"
 #include "base/heap.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
@@ -27,15 +31,18 @@ namespace {
 
 constexpr size_t kWord = 4;
 constexpr int kDrainAttempts = 100;
+constexpr int kRoomWaitMs = 100;
 
 // ---- the message
 
-// The bytes that follow the length word, or 0 when they cannot be counted in it.
+// The bytes that follow the length word, or 0 when they are more than a receiver takes.
 size_t command_length(int argc, char **argv) {
+    if (argc > static_cast<int>(QEL_TNET_COMMAND_MAX / kWord))
+        return 0;
     size_t length = kWord * static_cast<size_t>(argc) + 2 * kWord;
-    for (int i = 0; i < argc; ++i)
+    for (int i = 0; i < argc && length <= QEL_TNET_COMMAND_MAX; ++i)
         length += strlen(argv[i]) + 1;
-    return length <= INT_MAX - kWord ? length : 0;
+    return length <= QEL_TNET_COMMAND_MAX ? length : 0;
 }
 
 // Fills the message of `length` bytes and its length word. False when a text changed its length
@@ -168,6 +175,16 @@ Relay relay(Queue &queue, int socket, int out) {
     }
 }
 
+// Waits for room in an output that does not block; a signal does not end the wait.
+void wait_for_room(int out) {
+    int64_t end_ms = monotonic_ms() + kRoomWaitMs;
+    pollfd writable{out, POLLOUT, 0};
+    for (int64_t left = kRoomWaitMs; left > 0; left = end_ms - monotonic_ms()) {
+        if (poll(&writable, 1, static_cast<int>(left)) >= 0 || errno != EINTR)
+            return;
+    }
+}
+
 // Writes the rest with the output's own flags; gives up after more than 100 attempts without
 // progress.
 void drain(Queue &queue, int out) {
@@ -177,10 +194,12 @@ void drain(Queue &queue, int out) {
         ssize_t n = write_first(queue, out, complete);
         if (complete)
             attempts = 0;
-        else if (n == 0 || (n < 0 && errno == EINTR))
+        else if (n == 0 || (n < 0 && (errno == EINTR || errno == EAGAIN)))
             ++attempts;
         else if (n < 0)
             return;
+        if (n < 0 && errno == EAGAIN)
+            wait_for_room(out);
     }
 }
 
@@ -190,30 +209,52 @@ bool selectable(int fd) {
 
 // ---- the daemon's side
 
-// Receives exactly `size` bytes with one call, as long as the connection or its time limit lasts.
-bool receive_exactly(int socket, void *to, size_t size) {
-    ssize_t n;
-    do {
-        n = recv(socket, to, size, MSG_WAITALL);
-    } while (n < 0 && errno == EINTR);
-    return n == static_cast<ssize_t>(size);
+// The moment at which the socket's own time limit for receiving ends, if it has one.
+int64_t receive_end_ms(int socket) {
+    timeval limit{};
+    socklen_t size = sizeof limit;
+    getsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, &size);
+    if (limit.tv_sec == 0 && limit.tv_usec == 0)
+        return INT64_MAX;
+    return monotonic_ms() + int64_t{limit.tv_sec} * 1000 + (limit.tv_usec + 999) / 1000;
 }
 
-// Whether the offsets give texts that follow each other without a gap and fill the message.
+// Receives exactly `size` bytes, as long as the connection and its time limit last: a signal cuts
+// what a call gives, even one that waits for all.
+bool receive_exactly(int socket, void *to, size_t size) {
+    auto *at = static_cast<unsigned char *>(to);
+    for (int64_t end_ms = receive_end_ms(socket);;) {
+        ssize_t n = recv(socket, at, size, MSG_WAITALL);
+        bool is_empty = n < 0 && errno == EAGAIN;
+        if (n == 0 || (n < 0 && !is_empty && errno != EINTR))
+            return false;
+        if (n == static_cast<ssize_t>(size))
+            return true;
+        if (n > 0) {
+            at += n;
+            size -= static_cast<size_t>(n);
+        }
+        int64_t left = end_ms - monotonic_ms();
+        if (left <= 0)
+            return false;
+        pollfd readable{socket, POLLIN, 0};
+        if (is_empty)  // a socket that does not block
+            poll(&readable, 1, static_cast<int>(left < INT_MAX ? left : INT_MAX));
+    }
+}
+
+// Whether every offset gives a text that ends inside the message. They may have any order, share
+// texts and leave gaps.
 bool is_consistent(const unsigned char *block, uint32_t length) {
     uint32_t argc = load_be32(block);
     if (argc > (length - 2 * kWord) / kWord || load_be32(block + kWord + kWord * argc) != 0)
         return false;
-    auto at = static_cast<uint32_t>(kWord * argc + 2 * kWord);
+    auto *last_end = static_cast<const unsigned char *>(memrchr(block, '\0', length));
     for (uint32_t i = 0; i < argc; ++i) {
-        if (load_be32(block + kWord + kWord * i) != at)
+        if (load_be32(block + kWord + kWord * i) > static_cast<uint32_t>(last_end - block))
             return false;
-        auto *end = static_cast<const unsigned char *>(memchr(block + at, '\0', length - at));
-        if (end == nullptr)
-            return false;
-        at = static_cast<uint32_t>(end - block) + 1;
     }
-    return at == length;
+    return true;
 }
 
 // A received command: the bytes behind the length word, and the vector that points into them.
@@ -283,10 +324,9 @@ class PipeSignalBlock {
 // Runs the command with a stream on a copy of the socket. Returns the text of an internal failure,
 // or null.
 const char *run_command(int socket, Command &command, qelTnetCommand function) {
-    int copy = dup(socket);
+    int copy = fcntl(socket, F_DUPFD_CLOEXEC, 0);
     if (copy < 0)
         return "qelTcmdCB: unable to dup socket!\n";
-    fcntl(copy, F_SETFD, FD_CLOEXEC);
     FILE *out = fdopen(copy, "w");
     if (out == nullptr) {
         close(copy);

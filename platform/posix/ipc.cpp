@@ -2,12 +2,14 @@
 // side. One thread accepts, receives and runs the handlers; it alone closes connections. `lock`
 // guards the tables, is never held while a handler runs or anything waits, and no other lock is
 // taken under it. A forked child drops its copies of the sockets, so that they end with the daemon.
+// A connection whose requester waits for an answer is the requester's to end; newcomers that find
+// no room wait in the listener's queue.
 #include "utils/platform/posix/ipc_server.h"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,12 +27,17 @@ using utils::MutexLock;
 
 constexpr int kConnections = 32;
 constexpr int kBacklog = 128;
-constexpr int64_t kIdleLimitMs = 20000;  // then a silent connection is ended
+constexpr int64_t kIdleLimitMs = 20000;  // then a connection without a request is ended
+constexpr int64_t kGraceMs = 500;        // that long it is safe from newcomers
+constexpr int64_t kRetryMs = 20;         // between looks for room, with newcomers waiting
+constexpr int64_t kNameLimitMs = 20000;  // for another process that opens the same name
+constexpr int kNamePollMs = 10;
 constexpr uint16_t kReplyNode = 0;  // marks a reply address: slot as switch, serial number as name
 
 struct Connection {
     int fd;
     uint32_t serial;  // 0 in a free entry
+    uint32_t unanswered;
     int64_t last_ms;
 };
 
@@ -48,6 +55,7 @@ Mutex lock;
 Handler handlers[IPC_HANDLERS_MAX] UTILS_GUARDED_BY(lock);
 Connection connections[kConnections] UTILS_GUARDED_BY(lock);
 uint32_t next_serial UTILS_GUARDED_BY(lock) = 1;
+bool opening UTILS_GUARDED_BY(lock) = false;
 bool serving UTILS_GUARDED_BY(lock) = false;
 bool closing UTILS_GUARDED_BY(lock) = false;
 bool fork_watched UTILS_GUARDED_BY(lock) = false;
@@ -66,10 +74,15 @@ int send_reply(const ipc_address &address, int code, const void *data, uint32_t 
     Connection &connection = connections[address.switch_no];
     if (connection.serial != serial || serial == 0)
         return -ENOTCONN;
-    int result = send_packet(connection.fd, code, data, length, MSG_DONTWAIT);
-    if (result != 0)
-        shutdown(connection.fd, SHUT_RDWR);
-    return result;
+    if (connection.unanswered > 0)
+        --connection.unanswered;
+    connection.last_ms = monotonic_ms();
+    Packet packet(code, const_cast<void *>(data), length);
+    if (sendmsg(connection.fd, &packet.header, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0)
+        return 0;
+    int error = errno;
+    shutdown(connection.fd, SHUT_RDWR);
+    return -error;
 }
 
 ipc_handler handler_of(int code) {
@@ -86,27 +99,30 @@ void drop(Connection &connection) UTILS_REQUIRES(lock) {
     connection = Connection{};
 }
 
-// Ends the connection that has been silent longest. False when there is none.
+// Ends the connection that has been silent longest, of those that wait for no answer and have had
+// their time to ask. False when there is none.
 bool drop_oldest() UTILS_REQUIRES(lock) {
     Connection *oldest = nullptr;
     for (Connection &connection : connections) {
-        if (connection.serial != 0 && (oldest == nullptr || connection.last_ms < oldest->last_ms))
+        if (connection.serial != 0 && connection.unanswered == 0 &&
+            (oldest == nullptr || connection.last_ms < oldest->last_ms))
             oldest = &connection;
     }
-    if (oldest != nullptr)
-        drop(*oldest);
-    return oldest != nullptr;
+    if (oldest == nullptr || monotonic_ms() - oldest->last_ms < kGraceMs)
+        return false;
+    drop(*oldest);
+    return true;
 }
 
-// Out of descriptors: ends a connection, or at least does not spin while there is none to end.
-void make_room() {
-    bool ended;
-    {
-        MutexLock hold(lock);
-        ended = drop_oldest();
-    }
-    if (!ended)
-        poll(nullptr, 0, 10);
+// A free entry, for which an old connection may have to go; null when none can.
+Connection *free_entry() UTILS_REQUIRES(lock) {
+    do {
+        for (Connection &connection : connections) {
+            if (connection.serial == 0)
+                return &connection;
+        }
+    } while (drop_oldest());
+    return nullptr;
 }
 
 bool peer_is_trusted(int fd) {
@@ -116,26 +132,20 @@ bool peer_is_trusted(int fd) {
            (peer.uid == geteuid() || peer.uid == 0);
 }
 
-void accept_requester(int listener) {
-    Descriptor fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-    if (!fd) {
-        if (errno == EMFILE || errno == ENFILE)
-            make_room();
-        return;
-    }
-    if (!peer_is_trusted(fd.get()))
-        return;
+// False when there is no room for the next requester, or no descriptor.
+bool accept_requester(int listener) {
     MutexLock hold(lock);
-    for (;;) {
-        for (Connection &connection : connections) {
-            if (connection.serial != 0)
-                continue;
-            connection = {fd.release(), next_serial, monotonic_ms()};
-            next_serial = next_serial == UINT32_MAX ? 1 : next_serial + 1;
-            return;
-        }
-        drop_oldest();
-    }
+    Connection *entry = free_entry();
+    if (entry == nullptr)
+        return false;
+    Descriptor fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    if (!fd)
+        return errno == EAGAIN || errno == ECONNABORTED || drop_oldest();
+    if (!peer_is_trusted(fd.get()))
+        return true;
+    *entry = {fd.release(), next_serial, 0, monotonic_ms()};
+    next_serial = next_serial == UINT32_MAX ? 1 : next_serial + 1;
+    return true;
 }
 
 // Receives one request and runs its handler. False ends the connection.
@@ -154,6 +164,10 @@ bool serve_request(int slot, const Connection &connection) {
     ipc_handler handler = handler_of(code);
     if (handler == nullptr)
         return false;
+    {
+        MutexLock hold(lock);
+        ++connections[slot].unanswered;
+    }
     message.platform_word = static_cast<uint32_t>(received) - kCodeSize;
     ipc_address reply{kReplyNode, static_cast<uint16_t>(slot), {}};
     snprintf(reply.name, sizeof reply.name, "%u", connection.serial);
@@ -161,38 +175,76 @@ bool serve_request(int slot, const Connection &connection) {
     return true;
 }
 
-// Waits for the wake descriptor, the listener and every connection; false when asked to stop.
-bool wait_for_work(const Sockets &own, pollfd (&set)[2 + kConnections]) {
-    int open = 0;
-    set[0] = {own.wake, POLLIN, 0};
-    set[1] = {own.listener, POLLIN, 0};
-    {
-        MutexLock hold(lock);
-        int64_t now = monotonic_ms();
-        for (int slot = 0; slot < kConnections; ++slot) {
-            Connection &connection = connections[slot];
-            if (connection.serial != 0 && now - connection.last_ms > kIdleLimitMs)
-                drop(connection);
-            bool used = connection.serial != 0;
-            set[2 + slot] = {used ? connection.fd : -1, POLLIN, 0};
-            open += used;
-        }
+// What the server waits for: as few entries as there are descriptors, since poll() refuses more
+// than the process may have.
+struct Work {
+    pollfd set[2 + kConnections];  // the wake descriptor, the listener, the connections
+    int slot[2 + kConnections];
+    nfds_t count;
+};
+
+// Lists what is to be waited for; a listener that must wait itself is passed over. Returns for how
+// long at most.
+int list_work(const Sockets &own, bool accepting, Work &work) {
+    work.count = 2;
+    work.set[0] = {own.wake, POLLIN, 0};
+    work.set[1] = {accepting ? own.listener : -1, POLLIN, 0};
+    MutexLock hold(lock);
+    int64_t now = monotonic_ms();
+    for (int slot = 0; slot < kConnections; ++slot) {
+        Connection &connection = connections[slot];
+        if (connection.serial != 0 && connection.unanswered == 0 &&
+            now - connection.last_ms > kIdleLimitMs)
+            drop(connection);
+        if (connection.serial == 0)
+            continue;
+        work.slot[work.count] = slot;
+        work.set[work.count++] = {connection.fd, POLLIN, 0};
     }
-    if (poll(set, 2 + kConnections, open > 0 ? 1000 : -1) < 0) {
-        for (pollfd &entry : set)
+    return !accepting ? static_cast<int>(kRetryMs) : work.count > 2 ? 1000 : -1;
+}
+
+// Waits for work; false when asked to stop.
+bool wait_for_work(const Sockets &own, bool accepting, Work &work) {
+    int limit_ms = list_work(own, accepting, work);
+    if (poll(work.set, work.count, limit_ms) < 0) {
+        // The limit of descriptors may have been lowered below what is open.
+        if (errno != EINTR) {
+            poll(nullptr, 0, static_cast<int>(kRetryMs));
+            MutexLock hold(lock);
+            drop_oldest();
+        }
+        for (pollfd &entry : work.set)
             entry.revents = 0;
     }
-    return (set[0].revents & POLLIN) == 0;
+    return (work.set[0].revents & POLLIN) == 0;
 }
 
 // Forgets everything that belongs to an open socket.
 void close_all() UTILS_REQUIRES(lock) {
-    while (drop_oldest()) {
+    for (Connection &connection : connections) {
+        if (connection.serial != 0)
+            drop(connection);
     }
     close(sockets.listener);
     close(sockets.wake);
     serving = false;
     closing = false;
+}
+
+// Serves what has come on one connection. False when that has ended it.
+bool serve_connection(int slot) {
+    Connection connection;
+    {
+        MutexLock hold(lock);
+        connections[slot].last_ms = monotonic_ms();
+        connection = connections[slot];
+    }
+    if (serve_request(slot, connection))
+        return true;
+    MutexLock hold(lock);
+    drop(connections[slot]);
+    return false;
 }
 
 void *serve(void *) {
@@ -201,24 +253,15 @@ void *serve(void *) {
         MutexLock hold(lock);
         own = sockets;
     }
-    pollfd set[2 + kConnections];
-    while (wait_for_work(own, set)) {
-        for (int slot = 0; slot < kConnections; ++slot) {
-            if (set[2 + slot].revents == 0)
-                continue;
-            Connection connection;
-            {
-                MutexLock hold(lock);
-                connections[slot].last_ms = monotonic_ms();
-                connection = connections[slot];
-            }
-            if (!serve_request(slot, connection)) {
-                MutexLock hold(lock);
-                drop(connections[slot]);
-            }
+    Work work;
+    int64_t accept_ms = 0;
+    while (wait_for_work(own, monotonic_ms() >= accept_ms, work)) {
+        for (nfds_t i = 2; i < work.count; ++i) {
+            if (work.set[i].revents != 0 && !serve_connection(work.slot[i]))
+                accept_ms = 0;
         }
-        if (set[1].revents != 0)
-            accept_requester(own.listener);
+        if (work.set[1].revents != 0 && !accept_requester(own.listener))
+            accept_ms = monotonic_ms() + kRetryMs;
     }
     MutexLock hold(lock);
     unlink(own_path.sun_path);
@@ -226,12 +269,78 @@ void *serve(void *) {
     return nullptr;
 }
 
-// A listening socket at `path`, in the place of a dead daemon's. The directory is locked, so that
-// two daemons that start at once do not remove each other's socket.
+// The lock that one process holds while it takes a name, so that two daemons that start at once do
+// not remove each other's socket. A file that nobody else can open, and that its holder removes: it
+// counts as locked only while it still stands in its place.
+class NameLock {
+  public:
+    explicit NameLock(const sockaddr_un &socket) {
+        snprintf(path_, sizeof path_, "%s.lock", socket.sun_path);
+    }
+    ~NameLock() {
+        if (file_)
+            unlink(path_);
+    }
+    NameLock(const NameLock &) = delete;
+    NameLock &operator=(const NameLock &) = delete;
+
+    // Waits for the lock. Returns 0, or a negated errno value.
+    int acquire() {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        whole.l_whence = SEEK_SET;
+        for (int64_t end_ms = monotonic_ms() + kNameLimitMs;;) {
+            int error = file_ ? 0 : open_file();
+            if (error == 0 && fcntl(file_.get(), F_SETLK, &whole) == 0) {
+                if (is_in_place())
+                    return 0;
+                file_.reset();
+                continue;
+            }
+            if (error == 0 && errno != EAGAIN && errno != EACCES)
+                error = -errno;
+            if (error == 0 && monotonic_ms() >= end_ms)
+                error = -ETIMEDOUT;
+            if (error != 0) {
+                file_.reset();
+                return error;
+            }
+            poll(nullptr, 0, kNamePollMs);
+        }
+    }
+
+  private:
+    // What another user has put in the file's place, to hold us up, is removed.
+    int open_file() {
+        int error = 0;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            file_.reset(open(path_, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+            struct stat status {};
+            if (file_ && fstat(file_.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                status.st_uid == geteuid() && (status.st_mode & 077) == 0)
+                return 0;
+            error = file_ ? EACCES : errno;
+            file_.reset();
+            if ((error != EACCES && error != ELOOP && error != ENXIO) || unlink(path_) != 0)
+                break;
+        }
+        return -error;
+    }
+    bool is_in_place() const {
+        struct stat held {
+        }, named{};
+        return fstat(file_.get(), &held) == 0 && stat(path_, &named) == 0 &&
+               held.st_ino == named.st_ino && held.st_dev == named.st_dev;
+    }
+
+    char path_[sizeof sockaddr_un::sun_path + 8];
+    Descriptor file_;
+};
+
+// A listening socket at `path`, in the place of a dead daemon's. The name is locked.
 int listen_at(const sockaddr_un &path) {
-    Descriptor directory(open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!directory || !fd || flock(directory.get(), LOCK_EX) != 0)
+    if (!fd)
         return -errno;
     auto *name = reinterpret_cast<const sockaddr *>(&path);
     if (bind(fd.get(), name, sizeof path) != 0) {
@@ -261,6 +370,25 @@ int start_thread(pthread_t *thread) {
     return -error;
 }
 
+// Opens the socket and starts its thread; the name is locked.
+int start_serving(const sockaddr_un &path) UTILS_REQUIRES(lock) {
+    Descriptor listener(listen_at(path));
+    if (!listener)
+        return listener.get();
+    Descriptor wake(eventfd(0, EFD_CLOEXEC));
+    sockets = {listener.get(), wake.get()};
+    int error = wake ? start_thread(&server) : -errno;
+    if (error != 0) {
+        unlink(path.sun_path);
+        return error;
+    }
+    listener.release();
+    wake.release();
+    own_path = path;
+    serving = true;
+    return 0;
+}
+
 void before_fork() UTILS_NO_THREAD_SAFETY_ANALYSIS {
     lock.lock();
 }
@@ -270,6 +398,7 @@ void after_fork() UTILS_NO_THREAD_SAFETY_ANALYSIS {
 void after_fork_in_child() UTILS_NO_THREAD_SAFETY_ANALYSIS {
     if (serving)
         close_all();
+    opening = false;
     lock.unlock();
 }
 
@@ -305,26 +434,19 @@ int ipc_open(const ipc_address *own) {
     sockaddr_un path{};
     if (own == nullptr || own->node == kReplyNode || !socket_path(*own, path))
         return -EINVAL;
-    MutexLock hold(lock);
-    if (serving)
-        return -EALREADY;
-    if (!fork_watched)
-        fork_watched = pthread_atfork(before_fork, after_fork, after_fork_in_child) == 0;
-    Descriptor listener(listen_at(path));
-    if (!listener)
-        return listener.get();
-    Descriptor wake(eventfd(0, EFD_CLOEXEC));
-    sockets = {listener.get(), wake.get()};
-    int error = wake ? start_thread(&server) : -errno;
-    if (error != 0) {
-        unlink(path.sun_path);
-        return error;
+    {
+        MutexLock hold(lock);
+        if (serving || opening)
+            return -EALREADY;
+        if (!fork_watched)
+            fork_watched = pthread_atfork(before_fork, after_fork, after_fork_in_child) == 0;
+        opening = true;
     }
-    listener.release();
-    wake.release();
-    own_path = path;
-    serving = true;
-    return 0;
+    NameLock name(path);
+    int error = name.acquire();
+    MutexLock hold(lock);
+    opening = false;
+    return error == 0 ? start_serving(path) : error;
 }
 
 int ipc_register(int code, ipc_handler handler) {

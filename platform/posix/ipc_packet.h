@@ -50,15 +50,6 @@ struct Packet {
     }
 };
 
-inline int send_packet(int fd, int code, const void *data, size_t length, int flags) {
-    Packet packet(code, const_cast<void *>(data), length);
-    while (sendmsg(fd, &packet.header, MSG_NOSIGNAL | flags) < 0) {
-        if (errno != EINTR)
-            return -errno;
-    }
-    return 0;
-}
-
 // The end of a wait: a moment of the monotonic clock, or none.
 class WaitLimit {
   public:
@@ -72,12 +63,14 @@ class WaitLimit {
         int64_t left = end_ms_ - monotonic_ms();
         return left <= 0 ? 0 : left > 1000000000 ? 1000000000 : static_cast<int>(left);
     }
-    // As a socket option; there, zero would mean no limit.
-    timeval socket_limit() const {
+    bool is_over() const { return poll_ms() == 0; }
+    // Lets calls that send on `fd`, or connect it, wait no longer than until the end. As a socket
+    // option, zero would mean no limit.
+    void apply_to(int fd) const {
         int ms = poll_ms();
-        if (ms < 0)
-            return timeval{};
-        return timeval{ms / 1000, ms == 0 ? 1 : ms % 1000 * 1000};
+        timeval left{ms / 1000, ms == 0 ? 1 : ms % 1000 * 1000};
+        if (limited_)
+            setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &left, sizeof left);
     }
 
   private:
@@ -85,20 +78,30 @@ class WaitLimit {
     int64_t end_ms_ = 0;
 };
 
+// Runs `call`, which waits on `fd`, until it succeeds or the limit is over. A signal starts it
+// again with what is left of the limit.
+template <typename Call>
+int within(const WaitLimit &limit, int fd, Call call) {
+    do {
+        limit.apply_to(fd);
+        if (call() >= 0)
+            return 0;
+        if (errno == EAGAIN)
+            return -ETIMEDOUT;
+        if (errno != EINTR)
+            return -errno;
+    } while (!limit.is_over());
+    return -ETIMEDOUT;
+}
+
 // A connection to the daemon at `path`, or a negated errno value.
 inline int connect_to(const sockaddr_un &path, const WaitLimit &limit) {
     Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!fd)
         return -errno;
-    timeval wait = limit.socket_limit();
-    setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
-    while (connect(fd.get(), reinterpret_cast<const sockaddr *>(&path), sizeof path) != 0) {
-        if (errno == EAGAIN)
-            return -ETIMEDOUT;
-        if (errno != EINTR)
-            return -errno;
-    }
-    return fd.release();
+    auto *name = reinterpret_cast<const sockaddr *>(&path);
+    int result = within(limit, fd.get(), [&] { return connect(fd.get(), name, sizeof path); });
+    return result == 0 ? fd.release() : result;
 }
 
 inline int send_request(const ipc_address &address, int code, const void *data, uint32_t length,
@@ -111,25 +114,23 @@ inline int send_request(const ipc_address &address, int code, const void *data, 
     Descriptor fd(connect_to(path, limit));
     if (!fd)
         return fd.get();
-    int result = send_packet(fd.get(), code, data, length, 0);
+    Packet packet(code, const_cast<void *>(data), length);
+    int result =
+        within(limit, fd.get(), [&] { return sendmsg(fd.get(), &packet.header, MSG_NOSIGNAL); });
     return result == 0 ? fd.release() : result;
 }
 
 inline int receive_reply(int fd, void *reply, uint32_t *length, const WaitLimit &limit) {
-    pollfd readable{fd, POLLIN, 0};
-    for (;;) {
-        int ready = poll(&readable, 1, limit.poll_ms());
-        if (ready == 0)
-            return -ETIMEDOUT;
-        if (ready > 0)
-            break;
-        if (errno != EINTR)
-            return -errno;
-    }
     Packet packet(0, reply, *length);
-    ssize_t received = recvmsg(fd, &packet.header, MSG_DONTWAIT);
-    if (received < 0)
-        return -errno;
+    ssize_t received;
+    while ((received = recvmsg(fd, &packet.header, MSG_DONTWAIT)) < 0) {
+        if (errno != EAGAIN && errno != EINTR)
+            return -errno;
+        if (limit.is_over())
+            return -ETIMEDOUT;
+        pollfd readable{fd, POLLIN, 0};
+        poll(&readable, 1, limit.poll_ms());
+    }
     if (received < static_cast<ssize_t>(kCodeSize))
         return -ECONNRESET;
     *length = static_cast<uint32_t>(received) - kCodeSize;

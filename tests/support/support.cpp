@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -110,6 +111,12 @@ bool emulated() {
 
 std::string runnable(const std::string &command) {
     return emulated() ? getenv("UTILS_EMULATOR") + (" " + command) : command;
+}
+
+void let_interrupt(int signal) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(signal, &action, nullptr);
 }
 
 int64_t monotonic_ms() {

@@ -43,6 +43,9 @@ bool emulated();
 // `command` as it must be started here: behind the emulator's name when there is one.
 std::string runnable(const std::string &command);
 
+// From here on, `signal` does nothing but end the calls that it meets with EINTR.
+void let_interrupt(int signal);
+
 // Milliseconds on the monotonic clock.
 int64_t monotonic_ms();
 

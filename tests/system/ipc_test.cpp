@@ -1,8 +1,11 @@
 // Requesters and daemons as separate processes: the IPC stand-in, argument blocks, redirection and
 // exit, with real files, terminals and servers, and whatever arrives: the daemon goes on serving,
 // and at the end it exits without a complaint of the sanitizers.
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +18,7 @@
 #include <tuple>
 
 #include "base/big_endian.h"
+#include "support/clock.h"
 #include "support/heap.h"
 #include "support/wire.h"
 #include "utils/daemon_codes.h"
@@ -59,10 +63,13 @@ int stream_at(const std::string &path, int type, int (*attach)(int, const sockad
     return fd;
 }
 
+std::string socket_of_testd() {
+    return "/run/korin/" + std::to_string(myNode()) + "." + std::to_string(getMySwitch()) +
+           ".testd.ipc";
+}
+
 int packets_to_daemon() {
-    return stream_at("/run/korin/" + std::to_string(myNode()) + "." +
-                         std::to_string(getMySwitch()) + ".testd.ipc",
-                     SOCK_SEQPACKET, connect);
+    return stream_at(socket_of_testd(), SOCK_SEQPACKET, connect);
 }
 
 int answer(void *to, int code, const std::string &data) {
@@ -102,7 +109,7 @@ void serve_everything() {
     ipc_register(kNothing, [](void *, int, void *) { return 0; });
     ipc_register(kDefer, [](void *to, int, void *) {
         deferred = *static_cast<ipc_address *>(to);
-        return 0;
+        return support::ahead_s += 100, 0;  // longer than a connection may be idle
     });
     ipc_register(kRelease, [](void *to, int code, void *) {
         answer(&deferred, code, kGood);
@@ -117,7 +124,10 @@ void serve_everything() {
     listen(listener, 128);
     std::thread([listener] {
         for (;;) {
-            std::thread([fd = accept(listener, nullptr, nullptr)] {
+            int fd = accept(listener, nullptr, nullptr);
+            if (fd < 0)
+                return;  // no descriptor is left
+            std::thread([fd] {
                 qelTnetCmdCB(fd, [](int argc, char **argv, FILE *out) {
                     for (int i = 0; i < argc; ++i)
                         fprintf(out, "%zu ", strlen(argv[i]));
@@ -135,7 +145,7 @@ struct Daemon {
     bool ready;
     int status = -1;
 
-    Daemon() {
+    explicit Daemon(rlim_t descriptors = 0) {
         int ends[2];
         char byte;
         EXPECT_EQ(pipe(ends), 0);
@@ -143,6 +153,9 @@ struct Daemon {
         pid = fork();
         if (pid == 0) {
             ipc_address own = testd();
+            rlimit few{descriptors, descriptors};
+            if (descriptors != 0)
+                setrlimit(RLIMIT_NOFILE, &few);
             serve_everything();
             int result = ipc_open(&own);
             if (result != 0 || write(ends[1], "r", 1) != 1)
@@ -400,8 +413,77 @@ TEST(Ipc, DaemonMayCloseAndOpenAgain) {
         ipc_close();
         EXPECT_EQ(ask(kEcho, ""), (Answer{-ENOENT, 0}));
     }
+    memset(own.name, 'n', sizeof own.name - 1);
+    ASSERT_EQ(ipc_open(&own), 0);
+    std::string longest(own.name);
+    EXPECT_NE(qelDExitRequest(longest.c_str(), kEcho, QELD_EXIT_ABORT), 0);
+    EXPECT_EQ(qelDExitRequest((longest + 'n').c_str(), kEcho, QELD_EXIT_ABORT), 0);
+    ipc_close();
     EXPECT_EQ(ipc_unregister(kEcho), 0);
     EXPECT_EQ(ipc_unregister(kEcho), -ENOENT);
+}
+
+TEST(Ipc, FewDescriptorsAreSharedByManyRequesters) {
+    Daemon daemon(32);
+    int silent[40];
+    for (int &fd : silent)
+        fd = packets_to_daemon();
+    EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
+    for (int fd : silent)
+        close(fd);
+}
+
+TEST(Ipc, SignalsDoNotProlongARequest) {
+    unlink(socket_of_testd().c_str());
+    int listener = stream_at(socket_of_testd(), SOCK_SEQPACKET, bind);
+    listen(listener, 0);
+    int first = packets_to_daemon();  // the queue is full
+    support::let_interrupt(SIGALRM);
+    itimerval often{{0, 5000}, {0, 5000}}, never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(ask(kSum, "", kBrief), (Answer{-ETIMEDOUT, 0}));
+    setitimer(ITIMER_REAL, &never, nullptr);
+    close(first);
+    close(listener);
+}
+
+// Strangers lock the directory and put a file in the place of the name's lock. Then the lock is in
+// the hands of a process of our own, for which ipc_open() waits in spite of signals.
+TEST(Ipc, OpeningHoldsNobodyUpAndIsHeldUpByNoStranger) {
+    ipc_address own = testd();
+    std::string lock = socket_of_testd() + ".lock";
+    int directory = open("/run/korin", O_RDONLY | O_DIRECTORY), ends[2];
+    flock(directory, LOCK_SH);
+    support::write_file(lock, "");
+    EXPECT_EQ(ipc_open(&own), 0);
+    EXPECT_NE(access(lock.c_str(), F_OK), 0) << "the lock's file stays";
+    ipc_close();
+    char byte;
+    ASSERT_EQ(pipe(ends), 0);
+    pid_t holder = fork();
+    if (holder == 0) {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        fcntl(open(lock.c_str(), O_RDWR | O_CREAT, 0600), F_SETLK, &whole);
+        _exit(write(ends[1], "x", 1) == 1 ? pause() : 1);
+    }
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    support::let_interrupt(SIGUSR1);
+    std::atomic<int> results{0};
+    auto opener = [&] { results += ipc_open(&own); };
+    std::thread threads[] = {std::thread(opener), std::thread(opener)};
+    EXPECT_TRUE(eventually([&] { return results == -EALREADY; }));  // one waits
+    EXPECT_EQ(ipc_unregister(kUnknown), -ENOENT);
+    for (std::thread &thread : threads)
+        pthread_kill(thread.native_handle(), SIGUSR1);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(results, -EALREADY);
+    ipc_close();
+    for (int fd : {directory, ends[0], ends[1]})
+        close(fd);
 }
 
 std::string mutated(std::string bytes) {

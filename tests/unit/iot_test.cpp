@@ -10,8 +10,8 @@
 
 namespace {
 
-enum { kFirst, kSecond, kQuiet, kHurry, kBegun, kGo };
-int pipes[6][2];
+enum { kFirst, kSecond, kQuiet, kHurry, kBegun, kGo, kFar };
+int pipes[7][2];
 std::vector<int> served;  // the watch thread's, but while it is held
 std::vector<uintptr_t> forwarded;
 
@@ -33,6 +33,11 @@ int serve(int descriptor) {
         }
     }
     return 1;
+}
+
+int note(int descriptor) {
+    served.push_back(descriptor);
+    return 0;
 }
 
 // The last of the table: the watch thread has served the others when it is held here, and sees in
@@ -96,6 +101,8 @@ TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
         ASSERT_EQ(pipe(ends), 0);
     for (int pipe : {kSecond, kFirst, kQuiet})
         ASSERT_EQ(iot_add(pipes[pipe][0], serve, pipe != kQuiet), 0);
+    // In a word of its own, beyond those of the others.
+    ASSERT_EQ(iot_add(dup2(pipes[kFar][0], 200), note, 0), 0);
     ASSERT_EQ(iot_add(pipes[kHurry][0], held, 1), 0);
     ASSERT_EQ(iot_start(), 0);
     auto feed_all = [] {
@@ -113,7 +120,11 @@ TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
         iot_del(pipes[kSecond][0]);
         feed_all();
     });
-    while_held([] { EXPECT_EQ(served, (Pipes{kSecond, kFirst, kQuiet, kFirst})); });
+    while_held([] {
+        EXPECT_EQ(served, (Pipes{kSecond, kFirst, kQuiet, kFirst}));
+        iot_notify(IOT_NOTIFY_WATCH_ALL);
+    });
+    while_held([] { EXPECT_EQ(served, (Pipes{kSecond, kFirst, kQuiet, kFirst, kQuiet})); });
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([t] {

@@ -1,10 +1,25 @@
 #include "utils/service_stat.h"
 
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <filesystem>
 
+#include "support/clock.h"
 #include "support/heap.h"
 #include "support/support.h"
 #include "utils/clock.h"
+
+namespace {
+
+int writes;
+
+}  // namespace
+
+extern "C" ssize_t write(int fd, const void *bytes, size_t size) {
+    ++writes;
+    return syscall(SYS_write, fd, bytes, size);
+}
 
 namespace {
 
@@ -25,12 +40,20 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
     auto usec = static_cast<uint64_t>(tb_ticks_p_usec);
     serviceStats[0] = {7000000000 * usec, 4999999 * usec, 3 * usec, 700, 2, 3, 100, 60, 7};
     serviceStats[1] = {0, 0, 0, 0, 5, -1, 0, 0, 0};
+    int reader = -1;
     for (auto [label, names] : {std::pair("NS", kNames), {"longlabel", nullptr}}) {
         serviceStatIsOn = 1;
+        support::ahead_s = 0;
+        support::step_s = 1;
         serviceStat_stop(label, names, 3);
+        EXPECT_EQ(support::ahead_s, reader == -1 ? 1 : 3) << "the lock of a reader is waited for";
+        reader = open(kReport, O_RDONLY);
+        flock(reader, LOCK_SH);
         EXPECT_EQ(serviceStatIsOn, 0);
         expect_cleared(3, UINT64_MAX);
     }
+    close(reader);
+    EXPECT_EQ(writes, 2);
     std::string text = support::read_file(kReport);
     const char *date = text.c_str() + 100;
     tm parsed{};

@@ -62,9 +62,7 @@ TEST(Task, DelaysWholeMillisecondsOfTicks) {
 }
 
 TEST(Task, SignalsDoNotShortenADelay) {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, nullptr);
+    support::let_interrupt(SIGALRM);
     itimerval soon{{0, 5000}, {0, 5000}};
     setitimer(ITIMER_REAL, &soon, nullptr);
     int64_t begin = support::monotonic_ms();

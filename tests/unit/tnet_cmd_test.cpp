@@ -1,5 +1,7 @@
 #include "utils/tnet_cmd.h"
 
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,7 +19,6 @@ namespace {
 
 int control_result;        // of the requests to daemons
 std::string control_call;  // what was asked
-bool refuse_dup;
 
 int control(const std::string &what, const std::string &daemon, int code) {
     control_call = what + " " + daemon + " " + std::to_string(code);
@@ -26,9 +27,6 @@ int control(const std::string &what, const std::string &daemon, int code) {
 
 }  // namespace
 
-extern "C" int dup(int fd) noexcept {
-    return refuse_dup ? -1 : fcntl(fd, F_DUPFD, 0);
-}
 int getMySwitch(void) {
     return 3;
 }
@@ -100,12 +98,14 @@ int die(int, char **, FILE *out) {
 }
 
 // What a command gives its client, which reads nothing before the daemon is rid of all its output.
-std::string relayed(qelTnetCommand function, const Command &command, bool in_process = true) {
+std::string relayed(qelTnetCommand function, const Command &command, bool in_process = true,
+                    int output_flags = 0) {
     Ends connection, output(true);
+    fcntl(output.fd[1], F_SETFL, output_flags);
     alarm(100);
     std::thread client([&] {
         run(connection.fd[0], command, output.fd[1]);
-        EXPECT_EQ(fcntl(output.fd[1], F_GETFL) & O_NONBLOCK, 0);
+        EXPECT_EQ(fcntl(output.fd[1], F_GETFL) & O_NONBLOCK, output_flags);
         output.end(1);
     });
     auto serve = [&] { return qelTnetCmdCB(connection.fd[1], function), 0; };
@@ -124,17 +124,43 @@ std::string answer_to(const std::string &message, int granted = -1, bool no_copy
               static_cast<ssize_t>(message.size()));
     shutdown(connection.fd[0], SHUT_WR);
     qelTnetCmdDesc descriptor{0, echo, nullptr, 0};
-    refuse_dup = no_copy;
+    rlimit descriptors;
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    rlimit limited{no_copy ? 0 : descriptors.rlim_cur, descriptors.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limited);
     support::refuse_after = granted;
     qelTnetCmdCBwrapper(connection.fd[1], &descriptor);
     support::refuse_after = -1;
-    refuse_dup = false;
+    setrlimit(RLIMIT_NOFILE, &descriptors);
     connection.end(1);
     return read_all(connection.fd[0]);
 }
 
+// The answer to a message of which every byte is consumed, and followed by a signal, before the
+// next one is sent.
+std::string answer_to_bytes(const std::string &message, int socket_flags) {
+    Ends connection;
+    fcntl(connection.fd[1], F_SETFL, socket_flags);
+    support::let_interrupt(SIGUSR1);
+    std::thread daemon([&] { qelTnetCmdCB(connection.fd[1], echo); });
+    for (const char &byte : message) {
+        EXPECT_EQ(send(connection.fd[0], &byte, 1, MSG_NOSIGNAL), 1);
+        if (!support::eventually([&] {
+                int unread = -1;
+                return ioctl(connection.fd[1], FIONREAD, &unread) == 0 && unread == 0;
+            }))
+            break;
+        pthread_kill(daemon.native_handle(), SIGUSR1);
+    }
+    daemon.join();
+    connection.end(1);
+    return read_all(connection.fd[0]);
+}
+
+const std::string kLongest(QEL_TNET_COMMAND_MAX - 13, 'x');
+
 TEST(TnetCmd, MessagesAgreeWithAnIndependentEncoder) {
-    Command commands[] = {{}, {"ab", "c"}, {"", ""}, {std::string(60000, 'x')}, Command(99, "abc")};
+    Command commands[] = {{}, {"ab", "c"}, {"", ""}, {kLongest}, Command(99, "abc")};
     for (const Command &command : commands) {
         Ends connection;
         shutdown(connection.fd[1], SHUT_WR);
@@ -148,26 +174,36 @@ TEST(TnetCmd, MessagesAgreeWithAnIndependentEncoder) {
     }
     EXPECT_EQ(command_message({"ab", "c"}),
               support::words({21, 2, 16, 19, 0}) + std::string("ab\0c\0", 5));
+    for (int flags : {0, O_NONBLOCK})
+        EXPECT_EQ(answer_to_bytes(command_message({"ab", "c"}), flags), "2|ab|c");
+    Ends unused;
+    run(unused.fd[0], {kLongest + 'x'}, 1);
+    unused.end(0);
+    EXPECT_EQ(read_all(unused.fd[1]), "");  // what no receiver takes is not sent
 }
 
-TEST(TnetCmd, RunsNothingThatIsNotAMessage) {
-    std::string texts("ab\0c\0", 5), long_text(QEL_TNET_COMMAND_MAX - 13, 'x');
-    std::pair<std::vector<uint32_t>, std::string> cases[] = {
-        {{}, std::string(3, 0)},
-        {{8, 1, 0}, ""},
-        {{21, 2, 16, 19, 0}, texts.substr(1)},  // ends early
-        {{20, 2, 16, 19, 0}, texts},            // the length cuts the last NUL
-        {{22, 2, 16, 19, 0}, texts + '\0'},     // one byte too many
-        {{21, 2, 16, 18, 0}, texts},            // offset into another text
-        {{21, 2, 0xFFFFFFF0, 19, 0}, texts},    // offset outside
-        {{21, 2, 16, 19, 1}, texts},            // terminator
-        {{21, 0x40000002, 16, 19, 0}, texts},   // 4 x argc wraps
-        {{0xFFFFFFFF, 2, 16, 19, 0}, texts},
-        {{}, command_message({long_text + 'x'})},  // too long
+TEST(TnetCmd, RunsEveryMessageWhoseTextsEndInsideAndNothingElse) {
+    std::string texts("ab\0c\0", 5);
+    std::tuple<std::vector<uint32_t>, std::string, std::string> cases[] = {
+        {{}, std::string(3, 0), ""},
+        {{8, 1, 0}, "", ""},
+        {{21, 2, 16, 19, 0}, texts.substr(1), ""},  // ends early
+        {{20, 2, 16, 19, 0}, texts, ""},            // the length cuts the last NUL
+        {{22, 2, 16, 19, 0}, texts + '\0', "2|ab|c"},
+        {{21, 2, 19, 16, 0}, texts, "2|c|ab"},
+        {{21, 2, 16, 16, 0}, texts, "2|ab|ab"},
+        {{21, 2, 17, 20, 0}, texts, "2|b|"},
+        {{21, 2, 16, 21, 0}, texts, ""},  // offset outside
+        {{21, 2, 0xFFFFFFF0, 19, 0}, texts, ""},
+        {{21, 2, 16, 19, 1}, texts, ""},           // terminator
+        {{21, 0x40000002, 16, 19, 0}, texts, ""},  // 4 x argc wraps
+        {{0xFFFFFFFF, 2, 16, 19, 0}, texts, ""},
+        {{}, command_message({kLongest}), "1|" + kLongest},
+        {{}, command_message({kLongest + 'x'}), ""},
     };
-    for (auto &[header, rest] : cases)
-        EXPECT_EQ(answer_to(support::words(header) + rest), "") << &header - &cases[0].first;
-    EXPECT_EQ(answer_to(command_message({long_text})), "1|" + long_text);
+    for (auto &[header, rest, answer] : cases)
+        EXPECT_EQ(answer_to(support::words(header) + rest), answer)
+            << testing::PrintToString(header);
     std::string message = command_message({"x"});
     EXPECT_EQ(answer_to(message, -1, true), "qelTcmdCB: unable to dup socket!\n");
 #ifdef UTILS_FAKE_MALLOC
@@ -178,10 +214,12 @@ TEST(TnetCmd, RunsNothingThatIsNotAMessage) {
 }
 
 TEST(TnetCmd, OutputArrivesWholeFromSlowDyingAndTwoHundredDaemonsAtOnce) {
-    std::string received = relayed(megabyte, {"megabyte"});
-    ASSERT_EQ(received.size(), 1u << 20);
-    for (size_t i = 0; i < 1 << 17; ++i)
-        ASSERT_EQ(atoi(&received[i * 8]), static_cast<int>(i));
+    for (int flags : {0, O_NONBLOCK}) {
+        std::string received = relayed(megabyte, {"megabyte"}, true, flags);
+        ASSERT_EQ(received.size(), 1u << 20);
+        for (size_t i = 0; i < 1 << 17; ++i)
+            ASSERT_EQ(atoi(&received[i * 8]), static_cast<int>(i));
+    }
     std::string zeros(99999, '0');
     EXPECT_EQ(relayed(die, {"die"}, false), zeros + "7");
     std::vector<std::thread> threads;

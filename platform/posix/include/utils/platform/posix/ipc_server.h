@@ -8,6 +8,9 @@
  *
  * Threads: every call may be made from any thread. Handlers run on one thread of the stand-in,
  * which has all signals blocked, one at a time. A child made by fork() serves nothing.
+ *
+ * At most 32 requesters are connected, fewer when descriptors run short; further ones wait in the
+ * queue, within their own time limits. A connection is kept while its request waits for an answer.
  */
 #ifndef UTILS_PLATFORM_POSIX_IPC_SERVER_H
 #define UTILS_PLATFORM_POSIX_IPC_SERVER_H
@@ -33,9 +36,11 @@ typedef int (*ipc_handler)(void *reply_address, int code, void *message);
 
 /**
  * Opens this process's socket under @p own and starts the thread that serves it. What a dead daemon
- * left there is replaced. The socket goes with ipc_close() or exit().
+ * left there is replaced. The socket goes with ipc_close() or exit(). Waits for a process of the
+ * same user that is opening the same name, 20 seconds at most; the other calls do not wait for it.
  * @return 0, or a negated errno value: -98 when a living daemon has the name, -114 when this
- * process is open already, -22 for a bad name, and those of the system
+ * process is open or opening already, -110 when the wait has been too long, -22 for a bad name, and
+ * those of the system
  */
 int ipc_open(const ipc_address *own);
 
