@@ -49,7 +49,7 @@ say "4. THE ROAD OF A REQUEST BETWEEN PROCESSES" \
 run qelctl redirect -s 3 portd /tmp/redirected
 await grep -q round /tmp/redirected
 run head -n 2 /tmp/redirected
-long=/tmp/$(printf 'a/%.0s' {1..1100})../redirected
+long=/tmp/$(printf './%.0s' {1..1100})redirected
 qelctl redirect -s 3 portd "$long" >/dev/null
 segments=$(ipcs -m | grep -c '^0x' || true)
 echo "after a request of ${#long} bytes: $segments shared memory segments left"

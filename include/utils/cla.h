@@ -92,10 +92,11 @@ int clafSlotSlashPort(int argc, char **argv, int *slot);
 
 /**
  * Takes the first argument with a slash as slot/port, slot/pic/port or pic/port. Its entry in
- * @p argv points to the port text from then on (without leading zeros; it is not looked at, and may
- * be empty behind a pic). A pic is one character: A or a is 1, B or b is 2; an empty one is not
+ * @p argv points to the port text from then on: what follows the last slash, without leading zeros;
+ * it is not looked at, and may be empty behind a pic. What stands between the pic's slash and the
+ * last one is ignored. A pic is one character: A or a is 1, B or b is 2; an empty one is not
  * stored. When argv[0] is "portName" (ignoring case) and there are more than two arguments, only
- * the first two are examined, since the others are free text. More slashes than that are bad form.
+ * the first two are examined, since the others are free text.
  * @param argc number of arguments
  * @param argv the arguments
  * @param slot set when the argument names one

@@ -64,7 +64,10 @@ int qelGetOpt_ind(qelGetOptState *state);
 /** @return the option letter, or QELGETOPT_END, QELGETOPT_UNKNOWN, QELGETOPT_MISSING */
 int qelGetOpt_opt(qelGetOptState *state);
 
-/** @return the option's argument, pointing into argv, or null */
+/**
+ * @return the option's argument, pointing into argv; null for a letter without one, for
+ *         QELGETOPT_UNKNOWN, QELGETOPT_MISSING and QELGETOPT_END
+ */
 char *qelGetOpt_arg(qelGetOptState *state);
 
 UTILS_END_DECLS

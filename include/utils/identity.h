@@ -23,7 +23,8 @@ UTILS_BEGIN_DECLS
 #define IDENTITY_NODE_B 6       /**< the second control processor */
 #define IDENTITY_ERR_RANGE (-7) /**< the number is out of its range */
 
-/** @name Environment variables; decimal numbers
+/** @name Environment variables
+ *  Numbers with automatic base, as clafGetInt() of utils/cla.h reads them: "0x10" and "020" are 16.
  *  @{ */
 #define IDENTITY_ENV_SWITCH "KORIN_SWITCHNO" /**< logical switch, 0 to 240 */
 #define IDENTITY_ENV_SLOT "KORIN_SLOTNO"     /**< slot, 0 to 16 */
@@ -92,7 +93,7 @@ int clafMyPic(const char *text, void *out);
 /**
  * Records the start of the switch: copies "/proc/uptime" into "/etc/korin/datefile0" or
  * "/etc/korin/datefile1". The file is created when missing, but not shortened: the tail of a longer
- * old text stays. A symbolic link at that name is refused.
+ * old text stays. A symbolic link at that name is followed.
  * @param which 0 or 1
  * @return 0, or -1 on any failure
  */

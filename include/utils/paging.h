@@ -80,8 +80,9 @@ int sprint64(char *text, unsigned high, unsigned low, int base);
 int print64(unsigned high, unsigned low, int base);
 
 /**
- * Reads a number: hexadecimal behind 0x or 0X, else decimal, with a sign. A number beyond 32 bits
- * counts as the nearest one of 32 bits.
+ * Reads a number: hexadecimal behind 0x or 0X, else decimal. Both take a sign, the hexadecimal one
+ * behind its prefix: "0x-5" is -5. A number beyond 32 bits counts as the nearest one of 32 bits, a
+ * hexadecimal one of either sign as 0xffffffff.
  * @return the number; 0 for null and for a text that begins with no number
  */
 int str2num(const char *text);

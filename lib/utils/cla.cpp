@@ -130,11 +130,11 @@ int parse_place(char *text, Place *place) {
         place->port = skip_port_zeros(pic);
         return 0;
     }
-    if (slash - pic > 1 || strchr(slash + 1, '/') != nullptr)
+    if (slash - pic > 1)
         return CLA_ERR_FORM;
     place->has_pic = slash != pic;
     place->pic = (static_cast<unsigned char>(*pic) & ~kCaseBit) - kPicLetterBase;
-    place->port = skip_port_zeros(slash + 1);
+    place->port = skip_port_zeros(strrchr(slash, '/') + 1);
     return 0;
 }
 

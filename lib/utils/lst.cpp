@@ -29,12 +29,17 @@ int position_of(const LIST &list, const NODE *node) {
     return -1;
 }
 
-void link_after(LIST &list, NODE *prev, NODE *node) {
-    NODE *next = prev != nullptr ? prev->next : list.head;
+// What stands at the tail is told by `tail` alone: behind it, the nodes of a list whose header was
+// copied may go on.
+void link(LIST &list, NODE *prev, NODE *node, NODE *next) {
+    bool at_tail = prev == list.tail;
     node->previous = prev;
     node->next = next;
     (prev != nullptr ? prev->next : list.head) = node;
-    (next != nullptr ? next->previous : list.tail) = node;
+    if (at_tail)
+        list.tail = node;
+    else if (next != nullptr)
+        next->previous = node;
     ++list.count;
 }
 
@@ -64,14 +69,14 @@ void lstAdd(LIST *list, NODE *node) {
     if (list == nullptr || node == nullptr)
         return;
     RecordLock lock(list->lock);
-    utils::link_after(*list, list->tail, node);
+    utils::link(*list, list->tail, node, nullptr);
 }
 
 void lstInsert(LIST *list, NODE *prev, NODE *node) {
     if (list == nullptr || node == nullptr)
         return;
     RecordLock lock(list->lock);
-    utils::link_after(*list, prev, node);
+    utils::link(*list, prev, node, prev != nullptr ? prev->next : list->head);
 }
 
 void lstDelete(LIST *list, NODE *node) {

@@ -11,6 +11,7 @@
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -101,6 +102,15 @@ int format_number(char (&text)[SPRINT64_ROOM], unsigned high, unsigned low, int 
     return snprintf(text, sizeof text, base == 8 ? "%o" : "%u", low);
 }
 
+// As scanf() reads it, sign included, wherever `unsigned long` is as wide as `unsigned`.
+uint32_t parse_hexadecimal(const char *text) {
+    constexpr unsigned long long kMost = UINT32_MAX;
+    unsigned long long bits = strtoull(text, nullptr, 16);
+    bool negative = text[strspn(text, " \t\n\v\f\r")] == '-';
+    unsigned long long magnitude = negative ? 0 - bits : bits;
+    return static_cast<uint32_t>(magnitude > kMost ? kMost : bits);  // two's complement
+}
+
 int not_ported(const char *message) {
     return printf("%s\n", message);
 }
@@ -171,7 +181,7 @@ void display_mem(void *address, int count, int width) {
 void printMem(void *address, int len) {
     auto *bytes = static_cast<const unsigned char *>(address);
     for (; bytes != nullptr && len > 0; bytes += utils::kLineBytes, len -= utils::kLineBytes)
-        utils::print_word_line(bytes, std::min((len - 1) / 4 * 4 + 4, utils::kLineBytes));
+        utils::print_word_line(bytes, (std::min(len, utils::kLineBytes) + 3) / 4 * 4);
 }
 
 int sprint64(char *text, unsigned high, unsigned low, int base) {
@@ -194,9 +204,7 @@ int str2num(const char *text) {
     if (text == nullptr)
         return 0;
     if (strnlen(text, 3) > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-        unsigned long long bits = 0;
-        sscanf(text + 2, "%llx", &bits);
-        return static_cast<int>(static_cast<uint32_t>(std::min(bits, 0xffffffffULL)));
+        return static_cast<int>(utils::parse_hexadecimal(text + 2));
     }
     long long number = 0;
     sscanf(text, "%lld", &number);

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cinttypes>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -89,8 +90,8 @@ void write_row(FILE *out, const char *label, const char *name, const serviceStat
     uint32_t waited = stat.queue_samples != 0 ? stat.total_queue_time / stat.queue_samples : 0;
     fprintf(out, "%-5s%-35s%8d%8d%8d", label != nullptr ? label : "", name != nullptr ? name : "",
             stat.calls, stat.rejects, stat.drops);
-    fprintf(out, "%12d%12ld%12ld", static_cast<int>(average),
-            static_cast<long>(stat.highest_service_time / ticks), static_cast<long>(lowest));
+    fprintf(out, "%12d%12" PRId64 "%12" PRId64, static_cast<int>(average),
+            static_cast<int64_t>(stat.highest_service_time / ticks), static_cast<int64_t>(lowest));
     fprintf(out, "%12d%12d\n", static_cast<int>(waited), stat.highest_queue_time);
 }
 

@@ -3,7 +3,8 @@
 #   qelctl.sh DIRECTORY-OF-PROGRAMS
 set -euo pipefail
 bin=$1
-if [ -n "${UTILS_EMULATOR:-}" ]; then
+emulated=${UTILS_EMULATOR:+yes}
+if [ "$emulated" ]; then
     mkdir /tmp/bin
     for program in qelctl portd; do
         printf '#!/bin/sh\nexec %s %s "$@"\n' "$UTILS_EMULATOR" "$bin/$program" >"/tmp/bin/$program"
@@ -23,6 +24,8 @@ expect() {
     [ "$status" = "$wanted" ] || { cat /tmp/out; fail "exit status $status, not $wanted: $*"; }
     [ -z "$pattern" ] || grep -qE -- "$pattern" /tmp/out || { cat /tmp/out; fail "no line like '$pattern': $*"; }
 }
+# clean FILE: nothing in it can control a terminal.
+clean() { ! LC_ALL=C grep -qaP '[^\x20-\x7e\x80-\xff\n\t]' "$1" || { cat -v "$1"; fail "control characters: $1"; }; }
 # Traffic for the daemons to see, on the loopback interface of this image.
 { while sleep 0.1; do echo datagram >/dev/udp/127.0.0.1/9; done; } 2>/dev/null &
 traffic=$!
@@ -36,7 +39,7 @@ for words in "" list cmd redirect exit evlog log "log pack" "log unpack" "log sh
     # shellcheck disable=SC2086
     expect 0 '^qelctl [0-9]' qelctl $words --version
 done
-for words in "" nonsense "cmd" "cmd portd" "list extra" "stats 241" "cmd --timeout 0 d c" "evlog --pid 1 --file x" "redirect portd"; do
+for words in "" nonsense "cmd" "cmd portd" "list extra" "stats 241" "cmd --timeout 0 d c" "exit --timeout 0 d" "evlog --pid 1 --file x" "redirect portd"; do
     # shellcheck disable=SC2086
     expect "$([ "$words" = "redirect portd" ] && echo 4 || echo 2)" '^qelctl: ' qelctl $words
     [ "$(wc -l </tmp/out)" = 1 ] || fail "more than one line for: $words"
@@ -76,6 +79,16 @@ expect 0 'Redirecting instance7 .* file /tmp/moved' qelctl redirect -s 7 portd /
 await grep -q round /tmp/moved
 expect 1 'refused to redirect' qelctl redirect -s 7 portd 127.0.0.1:9
 expect 2 'not a port' qelctl redirect -s 7 portd 127.0.0.1:x
+expect 1 '^qelctl: portd still writes to /tmp/moved, not to /no/such/place$' qelctl redirect -s 7 portd /no/such/place
+mkdir /tmp/away && (cd /tmp/away && rmdir /tmp/away && expect 1 '^qelctl: cannot tell where' qelctl redirect -s 7 portd here)
+if [ -z "$emulated" ]; then # the emulator shows the machine's table of connections in the machine's byte order
+    socat -u TCP-LISTEN:7009,bind=127.0.0.1 CREATE:/tmp/served & server=$!
+    await grep -q ':1B61 00000000:0000 0A' /proc/net/tcp
+    expect 0 'to server\(127.0.0.1\), port\(7009\)' qelctl redirect -s 7 portd 127.0.0.1:7009
+    await grep -q round /tmp/served
+    expect 0 'terminal /dev/pts/' script -qec 'qelctl redirect -s 7 portd' /dev/null
+    wait "$server"
+fi
 expect 2 'not a terminal' qelctl redirect -s 7 portd
 
 expect 0 'serviceStat.sw7' qelctl cmd -s 7 portd stats
@@ -83,11 +96,13 @@ expect 0 '^portd +help +[1-9][0-9]* +0 +0 ' qelctl stats 7
 expect 0 '^portd +sleep +[0-9]+ +#+$' qelctl stats 7 --plot
 
 # Event logs of a living process, followed until it is dead, and of the dead one.
-section=$(qelctl evlog | awk '$4 == "ports" {print $1 "." $2 "." $3 "." $4 " " $5; exit}')
+section=$(qelctl evlog | awk '$3 == "root" && $5 == "ports" {print $1 "." $2 "." $4 "." $5 " " $6; exit}')
 expect 0 'shortcut +:ports' qelctl evlog --file "$section"
 qelctl evlog --file "$section" --follow >/tmp/followed & follower=$!
 await grep -q 'B/s' /tmp/followed
-expect 0 '' qelctl exit -s 7 portd
+kill -STOP "$portd"
+expect 3 "portd, process $portd, has not ended within 1 s" qelctl exit -s 7 --timeout 1 portd
+kill -CONT "$portd"
 await gone "$portd"
 wait "$follower" || fail "following did not end with the process"
 sort -c /tmp/followed || fail "followed events are not in order"
@@ -104,6 +119,34 @@ expect 4 'no daemon victim' qelctl exit -s 7 victim
 head -c 200 /dev/urandom >/tmp/noise
 expect 1 'not an event log' qelctl evlog --file /tmp/noise
 
+# A daemon that is started again at once: the one that was asked ends, whatever its successor does.
+(ulimit -c 0; for _ in 1 2; do portd -s 8 -p 100; done >/tmp/again.out 2>&1 || true) &
+for option in --timeout=20 --abort; do
+    await qelctl cmd -s 8 portd help
+    expect 0 '^portd, process [0-9]+, has ended$' qelctl exit -s 8 "$option" portd
+    grep -oE 'process [0-9]+' /tmp/out >>/tmp/ended
+done
+[ "$(sort -u /tmp/ended | wc -l)" = 2 ] || fail "the same process ended twice"
+
+# What others have written and named: shown, but never raw, and never as root's.
+cd /dev/shm/trace
+own=$(echo "$victim".1.*) planted=$'4242.2.portd.x\e[2J\nroot  running'
+cp "$own" "$planted"
+echo junk >4242.1.portd.bad
+at=$(LC_ALL=C grep -abo -m1 'lo: in' "$own" | head -n 1 | cut -d: -f1)
+printf '\e[2J\xff\n' | dd of="$planted" bs=1 seek="$at" conv=notrunc status=none
+touch $'/run/korin/5.9.dae\e[2Jmon.ipc'
+expect 0 'dae\\x1b\[2Jmon' qelctl list && clean /tmp/out
+expect 1 'no\\x1b\[2J: No such file' qelctl evlog --file $'no\e[2J' && clean /tmp/out
+expect 0 'root +portd +x\\x1b\[2J +dead$' qelctl evlog && clean /tmp/out
+expect 1 'bad: not an event log$' qelctl evlog --pid 4242 && clean /tmp/out
+grep -q $'\\\\x1b\\[2J\ufffd$' /tmp/out || fail "the section behind an unreadable one is hidden"
+grep -q '^owner  *:root$' /tmp/out || fail "no owner"
+chown 65534 "$planted" 2>/dev/null && foreign=() || foreign=(unshare -U)
+expect 1 '^nobody: owner +:nobody$' "${foreign[@]}" qelctl evlog --pid 4242
+! grep -qv '^nobody: \|^qelctl: ' /tmp/out || fail "another user's line passes for root's"
+cd /tmp
+
 # Logs: any bytes come back, whatever their lines are like; hostile streams are refused.
 { seq 1 20000 | sed 's/^/2026-01-01 switch portd: port /'; printf 'é\0%s\n\n' "$(head -c 3000 /dev/zero | tr '\0' x)"; printf 'no end'; } >/tmp/text
 for input in /tmp/text /tmp/noise /dev/null; do
@@ -115,10 +158,30 @@ qelctl log pack /tmp/text >/tmp/packed
 (($(wc -c </tmp/packed) * 5 < $(wc -c </tmp/text))) || fail "hardly compressed"
 expect 0 ' : 1\)$' qelctl log show /tmp/packed
 grep -q '\\x00' /tmp/out || fail "show lets control characters through"
+python3 - <<'END' || fail "show and a plain decoder differ"
+import random, re, subprocess
+text = bytes(random.Random(1).choices(b"A\n\x1b\x7f\x80\x8f\x90\x9b\x9f\xa0\xae\xbf\xc1\xc2\xe0\xe2\xed\xf0\xf4\xf5", k=30000))
+packed = subprocess.run(["qelctl", "log", "pack"], input=text, stdout=-1, check=True).stdout
+shown = subprocess.run(["qelctl", "log", "show"], input=packed, stdout=-1, stderr=-1, check=True).stdout
+model = re.sub("[\0-\x08\x0b-\x1f\x7f-\x9f]", lambda c: f"\\x{ord(c[0]):02x}", text.decode("utf-8", "replace"))
+model = re.sub("[\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069]", lambda c: f"\\u{ord(c[0]):04x}", model)
+raise SystemExit(shown != model.encode())
+END
 head -c 5000 /tmp/packed >/tmp/short
 expect 1 'frame 1: the stream ends early' qelctl log unpack /tmp/short
 expect 1 'frame 1: not a compressed log' qelctl log unpack /tmp/text
 expect 1 'No such file' qelctl log unpack /tmp/nowhere
+# At every step on the way to enough memory: what was asked for, or one line and the status for it.
+if [ -z "$emulated" ] && ! ldd "$(command -v qelctl)" | grep -qE 'lib[at]san'; then
+    for ((kb = 4000; kb < 16000; kb += 100)); do
+        status=0
+        (ulimit -v "$kb" && exec qelctl evlog --pid 4242 >/tmp/out 2>/tmp/lines) || status=$?
+        [ "$status" = 127 ] && continue # not even loaded
+        [ "$status $(wc -l </tmp/lines) $(cut -c -8 /tmp/lines)" = "1 1 qelctl: " ] || { cat /tmp/lines; fail "status $status with $kb kB"; }
+        cat /tmp/lines >>/tmp/limited
+    done
+    grep -q 'out of memory' /tmp/limited || fail "there was always enough memory"
+fi
 qelctl list >/dev/full 2>/tmp/out && fail "a full disk goes unnoticed"
 grep -q 'cannot write' /tmp/out || fail "no word about the full disk"
 echo "qelctl: every subcommand, $(wc -l </tmp/followed) events followed"

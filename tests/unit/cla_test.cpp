@@ -179,7 +179,9 @@ TEST(Claf, SlotsPicsAndPortsAreSplit) {
         {true, {"3/"}, {"3/"}, kNo, kNo, -8},
         {true, {"3/bc/5"}, {"3/bc/5"}, kNo, kNo, -7},
         {true, {"3x/5"}, {"3x/5"}, kNo, kNo, -7},
-        {true, {"1/b/2/3"}, {"1/b/2/3"}, kNo, kNo, -7},
+        {true, {"1/b/2/03"}, {"3"}, 1, 2, 0},
+        {true, {"a//x/"}, {""}, kNo, 1, 0},
+        {true, {"1/bc/2/3"}, {"1/bc/2/3"}, kNo, kNo, -7},
         {true, {}, {}, kNo, kNo, -7}};
     for (const auto &[with_pic, before, after, slot, pic, expected] : cases) {
         Args args(before);

@@ -138,6 +138,11 @@ TEST(Identity, StartTimeIsACopyOfTheUptimeThatKeepsALongerTail) {
     uptime_file = "/proc/uptime";
     unlink(kSecond);
     EXPECT_EQ(symlink(kSecond, kFirst), 0);
+    EXPECT_EQ(setSwitchStarttime(0), 0);
+    EXPECT_EQ(access(kSecond, F_OK), 0) << "a link is followed";
+    unlink(kSecond);
+    unlink(kFirst);
+    EXPECT_EQ(symlink(kFirst, kFirst), 0);
     EXPECT_EQ(setStartall(), -1);
     EXPECT_NE(access(kSecond, F_OK), 0) << "nor is the second file attempted";
     unlink(kFirst);

@@ -148,6 +148,29 @@ TEST(Lst, FreeReleasesNodesAndHeaderCanBeUsedAgain) {
     expect_holds(list, {});
 }
 
+// Two headers over the same nodes: each grows behind its own tail, whatever the other put there.
+TEST(Lst, TailAloneSaysWhereAListEnds) {
+    NODE n[6] = {};
+    LIST list, view;
+    lstInit(&list);
+    lstInit(&view);
+    lstAdd(&list, &n[0]);
+    lstShallowCopy(&view, &list);
+    lstAdd(&list, &n[1]);
+    lstAdd(&view, &n[2]);
+    expect_holds(view, {&n[0], &n[2]});
+    EXPECT_EQ(n[1].previous, &n[0]);
+    lstShallowCopy(&list, &view);
+    lstAdd(&list, &n[3]);
+    lstInsert(&view, &n[2], &n[4]);
+    EXPECT_EQ(view.tail, &n[4]);
+    EXPECT_EQ(n[4].next, &n[3]) << "what stood behind the old tail stays linked";
+    EXPECT_EQ(n[3].previous, &n[2]);
+    lstInsert(&view, nullptr, &n[5]);
+    EXPECT_EQ(view.tail, &n[4]);
+    EXPECT_EQ(n[0].previous, &n[5]);
+}
+
 TEST(Lst, StaysConsistentUnderEightThreads) {
     LIST list;
     lstInit(&list);

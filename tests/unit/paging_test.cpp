@@ -1,5 +1,6 @@
 #include "utils/paging.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -123,6 +124,21 @@ TEST(Paging, PrintMemShowsWordsAndCharacters) {
                                                  {20, five}, {21, six}, {24, six}};
     for (const auto &[len, printed] : cases)
         EXPECT_EQ(support::captured(1, [&, n = len] { printMem(exact.get(), n); }), printed);
+    // The longest length: every line is whole, up to the end of the memory.
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *edge =
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(edge, MAP_FAILED);
+    char *last = static_cast<char *>(edge) + page - 16;
+    memcpy(last, exact.get(), 16);
+    mprotect(last + 16, page, PROT_NONE);
+    EXPECT_EQ(support::in_child([&] {
+                  setvbuf(stdout, nullptr, _IONBF, 0);
+                  printMem(last, INT32_MAX);
+                  return 0;
+              }).out,
+              whole);
+    munmap(edge, 2 * page);
     auto nulls = [] {
         printMem(nullptr, 4);
         memDump(nullptr, 1, 1);
@@ -162,9 +178,11 @@ TEST(Paging, Sprint64AgreesWithWideArithmetic) {
 
 TEST(Paging, SmallHelpers) {
     const std::pair<const char *, int> numbers[] = {
-        {"0x1A", 26}, {"0X1a", 26}, {"-5", -5},         {" 7x", 7},
-        {"0xgg", 0},  {"x", 0},     {"0xffffffff", -1}, {"0x123456789abcdef01", -1},
-        {"012", 12},  {"0x", 0},    {nullptr, 0},       {"99999999999999999999", INT32_MAX}};
+        {"0x1A", 26}, {"0X1a", 26}, {"-5", -5},           {" 7x", 7},
+        {"0xgg", 0},  {"x", 0},     {"0xffffffff", -1},   {"0x123456789abcdef01", -1},
+        {"012", 12},  {"0x", 0},    {nullptr, 0},         {"99999999999999999999", INT32_MAX},
+        {"0x-5", -5}, {"0x 5", 5},  {"0x -0xA", -10},     {"0x-ffffffff", 1},
+        {"0x--5", 0}, {"0x+5", 5},  {"0x-fffffffff", -1}, {"0x-123456789abcdef01", -1}};
     for (const auto &[digits, number] : numbers)
         EXPECT_EQ(str2num(digits), number) << digits;
     // An exact heap block: nothing behind an empty text is looked at.

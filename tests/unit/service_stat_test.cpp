@@ -38,7 +38,8 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
     ASSERT_EQ(serviceStat_init(3), 0);
     expect_cleared(3, UINT64_MAX);
     auto usec = static_cast<uint64_t>(tb_ticks_p_usec);
-    serviceStats[0] = {7000000000 * usec, 4999999 * usec, 3 * usec, 700, 2, 3, 100, 60, 7};
+    serviceStats[0] = {
+        7000000000 * usec, 5000000000 * usec, 3000000000 * usec, 700, 2, 3, 100, 60, 7};
     serviceStats[1] = {0, 0, 0, 0, 5, -1, 0, 0, 0};
     int reader = -1;
     for (auto [label, names] : {std::pair("NS", kNames), {"longlabel", nullptr}}) {
@@ -74,7 +75,7 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
             "    Avg         High        Low         Avg         High    \n" +
             rule +
             "NS   NS_QUERY                           "
-            "     700       2       3    10000000     4999999           3          14          60\n"
+            "     700       2       3    10000000  5000000000  3000000000          14          60\n"
             "NS   NS_REGISTER                        "
             "       0       5      -1           0           0           0           0           0\n"
             "NS" +

@@ -4,20 +4,29 @@
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cinttypes>
+#include <climits>
 #include <cstring>
+#include <exception>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <thread>
 
 #include "daemons.h"
+#include "process.h"
 #include "qelctl.h"
+#include "text.h"
 #include "utils/daemon_codes.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
+#include "utils/ipc_args.h"
+#include "utils/platform/ipc.h"
 #include "utils/tnet_cmd.h"
 
 namespace qelctl {
@@ -47,13 +56,6 @@ Failure no_such_daemon(const std::string &name) {
                    kNoSuchDaemon);
 }
 
-// A failed request reads like a success, so the daemon is looked for first.
-void require_daemon(const std::string &name) {
-    Socket socket(connect_to(request_socket(name), SOCK_SEQPACKET));
-    if (socket.get() < 0 && errno != EAGAIN)
-        throw no_such_daemon(name);
-}
-
 bool send_all(int fd, const char *bytes, size_t count) {
     while (count > 0) {
         ssize_t sent = send(fd, bytes, count, MSG_NOSIGNAL);
@@ -72,10 +74,16 @@ bool send_all(int fd, const char *bytes, size_t count) {
     return true;
 }
 
+bool send_all(int fd, const std::string &text) {
+    return send_all(fd, text.data(), text.size());
+}
+
 // Carries bytes between the command channel and the daemon until one of them ends, or until the
-// daemon has been silent for `timeout_ms`. Whether it ended in time.
-bool carry(int channel, int daemon, int timeout_ms) {
+// daemon has been silent for `timeout_ms`; checks what it says when that goes to a terminal.
+// Whether it ended in time.
+bool carry(int channel, int daemon, int timeout_ms, bool to_terminal) {
     bool asking = true;
+    TextFilter filter;
     while (true) {
         pollfd ends[2] = {{daemon, POLLIN, 0}, {asking ? channel : -1, POLLIN, 0}};
         int ready = poll(ends, 2, timeout_ms);
@@ -97,7 +105,11 @@ bool carry(int channel, int daemon, int timeout_ms) {
             ssize_t count = recv(daemon, bytes, sizeof bytes, 0);
             if (count < 0 && (errno == EAGAIN || errno == EINTR))
                 continue;
-            if (count <= 0 || !send_all(channel, bytes, static_cast<size_t>(count)))
+            std::string_view text(bytes, count > 0 ? static_cast<size_t>(count) : 0);
+            bool sent = !to_terminal   ? send_all(channel, text.data(), text.size())
+                        : text.empty() ? send_all(channel, filter.end())
+                                       : send_all(channel, filter.pass(text));
+            if (text.empty() || !sent)
                 return true;
         }
     }
@@ -120,18 +132,25 @@ void run_command(const CommandLine &line) {
         throw system_failure("cannot make a channel");
     Socket ours(pair[0]), theirs(pair[1]);
 
-    bool in_time = true;
-    std::thread carrier([&] {
-        in_time = carry(theirs.get(), daemon.get(), line.timeout * 1000);
-        shutdown(theirs.get(), SHUT_RDWR);
-    });
     std::vector<char *> words;
     for (const std::string &word : line.words)
         words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
+    bool in_time = true, to_terminal = isatty(STDOUT_FILENO) == 1;
+    std::exception_ptr failure;
+    std::thread carrier([&] {
+        try {
+            in_time = carry(theirs.get(), daemon.get(), line.timeout * 1000, to_terminal);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        shutdown(theirs.get(), SHUT_RDWR);
+    });
     qelTnetCmd(ours.get(), static_cast<int>(line.words.size()), words.data(), STDOUT_FILENO);
     shutdown(ours.get(), SHUT_RDWR);
     carrier.join();
+    if (failure)
+        std::rethrow_exception(failure);
     if (!in_time)
         throw Failure(line.daemon + " did not answer within " + std::to_string(line.timeout) + " s",
                       kNoAnswer);
@@ -160,31 +179,137 @@ bool server_of(const std::string &target, std::string &host, int &port) {
     return true;
 }
 
-void redirect(const std::string &daemon, const std::string &target) {
-    require_daemon(daemon);
-    std::string text = target;
-    qelTnetRedirArgs arguments{getMySwitch(), QELD_REDIRECT_PATH, 0, nullptr};
-    if (target.empty()) {
-        if (isatty(STDIN_FILENO) == 0)
-            throw Failure("standard input is not a terminal; name a path or HOST:PORT", kUsage);
-    } else if (server_of(target, text, arguments.port)) {
-        arguments.kind = QELD_REDIRECT_SERVER;
-        arguments.text = text.c_str();
-    } else {
-        text = std::filesystem::absolute(target);
-        arguments.text = text.c_str();
-    }
-    qelTnetCmdDesc description{0, nullptr, daemon.c_str(), IPC_CODE_REDIRECT_OUTPUT};
-    if (int status = qelTnetCmdRedirHdlr(&description, &arguments); status < 0)
-        throw Failure(daemon + " refused to redirect its output (" + std::to_string(status) + ")");
+// The process that serves the daemon's requests. A failed request reads like a success, so it is
+// found first, and looked at afterwards.
+Process serving_process(const std::string &name, Deadline end) {
+    int fd = -1;
+    auto connected = [&] {
+        fd = connect_to(request_socket(name), SOCK_SEQPACKET);
+        return fd >= 0 || errno != EAGAIN;
+    };
+    if (name.size() >= IPC_NAME_SIZE)
+        throw no_such_daemon(name);
+    if (!holds_before(end, connected))
+        throw Failure(name + " takes no more connections", kNoAnswer);
+    Socket socket(fd);
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (fd < 0 || getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+        throw no_such_daemon(name);
+    if (peer.pid <= 0)
+        throw Failure("the process of " + name + " cannot be seen from here");
+    return Process(peer.pid);
 }
 
-void request_exit(const std::string &daemon, bool abort) {
-    require_daemon(daemon);
-    if (int status = qelDExitRequest(daemon.c_str(), IPC_CODE_EXIT,
-                                     abort ? QELD_EXIT_ABORT : QELD_EXIT_NORMAL);
-        status < 0)
-        throw Failure(daemon + " refused to exit (" + std::to_string(status) + ")");
+// Where a daemon's output shall go.
+struct Target {
+    std::string text;
+    int port = 0;  // 0: a path
+
+    std::string name() const { return port != 0 ? text + ":" + std::to_string(port) : text; }
+};
+
+Target target_of(const std::string &word) {
+    Target target;
+    if (word.empty()) {
+        if (isatty(STDIN_FILENO) == 0)
+            throw Failure("standard input is not a terminal; name a path or HOST:PORT", kUsage);
+        target.text = std::filesystem::read_symlink("/proc/self/fd/0");
+    } else if (!server_of(word, target.text, target.port)) {
+        std::error_code error;
+        target.text = std::filesystem::absolute(word, error);
+        if (error)
+            throw Failure("cannot tell where " + word + " is: " + error.message());
+    }
+    return target;
+}
+
+// Whether the process's socket `inode` is connected to the server.
+bool is_connected(int pid, uint64_t inode, const Target &server) {
+    std::ifstream table("/proc/" + std::to_string(pid) + "/net/tcp");
+    for (std::string line; std::getline(table, line);) {
+        unsigned address = 0, port = 0;
+        uint64_t found = 0;
+        if (sscanf(line.c_str(), " %*d: %*x:%*x %x:%x %*x %*x:%*x %*x:%*x %*x %*u %*u %" SCNu64,
+                   &address, &port, &found) == 3 &&
+            found == inode)
+            return address == inet_addr(server.text.c_str()) &&
+                   port == static_cast<unsigned>(server.port);
+    }
+    return false;
+}
+
+// A daemon that cannot open its target stays as it was and says nothing, so its output is looked
+// at.
+void require_output(const std::string &daemon, const Process &process, const Target &target) {
+    std::string link = "/proc/" + std::to_string(process.pid()) + "/fd/1";
+    struct stat output {};
+    struct stat wanted {};
+    char name[PATH_MAX + 1] = "";
+    if (stat(link.c_str(), &output) != 0 || readlink(link.c_str(), name, PATH_MAX) < 0)
+        throw system_failure("cannot tell where the output of " + daemon + " goes");
+    bool right =
+        target.port != 0
+            ? S_ISSOCK(output.st_mode) && is_connected(process.pid(), output.st_ino, target)
+            : stat(target.text.c_str(), &wanted) == 0 && wanted.st_dev == output.st_dev &&
+                  wanted.st_ino == output.st_ino;
+    if (!right)
+        throw Failure(daemon + " still writes to " + name + ", not to " + target.name());
+}
+
+void redirect(const std::string &daemon, const std::string &word) {
+    Process process = serving_process(daemon, deadline_in(kDefaultTimeout));
+    Target target = target_of(word);
+    int status =
+        target.port != 0
+            ? qelDRedirOutputToSocket(target.text.c_str(), target.port, daemon.c_str(),
+                                      IPC_CODE_REDIRECT_OUTPUT)
+            : qelDRedirectOutput(target.text.c_str(), daemon.c_str(), IPC_CODE_REDIRECT_OUTPUT);
+    if (status < 0)
+        throw Failure(daemon + " refused to redirect its output (" + std::to_string(status) + ")");
+    require_output(daemon, process, target);
+    std::string to = visible_name(target.text);
+    if (target.port != 0)
+        to = "server(" + to + "), port(" + std::to_string(target.port) + ") ";
+    else
+        to = (word.empty() ? "terminal " : "file ") + to;
+    printf("Redirecting instance%d stdout/err to %s...\n", getMySwitch(), to.c_str());
+}
+
+struct Ending {
+    std::string daemon;
+    bool abort = false;
+    int timeout = kDefaultTimeout;
+};
+
+// Asks for the end and watches it come.
+void request_exit(const Ending &ending) {
+    Deadline end = deadline_in(ending.timeout);
+    Process process = serving_process(ending.daemon, end);
+    ipc_address address{};
+    address.node = myNode();
+    address.switch_no = static_cast<uint16_t>(getMySwitch());
+    ending.daemon.copy(address.name, sizeof address.name - 1);
+    uint32_t mode = htonl(ending.abort ? QELD_EXIT_ABORT : QELD_EXIT_NORMAL);
+    int32_t status = 0;
+    uint32_t length = sizeof status;
+    auto left = static_cast<uint32_t>(milliseconds_to(end));
+    const uint32_t timeout[2] = {left / 1000, left % 1000 * 1000};
+    qelIpcSendOne(&address, IPC_CODE_EXIT, &mode, sizeof mode, &status, &length, timeout);
+    if (status < 0)
+        throw Failure(ending.daemon + " refused to exit (" + std::to_string(status) + ")");
+    std::string who = ending.daemon + ", process " + std::to_string(process.pid()) + ",";
+    if (!holds_before(end, [&] { return process.gone(); }))
+        throw Failure(who + " has not ended within " + std::to_string(ending.timeout) + " s",
+                      kNoAnswer);
+    printf("%s has ended\n", visible_name(who).c_str());
+}
+
+void add_timeout_option(CLI::App &command, int &seconds, const std::string &description) {
+    command.add_option("--timeout", seconds, description)
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str()
+        ->type_name("SECONDS");
 }
 
 }  // namespace
@@ -194,10 +319,7 @@ void add_commands(CLI::App &app) {
     CLI::App *cmd =
         add_subcommand(app, "cmd", "Run a command inside a daemon and print what it writes");
     add_switch_option(*cmd);
-    cmd->add_option("--timeout", line.timeout, "Longest silence of the daemon, in seconds")
-        ->check(CLI::Range(1, 86400))
-        ->capture_default_str()
-        ->type_name("SECONDS");
+    add_timeout_option(*cmd, line.timeout, "Longest silence of the daemon, in seconds");
     cmd->add_option("DAEMON", line.daemon, "The daemon's name")->required();
     // Everything behind DAEMON is the daemon's, options included.
     cmd->prefix_command();
@@ -220,13 +342,13 @@ void add_commands(CLI::App &app) {
                       "A path, or HOST:PORT of a TCP server (default: this terminal)");
     redir->callback([] { redirect(redirected, target); });
 
-    static std::string ended;
-    static bool abort = false;
-    CLI::App *exit = add_subcommand(app, "exit", "Ask a daemon to end");
+    static Ending ending;
+    CLI::App *exit = add_subcommand(app, "exit", "Ask a daemon to end, and wait until it has");
     add_switch_option(*exit);
-    exit->add_flag("--abort", abort, "Let it abort, so that it leaves a core file");
-    exit->add_option("DAEMON", ended, "The daemon's name")->required();
-    exit->callback([] { request_exit(ended, abort); });
+    exit->add_flag("--abort", ending.abort, "Let it abort, so that it leaves a core file");
+    add_timeout_option(*exit, ending.timeout, "Longest time until its process is gone, in seconds");
+    exit->add_option("DAEMON", ending.daemon, "The daemon's name")->required();
+    exit->callback([] { request_exit(ending); });
 }
 
 }  // namespace qelctl

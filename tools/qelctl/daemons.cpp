@@ -14,6 +14,8 @@
 #include <map>
 #include <sstream>
 
+#include "process.h"
+#include "qelctl.h"
 #include "utils/identity.h"
 
 namespace qelctl {
@@ -52,20 +54,9 @@ time_t boot_time() {
 
 // When process `pid` started; 0 when there is none.
 time_t start_time(int pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(file, line))
-        return 0;
-    // The second field is the name in brackets, which may hold blanks; the start is the 22nd.
-    size_t name_end = line.rfind(')');
-    if (name_end == std::string::npos)
-        return 0;
-    std::istringstream rest(line.substr(name_end + 1));
-    std::string field;
-    for (int i = 3; i <= 22 && rest >> field; ++i) {
-    }
-    long long ticks = atoll(field.c_str());
-    return boot_time() + static_cast<time_t>(ticks / sysconf(_SC_CLK_TCK));
+    std::optional<ProcessStatus> status = process_status(pid);
+    return status ? boot_time() + static_cast<time_t>(status->start_ticks / sysconf(_SC_CLK_TCK))
+                  : 0;
 }
 
 bool answers(const std::string &path, int type) {
@@ -121,8 +112,11 @@ void add_pid_file(Table &table, const fs::path &path) {
 template <typename Visit>
 void each_entry(const char *directory, Visit visit) {
     std::error_code error;
-    for (const fs::directory_entry &file : fs::directory_iterator(directory, error))
-        visit(file.path());
+    for (fs::directory_iterator file(directory, error), end; !error && file != end;
+         file.increment(error))
+        visit(file->path());
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw Failure(std::string(directory) + ": " + error.message());
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "qelctl.h"
+#include "text.h"
 #include "utils/evlog.h"
 #include "utils/platform/posix/trace_files.h"
 
@@ -35,8 +36,10 @@ class Section {
         constexpr size_t kMost =
             sizeof(qel_evlog_handle) + QEL_EVLOG_MAX_ENTRIES * sizeof(qel_evlog_entry);
         bytes_.resize((kMost + sizeof(qel_evlog_handle) - 1) / sizeof(qel_evlog_handle));
-        ssize_t size = pread(fd, bytes_.data(), kMost, 0);
+        struct stat status {};
+        ssize_t size = fstat(fd, &status) == 0 ? pread(fd, bytes_.data(), kMost, 0) : -1;
         close(fd);
+        owner_ = status.st_uid;
         if (size < 0)
             throw system_failure(path);
         if (!prepare(static_cast<size_t>(size)))
@@ -44,6 +47,7 @@ class Section {
     }
 
     qel_evlog_handle *log() { return &bytes_[0]; }
+    uid_t owner() const { return owner_; }
     int total() { return log()->total; }
     // How many events were ever written, modulo what the header can count.
     int position() { return log()->wrapped * total() + log()->current; }
@@ -68,7 +72,14 @@ class Section {
     }
 
     std::vector<qel_evlog_handle> bytes_;
+    uid_t owner_ = 0;
 };
+
+// Anyone can leave a section under any process's number. What root did not write says so in every
+// line, since its texts may look like anything.
+std::string line_mark(const Section &section) {
+    return section.owner() == 0 ? "" : user_name(section.owner()) + ": ";
+}
 
 struct SectionFile {
     fs::path path;
@@ -101,6 +112,8 @@ std::vector<SectionFile> section_files(int pid) {
         if (file && (pid == 0 || file->pid == pid))
             files.push_back(*file);
     }
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw Failure(TRACE_DIRECTORY ": " + error.message());
     std::sort(files.begin(), files.end(), [](const SectionFile &a, const SectionFile &b) {
         return std::tie(a.pid, a.section) < std::tie(b.pid, b.section);
     });
@@ -108,18 +121,23 @@ std::vector<SectionFile> section_files(int pid) {
 }
 
 void list_sections() {
-    printf("%-7s  %-7s  %-16s  %-20s  %s\n", "PID", "SECTION", "PROGRAM", "NAME", "STATE");
-    for (const SectionFile &file : section_files(0))
-        printf("%-7d  %-7d  %-16s  %-20s  %s\n", file.pid, file.section, file.program.c_str(),
-               file.name.c_str(), alive(file.pid) ? "running" : "dead");
+    printf("%-7s  %-7s  %-8s  %-16s  %-20s  %s\n", "PID", "SECTION", "OWNER", "PROGRAM", "NAME",
+           "STATE");
+    for (const SectionFile &file : section_files(0)) {
+        struct stat status {};
+        bool there = lstat(file.path.c_str(), &status) == 0;
+        printf("%-7d  %-7d  %-8s  %-16s  %-20s  %s\n", file.pid, file.section,
+               there ? user_name(status.st_uid).c_str() : "-", visible_name(file.program).c_str(),
+               visible_name(file.name).c_str(), alive(file.pid) ? "running" : "dead");
+    }
 }
 
-void print_entry(Section &section, int position) {
+void print_entry(FILE *output, Section &section, int position) {
     char line[QEL_EVLOG_LINE_SIZE] = "";
     if (section.entry(position)->seconds == 0)
         return;  // the log was cleared meanwhile
-    qel_evlog_entry_dump(stdout, line, section.entry(position), 1);
-    fputs(line, stdout);
+    qel_evlog_entry_dump(output, line, section.entry(position), 1);
+    fputs(line, output);
 }
 
 // Prints events as they come, until the writer is dead (or for good, when it is not known).
@@ -133,15 +151,25 @@ void follow(const fs::path &path, int pid) {
             last = section.entry(position)->seconds != 0 ? position - section.total() : 0;
         if (position < last)
             position += section.positions();
-        // A writer that has lapped us leaves only what the ring still holds.
-        for (int i = std::max(last, position - section.total()); i < position; ++i)
-            print_entry(section, i + section.positions());
+        {
+            VisibleOutput output(line_mark(section));
+            // A writer that has lapped us leaves only what the ring still holds.
+            for (int i = std::max(last, position - section.total()); i < position; ++i)
+                print_entry(output.stream(), section, i + section.positions());
+        }
         last = position % section.positions();
-        if (fflush(stdout) != 0 || ends)
+        if (fflush(stdout) != 0 || ferror(stdout) != 0 || ends)
             return;
         timespec pause{0, kFollowPauseNs};
         nanosleep(&pause, nullptr);
     }
+}
+
+void dump(const fs::path &path) {
+    Section section(path);
+    VisibleOutput output(line_mark(section));
+    fprintf(output.stream(), "owner              :%s\n", user_name(section.owner()).c_str());
+    qel_evlog_dump(output.stream(), section.log(), 1);
 }
 
 struct Choice {
@@ -166,14 +194,21 @@ void show(const Choice &choice) {
     }
     if (choice.follow && files.size() > 1)
         throw Failure("several logs; name the one to follow with --file", kUsage);
+    if (choice.follow)
+        return follow(files[0].path, files[0].pid);
+    // One that cannot be read hides none of the others.
+    std::optional<Failure> failure;
     for (const SectionFile &file : files) {
-        if (choice.follow) {
-            follow(file.path, file.pid);
-        } else {
-            Section section(file.path);
-            qel_evlog_dump(stdout, section.log(), 1);
+        try {
+            dump(file.path);
+        } catch (const Failure &reason) {
+            if (failure)
+                report(*failure);
+            failure = reason;
         }
     }
+    if (failure)
+        throw *failure;
 }
 
 }  // namespace
@@ -190,7 +225,9 @@ void add_evlog(CLI::App &app) {
         ->type_name("SECTION");
     command->add_flag("--follow", choice.follow,
                       "Print events as they come, until the process is dead");
-    command->footer("Without --pid and --file, lists the sections that there are.");
+    command->footer(
+        "Without --pid and --file, lists the sections that there are. Lines of a section that root "
+        "does not\nown begin with its owner's name.");
     command->callback([] { show(choice); });
 }
 

@@ -3,6 +3,7 @@
 
 #include "daemons.h"
 #include "qelctl.h"
+#include "text.h"
 #include "utils/clock.h"
 
 namespace qelctl {
@@ -20,7 +21,7 @@ void list() {
         if (daemon.since != 0)
             get_time(daemon.since, since);
         printf("%-4s  %-6d  %-16s  %-7s  %-15s  %s\n", known(daemon.node).c_str(), daemon.switch_no,
-               daemon.name.c_str(), known(daemon.pid).c_str(), since,
+               visible_name(daemon.name).c_str(), known(daemon.pid).c_str(), since,
                daemon.alive ? "running" : "stale");
     }
 }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "qelctl.h"
+#include "text.h"
 #include "utils/log_compress.h"
 
 namespace qelctl {
@@ -169,6 +169,8 @@ class Packer {
 };
 
 void pack(const std::string &path) {
+    if (isatty(STDOUT_FILENO) == 1)
+        throw Failure("a packed log is not for a terminal", kUsage);
     File input = open_input(path);
     Progress progress(input.get());
     Packer packer;
@@ -245,28 +247,26 @@ Totals unpack_all(FILE *input, Visit visit) {
     return totals;
 }
 
-void unpack(const std::string &path) {
-    File input = open_input(path);
-    unpack_all(input.get(), [](std::string_view piece) { write_out(piece.data(), piece.size()); });
+Totals print_checked(FILE *input) {
+    TextFilter filter;
+    auto print = [](const std::string &text) { write_out(text.data(), text.size()); };
+    Totals totals = unpack_all(input, [&](std::string_view piece) { print(filter.pass(piece)); });
+    print(filter.end());
+    return totals;
 }
 
-// For the eyes: nothing in a log gets to control the operator's terminal.
+void unpack(const std::string &path) {
+    File input = open_input(path);
+    if (isatty(STDOUT_FILENO) == 1)
+        print_checked(input.get());
+    else
+        unpack_all(input.get(),
+                   [](std::string_view piece) { write_out(piece.data(), piece.size()); });
+}
+
 void show(const std::string &path) {
     File input = open_input(path);
-    Totals totals = unpack_all(input.get(), [](std::string_view piece) {
-        std::string visible;
-        for (char c : piece) {
-            auto byte = static_cast<unsigned char>(c);
-            if (c == '\n' || c == '\t' || isprint(byte) != 0) {
-                visible += c;
-            } else {
-                char escape[8];
-                snprintf(escape, sizeof escape, "\\x%02x", byte);
-                visible += escape;
-            }
-        }
-        write_out(visible.data(), visible.size());
-    });
+    Totals totals = print_checked(input.get());
     fprintf(stderr, "%zu frames, %zu lines, %zu bytes of text in %zu (%.1f : 1)\n", totals.frames,
             totals.lines, totals.text, totals.coded,
             totals.coded != 0 ? static_cast<double>(totals.text) / static_cast<double>(totals.coded)
@@ -286,8 +286,11 @@ void add_log(CLI::App &app) {
         void (*run)(const std::string &);
     } const actions[] = {
         {"pack", "Compress text to standard output", pack},
-        {"unpack", "Write the text of a stream to standard output, byte for byte", unpack},
-        {"show", "Print the text of a stream, unprintable bytes as \\xNN, and its ratio", show}};
+        {"unpack",
+         "Write the text of a stream to standard output, byte for byte (to a terminal: as show "
+         "does)",
+         unpack},
+        {"show", "Print the text of a stream, control characters as \\xNN, and its ratio", show}};
     for (auto &action : actions) {
         CLI::App *one = add_subcommand(*command, action.name, action.description);
         one->add_option("FILE", path, "Input (default, and for '-': standard input)");

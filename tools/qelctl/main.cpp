@@ -1,37 +1,18 @@
 // qelctl: what an operator asks of the daemons of a switch, one subcommand a question.
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
-#include <cstring>
+#include <exception>
+#include <new>
 
 #include "qelctl.h"
-#include "utils/identity.h"
 
-namespace qelctl {
+namespace {
 
-Failure system_failure(const std::string &what) {
-    return Failure(what + ": " + strerror(errno));
-}
+using namespace qelctl;
 
-CLI::App *add_subcommand(CLI::App &parent, const std::string &name,
-                         const std::string &description) {
-    CLI::App *command = parent.add_subcommand(name, description);
-    command->set_version_flag("--version", "qelctl " QELCTL_VERSION, "Print the version and exit");
-    return command;
-}
-
-void add_switch_option(CLI::App &command) {
-    command
-        .add_option_function<int>(
-            "-s,--switch", [](int number) { setMySwitch(number); },
-            "Logical switch of the daemon (default: KORIN_SWITCHNO, else 0)")
-        ->check(CLI::Range(0, 240))
-        ->type_name("N");
-}
-
-}  // namespace qelctl
-
-int main(int argc, char **argv) {
-    using namespace qelctl;
+void run(int argc, char **argv) {
     CLI::App app("Ask and direct the daemons of a switch", "qelctl");
     app.set_version_flag("--version", "qelctl " QELCTL_VERSION, "Print the version and exit");
     app.require_subcommand(1);
@@ -44,23 +25,58 @@ int main(int argc, char **argv) {
     add_log(app);
     add_stats(app);
     add_who(app);
-
-    signal(SIGPIPE, SIG_IGN);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error);
-        fprintf(stderr, "qelctl: %s (see qelctl --help)\n", error.what());
-        return kUsage;
-    } catch (const Failure &failure) {
-        fflush(stdout);
-        fprintf(stderr, "qelctl: %s\n", failure.what());
-        return failure.exit_status();
+        if (error.get_exit_code() != 0)
+            throw Failure(std::string(error.what()) + " (see qelctl --help)", kUsage);
+        app.exit(error);  // --help and --version
     }
-    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
-        fprintf(stderr, "qelctl: cannot write: %s\n", strerror(errno));
-        return kFailed;
+    if (fflush(stdout) != 0 || ferror(stdout) != 0)
+        throw system_failure("cannot write");
+}
+
+// Says so without needing any.
+int out_of_memory() noexcept {
+    constexpr char kText[] = "qelctl: out of memory\n";
+    fflush(stdout);
+    [[maybe_unused]] ssize_t written = write(STDERR_FILENO, kText, sizeof kText - 1);
+    return kFailed;
+}
+
+// Reports the exception that is being handled; the exit status for it.
+int status_of_failure() noexcept {
+    try {
+        try {
+            throw;
+        } catch (const Failure &failure) {
+            report(failure);
+            return failure.exit_status();
+        } catch (const std::bad_alloc &) {
+            return out_of_memory();
+        } catch (const std::exception &failure) {
+            report(failure);
+            return kFailed;
+        }
+    } catch (...) {
+        return out_of_memory();
     }
-    return kDone;
+}
+
+// What is thrown before main() ends here, and what finds no memory to be thrown with.
+__attribute__((constructor(101))) void catch_the_rest() {
+    std::set_terminate(
+        [] { _exit(std::current_exception() ? status_of_failure() : out_of_memory()); });
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    signal(SIGPIPE, SIG_IGN);
+    try {
+        run(argc, argv);
+        return kDone;
+    } catch (...) {
+        return status_of_failure();
+    }
 }

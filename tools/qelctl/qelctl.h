@@ -29,6 +29,9 @@ class Failure : public std::runtime_error {
 // "what: reason" with the system's reason for errno.
 Failure system_failure(const std::string &what);
 
+// The line on standard error that says what failed.
+void report(const std::exception &failure);
+
 // A subcommand with help and version of its own.
 CLI::App *add_subcommand(CLI::App &parent, const std::string &name, const std::string &description);
 

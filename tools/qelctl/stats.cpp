@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "qelctl.h"
+#include "text.h"
 #include "utils/identity.h"
 #include "utils/service_stat.h"
 
@@ -55,8 +56,8 @@ bool parse(const std::string &line, Row &row) {
             return false;
     }
     std::string names = line.substr(0, line.size() - kNumbersWidth);
-    row.service = trimmed(names.substr(0, kLabelWidth));
-    row.request = trimmed(names.substr(kLabelWidth));
+    row.service = visible_name(trimmed(names.substr(0, kLabelWidth)));
+    row.request = visible_name(trimmed(names.substr(kLabelWidth)));
     return true;
 }
 

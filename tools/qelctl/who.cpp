@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "qelctl.h"
+#include "text.h"
 #include "utils/clock.h"
 #include "utils/identity.h"
 
@@ -15,7 +16,7 @@ void who() {
     printf("slot:      %d\n", getMySlot());
     printf("pic:       %d\n", getMyPic());
     const char *version = getFirmwareVersion();
-    printf("firmware:  %s\n", version != nullptr ? version : "unknown");
+    printf("firmware:  %s\n", version != nullptr ? visible_name(version).c_str() : "unknown");
     const char *booted = dateBooted();
     printf("booted:    %s", booted != nullptr ? booted : "unknown\n");
 }
