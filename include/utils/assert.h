@@ -17,6 +17,9 @@
  * | yes                | no               | event, console, crash         | event only          |
  * | yes                | yes              | event only, returns           | event only          |
  *
+ * A crash comes within five seconds, whatever console, event log and standard output wait for; what
+ * finds no room is lost.
+ *
  * Threads: any thread may fail a check at any time. No lock is taken; the text is built on the
  * stack of the calling thread. errno is kept. (The first backtrace of a process makes the C library
  * load its unwinder.) Do not fail checks in signal handlers.

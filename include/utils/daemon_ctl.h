@@ -12,6 +12,11 @@
  * A daemon registers ipcCbQelDRedirectOutput() and ipcCbQelDExitHandler() with the platform's IPC.
  * Redirection changes descriptors 1 and 2, for all threads at once, and makes them non-blocking: a
  * daemon never stalls because its terminal or server does not read; what does not fit is lost.
+ * When the server closes the connection the next output raises SIGPIPE, which ends a daemon that
+ * neither ignores nor handles it (qel_sigdefaults(), signals.h, does): POSIX's write().
+ *
+ * An exit request waits for a reader of the daemon's output no longer than a signal does
+ * (signals.h).
  *
  * Threads: the requests may be made from any thread; the handlers run on the platform's.
  */

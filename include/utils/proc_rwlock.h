@@ -8,13 +8,19 @@
  *
  * While a process holds or waits for any such lock it runs at nice 0 if it was at a lower priority;
  * the old value comes back with its last release. On Linux the nice value belongs to a thread: the
- * calling ones are changed. An ordinary user may not raise it; that is ignored.
+ * calling ones are changed, only the one that releases last gets its old value back, and the
+ * others, and a child made by fork() meanwhile, stay at nice 0. An ordinary user may not raise it;
+ * that is ignored.
  *
  * Readers come before writers: while readers hold the lock, more may join, and after a write
  * waiting readers go first. The thread that took the file's lock for a process is its owner and, on
  * unlocking, waits for the process's other readers. A thread that holds the lock must not take it
  * again. A call that waits for another process keeps the record busy: other threads of the process,
  * their try-locks included, wait behind it.
+ *
+ * A waiting call may fail with EDEADLK: the system looks for circles of processes, not of threads,
+ * so it may see one (fcntl(), POSIX.1) where two processes wait for two locks in different threads
+ * and no deadlock exists. Release what the thread holds and try again.
  *
  * Beware: the system drops an fcntl() lock when the process closes any descriptor of the file. Open
  * the file once, and never elsewhere in the process.
@@ -41,6 +47,7 @@ UTILS_BEGIN_DECLS
 typedef struct procrwlock {
     int32_t l_fd;            /**< the lock file, open for reading and writing */
     uint16_t l_state;        /**< PROCRWLOCK_... */
+    uint16_t l_lowered;      /**< 1 after a failed call that kept the record; the library's own */
     pthread_t l_owner;       /**< thread that took the file's read lock, or (pthread_t)-1 */
     pthread_mutex_t l_mutex; /**< guards the record */
     uint32_t l_readers;      /**< threads of this process that hold the read lock */
@@ -54,7 +61,8 @@ typedef struct procrwlock {
  * Prepares a record.
  * @param lck the record
  * @param fd  the lock file, open for reading and writing; stays the caller's
- * @return 0, or -1 when @p lck is null, @p fd is -1 or a mutex or condition cannot be made
+ * @return 0, or -1 with errno: EINVAL when @p lck is null or @p fd is -1, else why a mutex or
+ *         condition cannot be made
  */
 int procrwlock_init(procrwlock_t *lck, int fd);
 
@@ -68,7 +76,7 @@ int procrwlock_rdlock(procrwlock_t *lck);
 /**
  * Takes the lock for reading if that needs no wait; gives way to writers that wait in this process.
  * @return 0, or -1: another process writes (errno from fcntl()), this process is writing, or a
- *         writer waits (errno not set)
+ *         writer waits (errno stays as it was)
  */
 int procrwlock_rdlock_trylock(procrwlock_t *lck);
 
@@ -80,9 +88,10 @@ int procrwlock_wrlock(procrwlock_t *lck);
 
 /**
  * Takes the lock for writing if that needs no wait.
- * @return 0, or -1: this process holds the lock (errno not set; nothing changed), or another
- * process does (errno from fcntl()). In that second case the record stays in PROCRWLOCK_WRITE: call
- *         procrwlock_wrunlock() to free it.
+ * @return 0, or -1: this process holds the lock (errno stays as it was; nothing changed), or
+ * another process does (errno from fcntl(): EAGAIN or EACCES). In that second case the record stays
+ * in PROCRWLOCK_WRITE: call procrwlock_wrunlock() to free it. Set errno to 0 before the call to
+ * tell the two apart.
  */
 int procrwlock_wrlock_trylock(procrwlock_t *lck);
 

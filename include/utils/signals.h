@@ -14,7 +14,16 @@
  * | SIGSTKFLT      | 16          | report, core file                                        |
  * | SIGPROF        | 27          | report, core file                                        |
  *
- * Other faults keep the kernel's action.
+ * Other faults keep the kernel's action. The first signal that ends the process decides: a later
+ * one of that kind (not the two that force a core file) only reports and returns, so that the
+ * cleanup callback runs at most once.
+ *
+ * Output that nobody reads stops none of this. A report of a process that goes on waits a tenth of
+ * a second for room, those of one that ends a second; then they are dropped. A pipe without reader
+ * raises no further SIGPIPE. Before the exit functions run, standard output and error are written
+ * out for two seconds at most; when that fails both lead to "/dev/null" from then on. The C
+ * library's flush of the other streams has one second, behind the exit functions; then the process
+ * ends with its status all the same.
  *
  * Threads: set up before other threads start. The handler runs on the thread that gets the signal
  * and makes only async-signal-safe calls, but for the cleanup callback and exit().
@@ -46,7 +55,7 @@ int qel_coreenv_set(const char *name);
 /** Makes "/core_files" the working directory. @return the result of chdir() */
 int qel_pwddefault(void);
 
-/** Lets @p cleanup run once before a signal ends the process; null removes it. */
+/** Lets @p cleanup run, at most once, before a signal ends the process; null removes it. */
 void qel_sigcleanup_set(void (*cleanup)(void));
 
 /**

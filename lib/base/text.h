@@ -19,4 +19,34 @@ void copy_text(char (&to)[size], const char *text) {
     copy_text(to, size, text);
 }
 
+// A bounded text that a signal handler may build.
+class SafeText {
+  public:
+    SafeText &operator<<(const char *text) {
+        while (*text != '\0' && length_ < sizeof text_ - 1)
+            text_[length_++] = *text++;
+        return *this;
+    }
+    SafeText &operator<<(int number) {
+        char digits[12];
+        size_t at = sizeof digits;
+        digits[--at] = '\0';
+        unsigned rest =
+            number < 0 ? 0u - static_cast<unsigned>(number) : static_cast<unsigned>(number);
+        do {
+            digits[--at] = static_cast<char>('0' + rest % 10);
+            rest /= 10;
+        } while (rest != 0);
+        if (number < 0)
+            digits[--at] = '-';
+        return *this << digits + at;
+    }
+    const char *text() const { return text_; }
+    size_t length() const { return length_; }
+
+  private:
+    char text_[256] = {};
+    size_t length_ = 0;
+};
+
 }  // namespace utils

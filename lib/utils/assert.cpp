@@ -1,6 +1,7 @@
 // Failed checks: the RAS event, the console report with its backtrace, and the write through a null
 // pointer that leaves a core file. Nothing is kept between calls and no lock is taken: switch files
-// and console are opened afresh, every text stands on the stack of the failing thread.
+// and console are opened afresh, every text stands on the stack of the failing thread. The crash
+// comes in time, whatever the way of the report waits for.
 #include "utils/assert.h"
 
 #include <execinfo.h>
@@ -13,7 +14,7 @@
 #include <cstring>
 
 #include "base/descriptor.h"
-#include "base/write_all.h"
+#include "base/last_words.h"
 #include "utils/platform/rasevt.h"
 
 namespace utils {
@@ -27,6 +28,7 @@ constexpr unsigned kPanicSuppressed = 0x08;
 constexpr size_t kMessageSize = 256;
 constexpr size_t kValuesSize = 160;  // ten values of ten digits with their separators
 constexpr int kFrames = 20;
+constexpr int kConsoleMs = 1500;  // for a console that takes its time
 
 // One failed check, ready to be printed.
 struct Failure {
@@ -62,17 +64,18 @@ void format_values(char (&text)[kValuesSize], unsigned count, va_list values) {
 }
 
 void echo_on_console(const Failure &failure, void *const *frames, int depth) {
-    Descriptor console(open(kConsole, O_WRONLY | O_CLOEXEC | O_NOCTTY));
+    Descriptor console(open(kConsole, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (!console)
         return;
+    int64_t end = monotonic_ms() + kConsoleMs;
     char message[kMessageSize];
     snprintf(message, sizeof message,
              "%s - Failed expression: %s,\n         file = %s, line = %u, user mode\n %s",
              failure.kind, failure.expr, failure.file, failure.line, failure.values);
-    write_all(console.get(), message, strlen(message));
+    write_until(end, console.get(), message, strlen(message));
     snprintf(message, sizeof message, "Call backtrace:\n");
-    write_all(console.get(), message, strlen(message));
-    backtrace_symbols_fd(frames, depth, console.get());
+    if (write_until(end, console.get(), message, strlen(message)))
+        backtrace_symbols_fd(frames, depth, console.get());
 }
 
 // Ends the process with SIGSEGV. The compiler may neither know that the pointer is null, or it
@@ -82,10 +85,10 @@ __attribute__((noinline, no_sanitize("undefined"))) void force_core_file() {
     *nowhere = 1;  // NOLINT(clang-analyzer-core.NullDereference): the crash that was asked for
 }
 
-int finish(bool fatal, unsigned flags) {
+int finish(bool fatal, bool crashes, unsigned flags) {
     if (!fatal)
         return 0;
-    if ((flags & kPanicSuppressed) == 0) {
+    if (crashes) {
         printf("do_assert: forcing segv to get core file\n\n");
         fflush(stdout);
         force_core_file();
@@ -137,6 +140,9 @@ int do_assert(const char *expr, const char *file, unsigned info, ...) {
     int depth = backtrace(frames, kFrames);
     unsigned flags = suppression_flags();
     bool fatal = (info & QEL_CHECK_ASSERT) != 0;
+    bool crashes = fatal && (flags & kPanicSuppressed) == 0;
+    if (crashes)
+        end_within(kFatalMs, force_core_file);
     unsigned count = info >> QEL_CHECK_COUNT_SHIFT & 0xF;
 
     Failure failure;
@@ -155,11 +161,11 @@ int do_assert(const char *expr, const char *file, unsigned info, ...) {
              failure.expr, failure.file, failure.line, failure.values);
     rasevt_log(kModule, "do_assert", __LINE__, 0, 0, RASEVT_ASSERT_MESSAGE, message);
     // A report always precedes a forced crash.
-    if ((flags & kAssertsSuppressed) == 0 || (fatal && (flags & kPanicSuppressed) == 0))
+    if ((flags & kAssertsSuppressed) == 0 || crashes)
         echo_on_console(failure, frames, depth);
     rasevt_log(kModule, "do_assert", __LINE__, 0, 0, fatal ? RASEVT_ASSERT : RASEVT_VERIFY);
 
-    int result = finish(fatal, flags);
+    int result = finish(fatal, crashes, flags);
     errno = saved_errno;
     return result;
 }

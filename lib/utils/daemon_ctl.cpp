@@ -20,6 +20,7 @@
 #include "base/descriptor.h"
 #include "base/heap.h"
 #include "base/text.h"
+#include "end_process.h"
 #include "utils/identity.h"
 #include "utils/ipc_args.h"
 #include "utils/platform/ipc.h"
@@ -229,7 +230,7 @@ int ipcCbQelDExitHandler(void *reply_address, int code, void *message) {
     }
     int result = answer(reply_address, code, status);
     if (mode == QELD_EXIT_NORMAL)
-        exit(0);
+        end_process(0);
     if (mode == QELD_EXIT_ABORT)
         abort();
     return result;

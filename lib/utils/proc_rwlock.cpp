@@ -12,11 +12,13 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "base/last_words.h"
 #include "base/thread.h"
 
 static_assert(sizeof(void *) != 4 ||
               (offsetof(procrwlock_t, l_owner) == 8 && offsetof(procrwlock_t, l_readers) == 36));
-static_assert(offsetof(procrwlock_t, l_fd) == 0 && offsetof(procrwlock_t, l_state) == 4);
+static_assert(offsetof(procrwlock_t, l_fd) == 0 && offsetof(procrwlock_t, l_state) == 4 &&
+              offsetof(procrwlock_t, l_lowered) == 6 && offsetof(procrwlock_t, l_owner) == 8);
 static_assert(offsetof(procrwlock_t, l_rwaiting) == offsetof(procrwlock_t, l_readers) + 4 &&
               offsetof(procrwlock_t, l_wwaiting) == offsetof(procrwlock_t, l_readers) + 8 &&
               offsetof(procrwlock_t, l_wcond) > offsetof(procrwlock_t, l_rcond));
@@ -77,17 +79,27 @@ int file_lock(const procrwlock_t &lck, short type, Wait wait) {
     struct flock whole {};
     whole.l_type = type;
     whole.l_whence = SEEK_SET;
-    int result;
+    int result, before = errno;
     do {
-        errno = 0;
         result = fcntl(lck.l_fd, wait == kWait ? F_SETLKW : F_SETLK, &whole);
     } while (result == -1 && errno == EINTR);
+    if (result != -1)
+        errno = before;
+    return result;
+}
+
+// The end of a lock call that keeps the record whatever the file's lock says. A failed one gives
+// the priority back itself; the mark keeps the unlock that follows from doing so again.
+int keep_record(procrwlock_t &lck, int result) {
+    lck.l_lowered = result != 0;
     return result;
 }
 
 void check_read_state(const procrwlock_t &lck, unsigned line, const char *function) {
-    if (lck.l_state != PROCRWLOCK_READ)
-        __assert_fail("lck->l_state == 1", "proc_rwlock", line, function);
+    if (lck.l_state == PROCRWLOCK_READ)
+        return;
+    abort_within(kFatalMs);
+    __assert_fail("lck->l_state == 1", "proc_rwlock", line, function);
 }
 
 // Takes the file's read lock for this process; the caller counts as a reader already.
@@ -123,7 +135,7 @@ int read_locked(procrwlock_t &lck, Wait wait) {
     --lck.l_rwaiting;
     ++lck.l_readers;
     // A failure here leaves state, owner and count as they are, as the header says.
-    return lck.l_state == PROCRWLOCK_FREE ? own_read_lock(lck, wait) : 0;
+    return lck.l_state == PROCRWLOCK_FREE ? keep_record(lck, own_read_lock(lck, wait)) : 0;
 }
 
 // The body of a write lock, with l_mutex held.
@@ -140,17 +152,19 @@ int write_locked(procrwlock_t &lck, Wait wait) {
     }
     // Stays so when the file's lock fails, as the header says.
     lck.l_state = PROCRWLOCK_WRITE;
-    return file_lock(lck, F_WRLCK, wait);
+    return keep_record(lck, file_lock(lck, F_WRLCK, wait));
 }
 
+// A try-lock that is busy inside the process leaves errno as it was.
 int lock_record(procrwlock_t *lck, int (*body)(procrwlock_t &, Wait), Wait wait) {
     if (lck == nullptr) {
         errno = EINVAL;
         return -1;
     }
+    int result, before = errno;
     if (raise_priority() != 0)
         return -1;
-    int result;
+    errno = before;
     {
         RecordLock hold(lck->l_mutex);
         result = body(*lck, wait);
@@ -158,21 +172,8 @@ int lock_record(procrwlock_t *lck, int (*body)(procrwlock_t &, Wait), Wait wait)
     return result == 0 ? 0 : give_up();
 }
 
-// The end of an unlock call: the old priority comes back whatever `result` is.
-int leave(int result) {
-    int error = errno;
-    if (lower_priority() != 0)
-        return -1;
-    errno = error;
-    return result;
-}
-
 // The body of a read unlock, with l_mutex held.
 int read_unlocked(procrwlock_t &lck) {
-    if (lck.l_readers == 0) {
-        errno = EPERM;
-        return -1;
-    }
     bool owner = pthread_equal(lck.l_owner, pthread_self()) != 0;
     --lck.l_readers;
     if (!owner) {
@@ -189,16 +190,56 @@ int read_unlocked(procrwlock_t &lck) {
     return file_lock(lck, F_UNLCK, kWait);
 }
 
+// The body of a write unlock, with l_mutex held.
+int write_unlocked(procrwlock_t &lck) {
+    lck.l_state = PROCRWLOCK_FREE;
+    int result = file_lock(lck, F_UNLCK, kWait);
+    if (lck.l_rwaiting > 0)
+        pthread_cond_broadcast(&lck.l_rcond);
+    else if (lck.l_wwaiting > 0)
+        pthread_cond_signal(&lck.l_wcond);
+    return result;
+}
+
+int unlock_record(procrwlock_t *lck, int (*body)(procrwlock_t &), bool reading) {
+    if (lck == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    int result;
+    bool raised;
+    {
+        RecordLock hold(lck->l_mutex);
+        if (reading && lck->l_readers == 0) {
+            errno = EPERM;
+            return -1;
+        }
+        // Nobody's lock has raised nothing.
+        raised = lck->l_state != PROCRWLOCK_FREE && lck->l_lowered == 0;
+        lck->l_lowered = 0;
+        result = body(*lck);
+    }
+    // The old priority comes back whatever `result` is.
+    int error = errno;
+    if (raised && lower_priority() != 0)
+        return -1;
+    errno = error;
+    return result;
+}
+
 }  // namespace
 }  // namespace utils
 
 using namespace utils;
 
 int procrwlock_init(procrwlock_t *lck, int fd) {
-    if (lck == nullptr || fd == -1)
+    if (lck == nullptr || fd == -1) {
+        errno = EINVAL;
         return -1;
+    }
     lck->l_fd = fd;
     lck->l_state = PROCRWLOCK_FREE;
+    lck->l_lowered = 0;
     lck->l_owner = kNobody;
     lck->l_readers = 0;
     lck->l_rwaiting = 0;
@@ -227,32 +268,9 @@ int procrwlock_wrlock_trylock(procrwlock_t *lck) {
 }
 
 int procrwlock_rdunlock(procrwlock_t *lck) {
-    if (lck == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    int result;
-    {
-        RecordLock hold(lck->l_mutex);
-        result = read_unlocked(*lck);
-    }
-    return leave(result);
+    return unlock_record(lck, read_unlocked, true);
 }
 
 int procrwlock_wrunlock(procrwlock_t *lck) {
-    if (lck == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    int result;
-    {
-        RecordLock hold(lck->l_mutex);
-        lck->l_state = PROCRWLOCK_FREE;
-        result = file_lock(*lck, F_UNLCK, kWait);
-        if (lck->l_rwaiting > 0)
-            pthread_cond_broadcast(&lck->l_rcond);
-        else if (lck->l_wwaiting > 0)
-            pthread_cond_signal(&lck->l_wcond);
-    }
-    return leave(result);
+    return unlock_record(lck, write_unlocked, false);
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/heap.h"
+#include "end_process.h"
 
 static_assert(offsetof(qelString, ops) == sizeof(void *));
 static_assert(offsetof(qelString, size) == 2 * sizeof(void *));
@@ -201,7 +202,7 @@ int length(qelString *string) {
 constexpr qelStringOps kOps = {append, append_char, set, get, appendf, release, clear, length};
 
 [[noreturn]] void out_of_memory() {
-    exit(-1);
+    end_process(-1);
 }
 
 }  // namespace

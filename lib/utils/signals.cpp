@@ -1,10 +1,13 @@
 // Core file set-up and the handler of ending signals. The program's name is set at start-up, before
 // signals are expected; the cleanup callback may change at any time and is a lock-free atomic. The
 // handler formats its text by hand and calls nothing that is not async-signal-safe, but for the
-// callback and exit().
+// callback and exit(). An end that somebody ordered is bounded up to the C library's last flush.
 #include "utils/signals.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <stdio_ext.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,8 +17,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/descriptor.h"
+#include "base/last_words.h"
 #include "base/text.h"
-#include "base/write_all.h"
+#include "end_process.h"
 
 namespace utils {
 namespace {
@@ -28,37 +33,51 @@ char program[kNameSize] = "Unknown";
 std::atomic<void (*)()> cleanup_callback{nullptr};
 static_assert(std::atomic<void (*)()>::is_always_lock_free);
 
-// A bounded text that a signal handler may build.
-class SafeText {
-  public:
-    SafeText &operator<<(const char *text) {
-        while (*text != '\0' && length_ < sizeof text_ - 1)
-            text_[length_++] = *text++;
-        return *this;
-    }
-    SafeText &operator<<(int number) {
-        char digits[12];
-        size_t at = sizeof digits;
-        digits[--at] = '\0';
-        unsigned rest =
-            number < 0 ? 0u - static_cast<unsigned>(number) : static_cast<unsigned>(number);
-        do {
-            digits[--at] = static_cast<char>('0' + rest % 10);
-            rest /= 10;
-        } while (rest != 0);
-        if (number < 0)
-            digits[--at] = '-';
-        return *this << digits + at;
-    }
-    void write_out() const { write_all(STDOUT_FILENO, text_, length_); }
-    void write_out_with_terminator() const { write_all(STDOUT_FILENO, text_, length_ + 1); }
+// The process that is being ended, not a child that it makes meanwhile; what exit() has come to.
+std::atomic<pid_t> ending{0};
+std::atomic<int> end_status{0};
+std::atomic<bool> only_output_is_left{false};
 
-  private:
-    char text_[256] = {};
-    size_t length_ = 0;
-};
+void bound_last_flush() {
+    end_within(kLastFlushMs, [] { _exit(end_status.load()); });
+}
 
-[[noreturn]] void dump_core(int number) {
+// Runs behind the program's exit functions and before the C library writes out its streams.
+__attribute__((destructor)) void before_the_last_flush() {
+    only_output_is_left.store(true);
+    if (ending.load() == getpid())
+        bound_last_flush();
+}
+
+// Writes a standard stream out for the last time, until the monotonic millisecond `end`. What finds
+// no room is dropped, and so is what exit functions add then; who holds the stream's lock for that
+// long keeps it from nobody any more.
+void settle(FILE *stream, int64_t end) {
+    SigpipeHeld sigpipe;
+    bool locked = ftrylockfile(stream) == 0;
+    for (; !locked && monotonic_ms() < end; locked = ftrylockfile(stream) == 0)
+        poll(nullptr, 0, 5);
+    bool written = false;
+    if (locked) {
+        int64_t left = end - monotonic_ms();
+        int timer = start_timer(left > 0 ? left : 0, 50, [] {});
+        errno = 0;
+        written = fflush_unlocked(stream) == 0;
+        if (errno == EPIPE)
+            sigpipe.raised();
+        stop_timer(timer);
+        funlockfile(stream);
+    } else {
+        __fsetlocking(stream, FSETLOCKING_BYCALLER);
+    }
+    if (written)
+        return;
+    Descriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (nowhere)
+        dup2(nowhere.get(), fileno_unlocked(stream));
+}
+
+[[noreturn]] void dump_core(int number, int64_t report_end) {
     // Nothing may interrupt the dump; 0 and the signals that cannot be ignored are refused.
     for (int n = 0; n <= 31; ++n)
         signal(n, SIG_IGN);
@@ -66,11 +85,31 @@ class SafeText {
     text << "\nApplication '" << program << "'(pid " << static_cast<int>(getpid())
          << ") got exception " << number << ".\nwill dump core under " << QEL_CORE_DIRECTORY
          << "\n";
-    text.write_out_with_terminator();
+    write_until(report_end, STDOUT_FILENO, text.text(), text.length() + 1);
+    abort_within(kLastFlushMs);
     abort();
 }
 
+// Whether this call is the first to end the process.
+bool begin_to_end() {
+    pid_t process = getpid();
+    return ending.exchange(process) != process;
+}
+
 }  // namespace
+
+void end_process(int status) {
+    ending.store(getpid());
+    end_status.store(status);
+    int64_t end = monotonic_ms() + kExitMs;
+    settle(stdout, end);
+    settle(stderr, end);
+    // The thread that hangs in the last flush of an exit() may be this one.
+    if (only_output_is_left.load())
+        bound_last_flush();
+    exit(status);
+}
+
 }  // namespace utils
 
 int qel_coreenv_set(const char *name) {
@@ -104,19 +143,22 @@ qel_handler qel_sigdefaults(const char *name) {
 }
 
 void qel_sighandler(int signal) {
+    using namespace utils;
     int saved_errno = errno;
-    utils::SafeText text;
-    text << utils::program << ": (pid=" << static_cast<int>(getpid()) << "), signal=" << signal
-         << "\n";
-    text.write_out();
-    if (signal == SIGPIPE) {
+    bool dumps = signal == QEL_SIGNAL_DUMP_STKFLT || signal == QEL_SIGNAL_DUMP_PROF;
+    bool goes_on = signal == SIGPIPE || (!dumps && !begin_to_end());
+    int64_t report_end = monotonic_ms() + (goes_on ? kReportMs : kEndReportMs);
+    SafeText text;
+    text << program << ": (pid=" << static_cast<int>(getpid()) << "), signal=" << signal << "\n";
+    write_until(report_end, STDOUT_FILENO, text.text(), text.length());
+    if (goes_on) {
         errno = saved_errno;
         return;
     }
-    if (signal == QEL_SIGNAL_DUMP_STKFLT || signal == QEL_SIGNAL_DUMP_PROF)
-        utils::dump_core(signal);
-    void (*cleanup)() = utils::cleanup_callback.load(std::memory_order_acquire);
+    if (dumps)
+        dump_core(signal, report_end);
+    void (*cleanup)() = cleanup_callback.load(std::memory_order_acquire);
     if (cleanup != nullptr)
         cleanup();
-    exit(signal);
+    end_process(signal);
 }

@@ -13,6 +13,7 @@
 #include <atomic>
 
 #include "base/deadline.h"
+#include "base/last_words.h"
 #include "base/thread.h"
 #include "time_base.h"
 #include "utils/platform/ioss.h"
@@ -37,6 +38,7 @@ std::atomic<bool> flush_all{false};
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
 [[noreturn]] void fail(int line) {
+    abort_within(kFatalMs);
     printf("Assert failure: %s:%d\n", "timer_r", line);
     fflush(stdout);
     abort();
@@ -126,6 +128,15 @@ int start_service() UTILS_REQUIRES(timer_mutex) {
     return UTILS_OK;
 }
 
+// A queue that refuses the message ends the process, whatever its own report of that waits for.
+void post(msgQHandle queue, const timer_message &message) {
+    RecordLock hold(queue->lock);
+    if (queue->queued.count >= queue->maxMsgs || queue->maxMsgLength < sizeof message)
+        abort_within(kFatalMs);
+    if (msgQSend(queue, &message, sizeof message, 0, 1) != 0)
+        fail(275);
+}
+
 // Delivers a timer that has fired; the engine calls it in place of the handler, mutex held.
 void deliver(timerHandle timer, uintptr_t queue, timerHandler handler, uintptr_t arg1,
              uintptr_t arg2) UTILS_NO_THREAD_SAFETY_ANALYSIS {
@@ -139,8 +150,7 @@ void deliver(timerHandle timer, uintptr_t queue, timerHandler handler, uintptr_t
         message.handler = handler;
         message.arg1 = arg1;
         message.arg2 = arg2;
-        if (msgQSend(reinterpret_cast<msgQHandle>(queue), &message, sizeof message, 0, 1) != 0)
-            fail(275);
+        post(reinterpret_cast<msgQHandle>(queue), message);
     } else if (handler != nullptr) {
         unlock_or_fail(261);
         handler(arg1, arg2);

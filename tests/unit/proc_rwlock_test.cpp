@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +13,7 @@
 #include <random>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "support/support.h"
@@ -112,6 +114,48 @@ TEST(ProcRwlock, RaisesThePriorityFromTheFirstLockToTheLast) {
         EXPECT_EQ(errno, EACCES);
         EXPECT_EQ(lock.l_state, PROCRWLOCK_FREE);
     }));
+    // Every call in turn, what it gives and sets errno to (77: nothing) while another process reads
+    // and the user may not raise priorities; `second` is held all the time.
+    EXPECT_TRUE(support::passes_in_child([] {
+        nice_value = 10;
+        Lock lock, second;
+        Holder holder(kRead);
+        EXPECT_EQ(procrwlock_rdlock(&second), 0);
+        fail_set = true;
+        std::tuple<const char *, Op, int, int> calls[] = {
+            {"busy at the file", kTryWrite, -1, EAGAIN},
+            {"busy inside", kTryWrite, -1, 77},
+            {"busy inside", kTryRead, -1, 77},
+            {"not reading", procrwlock_rdunlock, -1, EPERM},
+            {"kept by the failed call", procrwlock_wrunlock, 0, 77},
+            {"free", procrwlock_wrunlock, 0, 77},
+            {"shared", kTryRead, 0, 77},
+            {"read inside", kTryWrite, -1, 77},
+            {"read", procrwlock_rdunlock, 0, 77},
+        };
+        for (auto &[what, call, result, error] : calls) {
+            errno = 77;
+            EXPECT_EQ(call(&lock), result) << what;
+            EXPECT_EQ(errno, error) << what;
+        }
+        // A reader that fails after its wait.
+        for (Op unlock : {procrwlock_rdunlock, procrwlock_wrunlock}) {
+            Lock waited;
+            int file = std::exchange(waited.l_fd, -1);
+            waited.l_state = PROCRWLOCK_WRITE;
+            std::thread reader(
+                [&] { EXPECT_EQ(procrwlock_rdlock(&waited) + unlock(&waited), -2); });
+            EXPECT_TRUE(waited.gets(&procrwlock_t::l_rwaiting, 1));
+            waited.l_lowered = 1;  // as after a write lock that failed
+            EXPECT_EQ(procrwlock_wrunlock(&waited), -1);
+            reader.join();
+            waited.l_fd = file;
+        }
+        EXPECT_EQ(std::count(changes.begin(), changes.end(), 10), 0);
+        fail_set = false;
+        EXPECT_EQ(procrwlock_rdunlock(&second), 0);
+        EXPECT_EQ(changes.back(), 10);
+    }));
     for (int normal : {0, -5, -1}) {
         EXPECT_TRUE(support::passes_in_child([normal] {
             Lock lock;
@@ -160,7 +204,9 @@ TEST(ProcRwlock, TryLocksFollowTheStateOfThreadsAndProcesses) {
     }
     procrwlock_t lock;
     EXPECT_EQ(procrwlock_init(nullptr, 1), -1);
+    errno = 0;
     EXPECT_EQ(procrwlock_init(&lock, -1), -1);
+    EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(procrwlock_rdlock(nullptr), -1);
 }
 

@@ -1,5 +1,6 @@
 #include "utils/signals.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -13,7 +14,16 @@
 namespace {
 int fail_limit = 0;  // 1: reading it, 2: setting it
 rlimit limit_set{};
+bool reader_leaves = false;  // between the question for room and the write
 }  // namespace
+
+extern "C" int poll(pollfd *fds, nfds_t count, int) {
+    timespec now{};
+    int ready = ppoll(fds, count, &now, nullptr);
+    if (reader_leaves)
+        fds->revents = POLLOUT;
+    return ready;
+}
 
 // The limit is only noted: no core files.
 extern "C" int getrlimit(__rlimit_resource_t, rlimit *limit) noexcept {
@@ -66,20 +76,43 @@ TEST(Signals, HandlerActsByNumber) {
             signal(28, qel_sighandler);
             signal(SIGTERM, qel_sighandler);
             signal(SIGABRT, SIG_IGN);
-            qel_sigcleanup_set([] { dprintf(1, "cleanup\n"); });
+            qel_sigcleanup_set([] {
+                dprintf(1, "cleanup\n");
+                qel_sighandler(SIGQUIT);  // one that comes meanwhile
+            });
             errno = 77;
             number == 0 ? qel_sighandler(0) : static_cast<void>(raise(number));
             return errno;
         });
         ending.err = ending.err.substr(0, ending.err.find("qemu"));
         std::string name = "a name of more than thirty-one ", digits = std::to_string(number);
-        EXPECT_EQ(ending.out, name + ": (pid=" + ending.err + "), signal=" + digits + "\n" +
+        std::string report = name + ": (pid=" + ending.err + "), signal=";
+        EXPECT_EQ(ending.out, report + digits + "\n" +
                                   (!exits ? "\nApplication '" + name + "'(pid " + ending.err +
                                                 ") got exception " + digits +
                                                 ".\nwill dump core under /core_files\n" + '\0'
-                                   : number != SIGPIPE ? "cleanup\n"
+                                   : number != SIGPIPE ? "cleanup\n" + report + "3\n"
                                                        : ""));
         EXPECT_EQ(std::tie(ending.exited, ending.status), std::tie(exits, status)) << number;
+    }
+}
+
+TEST(Signals, ReportToAPipeWithoutReaderLeavesOnlyWhatWasPending) {
+    for (int bits = 0; bits < 4; ++bits) {
+        support::Ending ending = support::in_child([=] {
+            int ends[2];
+            sigset_t set;
+            sigemptyset(&set), sigaddset(&set, SIGPIPE), sigprocmask(SIG_BLOCK, &set, nullptr);
+            if (pipe(ends) != 0 || close(ends[0]) != 0 || dup2(ends[1], 1) != 1)
+                return 2;
+            if ((bits & 1) != 0)
+                kill(getpid(), SIGPIPE);
+            reader_leaves = bits & 2;
+            qel_sighandler(SIGPIPE);
+            sigpending(&set);
+            return sigismember(&set, SIGPIPE);
+        });
+        EXPECT_EQ(ending.status, bits & 1) << bits;
     }
 }
 
