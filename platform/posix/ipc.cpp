@@ -7,15 +7,20 @@
 #include "utils/platform/posix/ipc_server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
+#include "base/deadline.h"
+#include "base/descriptor.h"
 #include "base/thread.h"
 #include "ipc_packet.h"
+#include "ipc_request.h"
 
 namespace {
 
@@ -410,24 +415,13 @@ __attribute__((destructor)) void remove_socket() {
 
 }  // namespace
 
-int ipcSendRcv(void *address, int code, const void *request, uint32_t requestLength, void *reply,
-               uint32_t *replyLength, const uint32_t timeout[2]) {
-    if (address == nullptr || replyLength == nullptr || (reply == nullptr && *replyLength > 0))
-        return -EINVAL;
-    WaitLimit limit(timeout);
-    Descriptor fd(
-        send_request(*static_cast<ipc_address *>(address), code, request, requestLength, limit));
-    return fd ? receive_reply(fd.get(), reply, replyLength, limit) : fd.get();
-}
-
 int ipcSend(void *address, int code, const void *data, uint32_t length, const uint32_t timeout[2]) {
     if (address == nullptr || (data == nullptr && length > 0))
         return -EINVAL;
     const ipc_address &to = *static_cast<ipc_address *>(address);
     if (to.node == kReplyNode)
         return send_reply(to, code, data, length);
-    Descriptor fd(send_request(to, code, data, length, WaitLimit(timeout)));
-    return fd ? 0 : fd.get();
+    return send_one_way(to, code, data, length, timeout);
 }
 
 int ipc_open(const ipc_address *own) {
