@@ -52,7 +52,7 @@ using Text = char[PATH_MAX + 1];
 // Sends the pieces to the daemon and returns its answer, or 0 when the exchange fails. A name that
 // the address does not hold in full is nobody's: cut, it could be another daemon's.
 int request(qelIpcArg *pieces, uint32_t count, const char *daemon, int code) {
-    if (strlen(daemon) >= IPC_NAME_SIZE)
+    if (strlen(daemon) >= sizeof ipc_address::name)
         return UTILS_OK;
     qelIpcArgs args{pieces, count};
     qelIpcArgBlock *encoded = nullptr;
