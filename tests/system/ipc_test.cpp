@@ -119,15 +119,15 @@ void serve_everything() {
         support::write_file("/tmp/request", received(message));
         return answer(to, code, native(-11));
     });
+}
+
+void serve_commands() {
     unlink(kCommands.c_str());
     int listener = stream_at(kCommands, SOCK_STREAM, bind);
     listen(listener, 128);
     std::thread([listener] {
         for (;;) {
-            int fd = accept(listener, nullptr, nullptr);
-            if (fd < 0)
-                return;  // no descriptor is left
-            std::thread([fd] {
+            std::thread([fd = accept(listener, nullptr, nullptr)] {
                 qelTnetCmdCB(fd, [](int argc, char **argv, FILE *out) {
                     for (int i = 0; i < argc; ++i)
                         fprintf(out, "%zu ", strlen(argv[i]));
@@ -154,9 +154,11 @@ struct Daemon {
         if (pid == 0) {
             ipc_address own = testd();
             rlimit few{descriptors, descriptors};
+            serve_everything();
             if (descriptors != 0)
                 setrlimit(RLIMIT_NOFILE, &few);
-            serve_everything();
+            else
+                serve_commands();
             int result = ipc_open(&own);
             if (result != 0 || write(ends[1], "r", 1) != 1)
                 _exit(-result);
