@@ -4,7 +4,7 @@ include(CheckCXXCompilerFlag)
 add_library(utils_build_flags INTERFACE)
 target_compile_options(utils_build_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wconversion -Wundef -Wcast-align
-    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
     $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes>
     $<$<BOOL:${UTILS_WERROR}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>

@@ -140,9 +140,9 @@ int dbg_test_assert(int count);
 UTILS_END_DECLS
 
 /** The info word of a check on this line with @p count values. */
-#define QEL_CHECK_INFO(kind, count)                        \
-    ((kind) | (unsigned)(count) << QEL_CHECK_COUNT_SHIFT | \
-     ((unsigned)__LINE__ & QEL_CHECK_LINE_MASK))
+#define QEL_CHECK_INFO(kind, count)                                \
+    ((kind) | UTILS_AS(unsigned, count) << QEL_CHECK_COUNT_SHIFT | \
+     (UTILS_AS(unsigned, __LINE__) & QEL_CHECK_LINE_MASK))
 
 /** A fatal check: nothing happens when @p expr holds. */
 #define QEL_ASSERT(expr) \
@@ -172,16 +172,16 @@ UTILS_END_DECLS
 #define QEL_ELEVENTH_(a, b, c, d, e, f, g, h, i, j, k, ...) k
 #define QEL_VALUES_(count, ...) QEL_VALUES_OF_(count, __VA_ARGS__)
 #define QEL_VALUES_OF_(count, ...) QEL_VALUES_##count(__VA_ARGS__)
-#define QEL_VALUES_1(a) (unsigned)(a)
-#define QEL_VALUES_2(a, ...) (unsigned)(a), QEL_VALUES_1(__VA_ARGS__)
-#define QEL_VALUES_3(a, ...) (unsigned)(a), QEL_VALUES_2(__VA_ARGS__)
-#define QEL_VALUES_4(a, ...) (unsigned)(a), QEL_VALUES_3(__VA_ARGS__)
-#define QEL_VALUES_5(a, ...) (unsigned)(a), QEL_VALUES_4(__VA_ARGS__)
-#define QEL_VALUES_6(a, ...) (unsigned)(a), QEL_VALUES_5(__VA_ARGS__)
-#define QEL_VALUES_7(a, ...) (unsigned)(a), QEL_VALUES_6(__VA_ARGS__)
-#define QEL_VALUES_8(a, ...) (unsigned)(a), QEL_VALUES_7(__VA_ARGS__)
-#define QEL_VALUES_9(a, ...) (unsigned)(a), QEL_VALUES_8(__VA_ARGS__)
-#define QEL_VALUES_10(a, ...) (unsigned)(a), QEL_VALUES_9(__VA_ARGS__)
+#define QEL_VALUES_1(a) UTILS_AS(unsigned, a)
+#define QEL_VALUES_2(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_1(__VA_ARGS__)
+#define QEL_VALUES_3(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_2(__VA_ARGS__)
+#define QEL_VALUES_4(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_3(__VA_ARGS__)
+#define QEL_VALUES_5(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_4(__VA_ARGS__)
+#define QEL_VALUES_6(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_5(__VA_ARGS__)
+#define QEL_VALUES_7(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_6(__VA_ARGS__)
+#define QEL_VALUES_8(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_7(__VA_ARGS__)
+#define QEL_VALUES_9(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_8(__VA_ARGS__)
+#define QEL_VALUES_10(a, ...) UTILS_AS(unsigned, a), QEL_VALUES_9(__VA_ARGS__)
 /** @endcond */
 
 #endif

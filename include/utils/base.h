@@ -22,6 +22,14 @@
 #endif
 /** @endcond */
 
+/** @cond A conversion inside a macro, silent under -Wold-style-cast; the type is one word. */
+#ifdef __cplusplus
+#define UTILS_AS(type, value) type(value)
+#else
+#define UTILS_AS(type, value) ((type)(value))
+#endif
+/** @endcond */
+
 /** Lets the compiler check a printf-like call: position of the text, of the first value (0: a
  * va_list). */
 #define UTILS_PRINTF(text, values) __attribute__((__format__(__printf__, text, values)))

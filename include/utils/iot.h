@@ -67,10 +67,12 @@ void iot_del(int descriptor);
  */
 void iot_notify(int kind, ...);
 
-/** Pads the call with words of zero, so that seven can always be forwarded. */
-#define iot_notify(...)                                                                           \
-    iot_notify(__VA_ARGS__, (uintptr_t)0, (uintptr_t)0, (uintptr_t)0, (uintptr_t)0, (uintptr_t)0, \
-               (uintptr_t)0, (uintptr_t)0)
+/** Pads the call with words of zero, so that seven can always be forwarded. In C++ the macro takes
+ * members of that name, too; undefine it there, or write (iot_notify) for the name alone. */
+#define iot_notify(...)                                                                \
+    iot_notify(__VA_ARGS__, UTILS_AS(uintptr_t, 0), UTILS_AS(uintptr_t, 0),            \
+               UTILS_AS(uintptr_t, 0), UTILS_AS(uintptr_t, 0), UTILS_AS(uintptr_t, 0), \
+               UTILS_AS(uintptr_t, 0), UTILS_AS(uintptr_t, 0))
 
 /** Frees every entry. The thread goes on with the old watch set but finds nobody to serve. */
 void iot_exit(void);

@@ -100,8 +100,9 @@ uint32_t qelIpcArgsDataLength(const qelIpcArgBlock *block);
  * qelIpcSendRcv() and the library's handlers do so themselves.
  */
 static inline void qelIpcArgsReceived(qelIpcArgBlock *block) {
-    unsigned char *flags = (unsigned char *)block;
-    flags[3] = (unsigned char)(flags[3] & ~QEL_IPC_ARGS_DECODED);
+    typedef uint8_t *bytes;
+    bytes flags = UTILS_AS(bytes, block);
+    flags[3] = UTILS_AS(uint8_t, flags[3] & ~QEL_IPC_ARGS_DECODED);
 }
 
 /**

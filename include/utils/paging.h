@@ -5,6 +5,8 @@
  * Everything prints on standard output. The entry points that this platform does not have say so
  * when they are called.
  *
+ * C++: after "using namespace std" the name less also means std::less; call ::less() then.
+ *
  * Threads: the paging switch may be set and read by any thread; the rest has no state. Two threads
  * must not prompt at the same time.
  */

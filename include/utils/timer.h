@@ -8,15 +8,20 @@
  *
  * Times are milliseconds of the processor's time base, 32-bit unsigned, and wrap after 49 days. A
  * timer that falls due within 50 ms fires in the current pass; periodic timers need periods of 50
- * ms or more, or the pass never ends. Periodic timers are re-armed from the start of a pass and so
- * drift by its lateness. Among timers due at the same moment the one set last fires first.
+ * ms or more, or the pass never ends, and a one-shot timer that its handler sets to less than 50 ms
+ * fires again in the same pass. The clock counts whole milliseconds, so a timer may fire up to one
+ * early; it may also be late by all that the timers before it on the chain were late, since each
+ * counts from its predecessor: a 10 s timer behind a busy one of 100 ms came 0.5 to 0.9 s late.
+ * Periodic timers are re-armed from the start of a pass and so drift by its lateness. Among timers
+ * due at the same moment the one set last fires first.
  *
  * A timer keeps the platform context of the thread that created or last set it; its handler runs
  * with that context installed. A handler may set, cancel and delete any timer, its own included.
  *
  * The C library has other functions named timer_create and timer_delete. This header includes
- * <time.h> first and maps both names to its own; a program that calls the POSIX functions does so
- * in an object that is not linked against this library.
+ * <time.h> first and maps both names to its own, by macros that in C++ rename members of those
+ * names, too (in every file or in none); a program that calls the POSIX functions does so in an
+ * object that is not linked against this library.
  *
  * Threads: none of these calls locks; all must come from one thread or be serialised by the caller.
  */

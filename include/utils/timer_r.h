@@ -13,9 +13,10 @@
  * it prints "Assert failure: timer_r:<line>" on standard output and aborts. Give a queue room for
  * every timer that posts to it.
  *
- * Deleting or cancelling a timer does not wait for a handler that runs at that moment, and an
- * expiry message that waits in a queue stays there. After fork() the child has no service thread:
- * it may delete timers, not rely on them.
+ * Timers are as punctual as utils/timer.h says. Deleting or cancelling one does not wait for a
+ * handler that runs at that moment, and an expiry message that waits in a queue stays there. After
+ * fork() the child has no service thread: it may delete timers, not rely on them, and only when no
+ * other thread of the parent could hold the timer mutex at the fork.
  *
  * Threads: every call may come from any thread; timer_flush_r() takes no lock. The mutex is taken
  * before a queue's own. Threads that use these calls must not be cancelled.
@@ -80,7 +81,8 @@ timerHandle createTimer(msgQHandle queue, uintptr_t ignored, timerHandler handle
 timerHandle createTimerCB(timerHandler handler, uintptr_t ignored, uintptr_t arg1, uintptr_t arg2,
                           int periodic);
 
-/** As timer_set(); wakes the service when another timer now falls due first. @return 0 or -1 */
+/** As timer_set(); wakes the service when another timer now falls due first, or the first one at
+ * another time. @return 0, or -1 for an invalid handle, also of a timer pending at a close */
 int timer_set_r(timerHandle timer, uint32_t ms);
 
 /** As timer_cancel(). @return 0, or -1 for an invalid handle */
@@ -102,8 +104,10 @@ int timer_ticking_r(timerHandle timer);
 void timer_flush_r(void);
 
 /**
- * Stops the service thread: it deletes every armed timer and ends, soon after this call has
- * returned; idle timers stay valid. The next create after its end starts it again. @return 0
+ * Stops the service thread: it ends soon after this call has returned, and every timer armed now is
+ * deleted, even while its handler runs: by the thread, or before it by the next call that creates
+ * or sets a timer or starts a service. Idle timers stay valid; one that is set after a close fires
+ * only once a service runs again, which the next create or timer_init_r() starts. @return 0
  */
 int timer_close_r(void);
 
@@ -111,7 +115,9 @@ int timer_close_r(void);
  * Lets the platform's I/O subsystem drive the timers instead of a thread. Call it before anything
  * else of this family; when the service runs already it aborts the process.
  * @param ioss_arg the I/O subsystem, given to ioss_create()
- * @param wake     called with @p wakeArg when another timer now falls due first
+ * @param wake     called with @p wakeArg when what falls due first changes, and on a close, until
+ *                 timer_ioss_free(); on the calling thread with the timer mutex held, so it must
+ *                 not use this family
  * @param wakeArg  its argument
  * @return 0, or -12 when the subsystem refuses (reported on standard error)
  */

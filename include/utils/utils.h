@@ -18,6 +18,9 @@
  *    strings, hash tables, checksums and parsers may be used there freely; queues, logs and locks
  *    only when no other thread of the parent could hold their mutex at the fork.
  * 10. Descriptors that the library opens for itself are close-on-exec.
+ * 11. A program's own function named like one of ours is never called by the library. In C++ beware
+ *     of less() beside std::less and "using namespace std", and of the macros timer_create,
+ *     timer_delete and iot_notify, which reach members of those names too.
  */
 #ifndef UTILS_UTILS_H
 #define UTILS_UTILS_H

@@ -6,11 +6,11 @@
 namespace utils {
 
 // Copies `text` (null counts as "") into the `size` bytes at `to`, cut and terminated; pads with
-// zeros, so that no old bytes stay in a record.
+// zeros, so that no old bytes stay in a record. The text may lie in the record itself.
 inline void copy_text(char *to, size_t size, const char *text) {
     size_t length = text != nullptr ? strnlen(text, size - 1) : 0;
     if (length > 0)
-        memcpy(to, text, length);
+        memmove(to, text, length);
     memset(to + length, 0, size - length);
 }
 

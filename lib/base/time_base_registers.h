@@ -8,10 +8,12 @@
 /** Reads the time base registers: upper, lower, upper half again, until both upper reads agree. */
 static inline uint64_t timebase_read_registers(void) {
     uint32_t upper, lower, again;
+    uint64_t ticks;
     do {
         __asm__ volatile("mftbu %0\n\tmftb %1\n\tmftbu %2" : "=r"(upper), "=r"(lower), "=r"(again));
     } while (upper != again);
-    return ((uint64_t)upper << 32) | lower;
+    ticks = upper;
+    return ticks << 32 | lower;
 }
 #endif
 

@@ -183,13 +183,13 @@ uint32_t perf_stop(perf_record *record) {
 
 int32_t qel_times(void) {
     using namespace utils;
-    if (resync.load(kRelaxed)) {
+    if (resync.load(std::memory_order_acquire)) {
         clock_t ticks = times(nullptr);
         if (ticks == static_cast<clock_t>(-1))
             return -1;
         offset.store(static_cast<uint32_t>(ticks) - time_base_jiffies(), kRelaxed);
         anchor.store(static_cast<uint32_t>(ticks) + kResyncTicks, kRelaxed);
-        resync.store(false, kRelaxed);
+        resync.store(false, std::memory_order_release);
     }
     uint32_t value = time_base_jiffies() + offset.load(kRelaxed);
     if (value == static_cast<uint32_t>(-1))

@@ -134,27 +134,23 @@ char *get(qelString *string) {
 // refuses.
 UTILS_PRINTF(2, 0)
 char *format_scratch(bool retry, const char *format, va_list values, int *length) {
-    char *scratch = nullptr;
     for (int size = kScratchSize; size > 0;) {
         auto bytes = static_cast<size_t>(size);
-        char *block =
-            allocated(retry, [&] { return static_cast<char *>(realloc(scratch, bytes)); });
-        if (block == nullptr)
-            break;
-        scratch = block;
-        memset(scratch, 0, bytes);
+        char *scratch = allocated(retry, [bytes] { return static_cast<char *>(calloc(bytes, 1)); });
+        if (scratch == nullptr)
+            return nullptr;
         va_list pass;
         va_copy(pass, values);
         *length = vsnprintf(scratch, bytes, format, pass);
         va_end(pass);
         if (*length >= 0 && *length < size)
             return scratch;
+        free(scratch);
         if (*length < 0)
             size = size < kScratchGiveUp ? size * 2 : 0;
         else
             size = *length <= INT32_MAX - kScratchSize ? *length + kScratchSize : 0;
     }
-    free(scratch);
     return nullptr;
 }
 

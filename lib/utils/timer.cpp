@@ -8,6 +8,7 @@
 
 #include "base/heap.h"
 #include "time_base.h"
+#include "timer_pass.h"
 #include "utils/platform/context.h"
 
 static_assert(sizeof(void *) != 4 || sizeof(timer) == 52);
@@ -201,8 +202,9 @@ int timer_gettimeout(void) {
 
 void timer_callback(void) {
     uint32_t now = now_ms();
+    uint32_t epoch = timer_pass_epoch;
     refresh(now);
-    while (chain != nullptr && chain->delta == 0) {
+    while (epoch == timer_pass_epoch && chain != nullptr && chain->delta == 0) {
         timer *due = chain;
         remove(due);
         if ((due->flags & TIMER_PERIODIC) != 0) {

@@ -1,7 +1,9 @@
 // The timer service: one mutex around the engine in timer.cpp, and a thread or the platform's I/O
-// subsystem that runs the engine's pass when a timer falls due. Lock order: the timer mutex before
-// a message queue's. Broken locking and a lost expiry message end the process, named by fixed
-// numbers that support staff know.
+// subsystem that runs the engine's pass when a timer falls due. A closed service is finished, its
+// pending timers deleted, by its own thread or by the first call that needs a new one, whichever
+// comes first: `service` tells the threads which of them is in charge. Lock order: the timer mutex
+// before a message queue's. Broken locking and a lost expiry message end the process, named by
+// fixed numbers that support staff know.
 #include "utils/timer_r.h"
 
 #include <cerrno>
@@ -13,9 +15,11 @@
 #include <atomic>
 
 #include "base/deadline.h"
+#include "base/heap.h"
 #include "base/last_words.h"
 #include "base/thread.h"
 #include "time_base.h"
+#include "timer_pass.h"
 #include "utils/platform/ioss.h"
 
 static_assert(sizeof(timer_message) == TIMER_MESSAGE_LENGTH &&
@@ -25,11 +29,15 @@ static_assert(sizeof(timer_message) == TIMER_MESSAGE_LENGTH &&
 namespace utils {
 namespace {
 
-constexpr uint32_t kNotStarted = 0, kByIoSubsystem = 1, kByThread = 2;
+constexpr uint32_t kNotStarted = 0, kByIoSubsystem = 1, kByThread = 2, kClosed = 3;
+
+// A service thread's own record; the thread frees it when it ends.
+struct Service {
+    pthread_cond_t condition;
+};
 
 Mutex timer_mutex;
-pthread_cond_t service_condition UTILS_GUARDED_BY(timer_mutex);
-bool service_running UTILS_GUARDED_BY(timer_mutex) = false;
+Service *service UTILS_GUARDED_BY(timer_mutex) = nullptr;  // until it is finished
 void (*wake_fn)(uintptr_t) UTILS_GUARDED_BY(timer_mutex) = nullptr;
 uintptr_t wake_arg UTILS_GUARDED_BY(timer_mutex) = 0;
 std::atomic<uint32_t> service_mode{kNotStarted};  // written under the mutex, read first without it
@@ -64,39 +72,54 @@ void wake_service() UTILS_REQUIRES(timer_mutex) {
         wake_fn(wake_arg);
 }
 
-// One wait of the service thread, for the next due time or for a wake.
-void wait_for_due(int timeout_ms) UTILS_REQUIRES(timer_mutex) {
-    int result = 0;
-    if (timeout_ms < 0) {
-        result = pthread_cond_wait(&service_condition, timer_mutex.native());
-    } else {
-        timespec deadline = deadline_after(timeout_ms);
-        result = pthread_cond_timedwait(&service_condition, timer_mutex.native(), &deadline);
-    }
-    if (result == ETIMEDOUT)
-        timer_callback();
-    else if (result != 0 && result != EINTR)
-        fail(211);
+// Ends a closed service in place of its thread, which may be busy in a handler.
+void finish_closed_service() UTILS_REQUIRES(timer_mutex) {
+    if (service_mode.load(kRelaxed) != kClosed)
+        return;
+    wake_fn = nullptr;
+    service = nullptr;
+    ++timer_pass_epoch;
+    timer_cleanup();
+    service_mode.store(kNotStarted, kRelaxed);
 }
 
-void *service_thread(void *) {
-    lock_or_fail(183);
-    while (service_running) {
-        int timeout_ms = timer_gettimeout();
-        if (timeout_ms == 0)
-            timer_callback();
-        else
-            wait_for_due(timeout_ms);
+bool in_charge(const Service *mine) UTILS_REQUIRES(timer_mutex) {
+    return service == mine && service_mode.load(kRelaxed) == kByThread;
+}
+
+// One wait of the service thread. Whether it lasted until the due time; otherwise it was woken.
+bool waited(Service *mine, int timeout_ms) UTILS_REQUIRES(timer_mutex) {
+    int result = 0;
+    if (timeout_ms < 0) {
+        result = pthread_cond_wait(&mine->condition, timer_mutex.native());
+    } else {
+        timespec deadline = deadline_after(timeout_ms);
+        result = pthread_cond_timedwait(&mine->condition, timer_mutex.native(), &deadline);
     }
-    timer_cleanup();
-    pthread_cond_destroy(&service_condition);
-    service_mode.store(kNotStarted, kRelaxed);
+    if (result != 0 && result != ETIMEDOUT && result != EINTR)
+        fail(211);
+    return result == ETIMEDOUT;
+}
+
+void *service_thread(void *own) {
+    auto *mine = static_cast<Service *>(own);
+    lock_or_fail(183);
+    while (in_charge(mine)) {
+        int timeout_ms = timer_gettimeout();
+        bool due = timeout_ms == 0 || waited(mine, timeout_ms);
+        if (due && in_charge(mine))
+            timer_callback();
+    }
+    if (service == mine)
+        finish_closed_service();
     timer_mutex.unlock();
+    pthread_cond_destroy(&mine->condition);
+    free(mine);
     return nullptr;
 }
 
 // The real-time policy takes effect where the system lets a thread choose its own.
-int start_thread() {
+int start_thread(Service *own) {
     pthread_attr_t attributes;
     if (int error = pthread_attr_init(&attributes); error != 0)
         return error;
@@ -105,25 +128,28 @@ int start_thread() {
         error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
     if (error == 0)
-        error = pthread_create(&thread, &attributes, service_thread, nullptr);
+        error = pthread_create(&thread, &attributes, service_thread, own);
     pthread_attr_destroy(&attributes);
     return error;
 }
 
 int start_service() UTILS_REQUIRES(timer_mutex) {
+    finish_closed_service();
     if (service_mode.load(kRelaxed) != kNotStarted)
         return UTILS_OK;
-    if (init_monotonic(&service_condition) != 0)
+    auto *fresh = allocate_zeroed<Service>();
+    if (fresh == nullptr)
         return UTILS_ERROR;
-    wake_fn = signal_service;
-    wake_arg = reinterpret_cast<uintptr_t>(&service_condition);
-    service_running = true;
-    if (start_thread() != 0) {
-        service_running = false;
-        wake_fn = nullptr;
-        pthread_cond_destroy(&service_condition);
+    bool has_condition = init_monotonic(&fresh->condition) == 0;
+    if (!has_condition || start_thread(fresh) != 0) {
+        if (has_condition)
+            pthread_cond_destroy(&fresh->condition);
+        free(fresh);
         return UTILS_ERROR;
     }
+    service = fresh;
+    wake_fn = signal_service;
+    wake_arg = reinterpret_cast<uintptr_t>(&fresh->condition);
     service_mode.store(kByThread, kRelaxed);
     return UTILS_OK;
 }
@@ -186,16 +212,53 @@ int locked(int line, Operation operation) {
     return result;
 }
 
-// As `locked`, for operations that may change which timer falls due first; then wakes the service.
+// What the service waits for. It looks again after its wait, so a thread needs no wake when the
+// same timer falls due later; an I/O loop keeps the time that it was told.
+struct Earliest {
+    timerHandle timer;
+    uint32_t expiry;
+
+    static Earliest now() UTILS_REQUIRES(timer_mutex) {
+        timerHandle first = timer_gethead();
+        return {first, first != nullptr ? first->expiry : 0};
+    }
+    bool needs_wake(const Earliest &before, uint32_t mode) const {
+        if (timer != before.timer)
+            return true;
+        auto later_ms = static_cast<int32_t>(expiry - before.expiry);
+        return mode == kByIoSubsystem ? later_ms != 0 : later_ms < 0;
+    }
+};
+
+// As `locked`, for operations that may change what falls due first; then wakes the service.
 template <typename Operation>
 int locked_and_woken(int line, Operation operation) {
     return locked(line, [&]() UTILS_NO_THREAD_SAFETY_ANALYSIS {
-        timerHandle first = timer_gethead();
+        Earliest before = Earliest::now();
         int result = operation();
-        if (result == 0 && timer_gethead() != first)
+        if (result == 0 && Earliest::now().needs_wake(before, service_mode.load(kRelaxed)))
             wake_service();
         return result;
     });
+}
+
+// Whether the timer, whose memory may be gone, is on the chain.
+bool pending(timerHandle timer) UTILS_REQUIRES(timer_mutex) {
+    timerHandle found = timer_gethead();
+    while (found != nullptr && found != timer)
+        found = found->next;
+    return found != nullptr;
+}
+
+// A timer that was pending at the close goes with its service, and is no longer valid then.
+int set_timer(timerHandle timer, uint32_t ms) UTILS_REQUIRES(timer_mutex) {
+    if (service_mode.load(kRelaxed) == kClosed) {
+        bool doomed = pending(timer);
+        finish_closed_service();
+        if (doomed)
+            return UTILS_ERROR;
+    }
+    return timer_set(timer, ms);
 }
 
 // Called by the I/O subsystem: fires what is due and says when to come back.
@@ -216,7 +279,8 @@ int poll_timers(void *, int32_t *descriptor, int32_t *timeout_ms) {
 using namespace utils;
 
 int timer_init_r(void) {
-    if (service_mode.load(kRelaxed) != kNotStarted)
+    uint32_t mode = service_mode.load(kRelaxed);
+    if (mode == kByThread || mode == kByIoSubsystem)
         return UTILS_OK;
     if (timer_mutex.lock() != 0)
         return UTILS_ERROR;
@@ -246,7 +310,8 @@ timerHandle createTimerCB(timerHandler handler, uintptr_t ignored, uintptr_t arg
 }
 
 int timer_set_r(timerHandle timer, uint32_t ms) {
-    return locked_and_woken(476, [&] { return timer_set(timer, ms); });
+    return locked_and_woken(476,
+                            [&]() UTILS_NO_THREAD_SAFETY_ANALYSIS { return set_timer(timer, ms); });
 }
 
 int timer_cancel_r(timerHandle timer) {
@@ -278,7 +343,8 @@ void timer_flush_r(void) {
 
 int timer_close_r(void) {
     lock_or_fail(607);
-    service_running = false;
+    if (service_mode.load(kRelaxed) == kByThread)
+        service_mode.store(kClosed, kRelaxed);
     wake_service();
     unlock_or_fail(620);
     return UTILS_OK;
@@ -286,6 +352,7 @@ int timer_close_r(void) {
 
 int timer_ioss_create(void *ioss_arg, void (*wake)(uintptr_t), uintptr_t wakeArg) {
     lock_or_fail(110);
+    finish_closed_service();
     if (service_mode.load(kRelaxed) != kNotStarted)
         fail(115);
     int result = UTILS_OK;
@@ -308,6 +375,7 @@ int timer_ioss_free(void *handle) {
     if (first == 0)
         fail(141);
     lock_or_fail(144);
+    wake_fn = nullptr;
     ioss_free(handle);
     timer_mutex.unlock();
     return UTILS_OK;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The built library: its exports, what it needs, its soname and its hardening.
+# The built library: its exports, what it needs, its soname, its hardening and whom its calls reach.
 set -euo pipefail
-library=$1 map=$2
+library=$1 map=$2/libutils.map compared=$2/compared.list
 fail() { echo "library_shape: $*" >&2; exit 1; }
 
 exported=$(nm -D --defined-only --with-symbol-versions "$library" | awk '$2 != "A" {print $3}' | sort)
@@ -17,4 +17,8 @@ grep -q 'NOW' <<<"$dynamic" || fail "does not bind at once"
 headers=$(readelf -lW "$library")
 grep -q GNU_RELRO <<<"$headers" || fail "no RELRO"
 grep 'GNU_STACK' <<<"$headers" | grep -q 'RWE' && fail "executable stack"
+# Nobody's function takes the place of ours but where programs compare addresses.
+unbound=$(readelf -rW "$library" | sed -n 's/.*_JU\?MP_SLOT .* \([^@]*\)@@\?LIBUTILS_1.0.*/\1/p' |
+    grep -vxF -f <(sed -n 's/^    \([a-z_]*\);$/\1/p' "$compared") || true)
+[ -z "$unbound" ] || fail "calls its own" "${unbound//$'\n'/ }" "through names that programs can take"
 echo "library_shape: $(wc -l <<<"$exported") exports, needs $needed"

@@ -94,9 +94,9 @@ int (iszero)(const void *bytes, unsigned len) { return bytes != 0 && len == 3; }
 int main(void) { return iszero("", 3) && iszero(-0.0) && !iszero(1.5f) ? 0 : 1; }
 )");
     for (std::string compiler : {"cc -DMATH_FIRST", "cc", "c++ -x c++ -DMATH_FIRST", "c++ -x c++"})
-        EXPECT_EQ(system(("top=$(readlink /proc/$PPID/exe); " + compiler +
-                          " -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror"
-                          " -I${top%/build/*}/include -o /tmp/both /tmp/both.c && /tmp/both")
+        EXPECT_EQ(system((compiler + " -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror"
+                                     " -I" UTILS_SOURCE_DIR
+                                     "/include -o /tmp/both /tmp/both.c && /tmp/both")
                              .c_str()),
                   0);
 }

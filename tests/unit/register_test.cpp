@@ -9,6 +9,7 @@
 #include "support/heap.h"
 #include "support/support.h"
 #include "time_base.h"
+#include "utils/platform/rasevt.h"
 
 namespace {
 
@@ -33,19 +34,21 @@ unsigned low(T pointer) {
     return static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer));
 }
 
-std::string report(const char *expression, unsigned info, unsigned old_value, unsigned new_value) {
-    return expression + testing::PrintToString(std::vector<unsigned>{info, old_value, new_value});
+std::string report(const char *expression, int line, unsigned old_value, unsigned new_value) {
+    return "VERIFY - Failed expression: " + std::string(expression) +
+           ",         file = register, line = " + std::to_string(line) +
+           ", user mode          args = " + std::to_string(old_value) + ", " +
+           std::to_string(new_value) + "\n";
 }
 
 }  // namespace
 
-extern "C" int do_assert(const char *expression, const char *file, unsigned info, ...) {
-    EXPECT_STREQ(file, "register");
+int rasevt_log(const char *, const char *, int, int, int, unsigned code, ...) {
     va_list values;
-    va_start(values, info);
-    unsigned old_value = va_arg(values, unsigned), new_value = va_arg(values, unsigned);
+    va_start(values, code);
+    if (code == RASEVT_ASSERT_MESSAGE)
+        seen.push_back(va_arg(values, const char *));
     va_end(values);
-    seen.push_back(report(expression, info, old_value, new_value));
     return 0;
 }
 
@@ -80,8 +83,8 @@ TEST(Register, FindsGroupsInBothWaysAndChecksReplacements) {
     seen.clear();
     EXPECT_EQ(cb_register(1, 256, &kClassified, 7, kA, queue), 0);
     EXPECT_EQ(cb_register(1, 256, &kClassified, 7, kB, nullptr), 0);
-    EXPECT_EQ(seen, (Seen{report("entry->cb == callback", 0x42000000 | 150, low(kA), low(kB)),
-                          report("entry->mq == queue", 0x42000000 | 154, low(queue), 0)}));
+    EXPECT_EQ(seen, (Seen{report("entry->cb == callback", 150, low(kA), low(kB)),
+                          report("entry->mq == queue", 154, low(queue), 0)}));
     EXPECT_EQ(dispatched(1, 256, 7), (Seen{"h!", "b!"}));
     EXPECT_EQ(cb_unregister(1, 256, &kClassified, 7), 0);
     EXPECT_EQ(cb_unregister(1, 256, &kClassified, 7), UTILS_ENOENT);

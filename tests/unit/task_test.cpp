@@ -39,6 +39,8 @@ TEST(Task, IdentityLivesFromInitToInit) {
 
     taskInit("a-name-of-more-than-eleven");
     EXPECT_STREQ(task_name, "a-name-of-m");
+    taskInit(task_name + 2);
+    EXPECT_STREQ(task_name, "name-of-m");
     taskInit(nullptr);
     EXPECT_STREQ(task_name, "");
 }

@@ -16,6 +16,7 @@ namespace {
 
 // Which call of the service fails next: a creation step, or a use of the timer mutex.
 std::atomic<bool> refuse_policy{false};
+std::atomic<int> wakes{0};
 std::atomic<int> fail_lock{0}, fail_unlock{0};  // 1: the next one fails; 2: the one after it
 
 [[maybe_unused]] int countdown(std::atomic<int> &counter) {
@@ -45,6 +46,10 @@ int pthread_mutex_unlock(pthread_mutex_t *mutex) noexcept {
         reinterpret_cast<int (*)(pthread_mutex_t *)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
     int error = countdown(fail_unlock);
     return error != 0 ? error : real(mutex);
+}
+int pthread_cond_signal(pthread_cond_t *condition) noexcept {
+    ++wakes;
+    return pthread_cond_broadcast(condition);
 }
 }
 #endif
@@ -134,6 +139,107 @@ TEST(TimerR, CloseDeletesWhatIsArmedAndTheNextCreateStartsAgain) {
         EXPECT_TRUE(support::eventually([] { return calls == 1; }));
     }));
 }
+
+// What is set after a close lives with the new service, though the old thread, and with it a pass,
+// still waits in a handler. That thread then ends, while everything due is left to the new one.
+TEST(TimerR, ANewServiceOwesNothingToTheOldThread) {
+    static int entered[2], left[2][2];  // pipes
+    static pthread_t served;
+    EXPECT_TRUE(support::passes_in_child([] {
+        EXPECT_EQ(pipe(entered) + pipe(left[0]) + pipe(left[1]), 0);
+        timerHandler stay = [](uintptr_t number, uintptr_t) {
+            char byte = 0;
+            served = pthread_self();
+            EXPECT_EQ(write(entered[1], &byte, 1), 1);
+            EXPECT_EQ(read(left[number][0], &byte, 1), 1);
+        };
+        char byte = 0;
+        alarm(30);
+        timerHandle armed = timer_create_r(nullptr, count, 0, 0);
+        timer_set_r(armed, 1000000);
+        timer_set_r(createTimerCB(stay, 0, 0, 0, 0), 0);
+        EXPECT_EQ(read(entered[0], &byte, 1), 1);
+        timer_close_r();
+        EXPECT_EQ(timer_set_r(armed, 0), -1) << "it went with the service that was closed";
+        timer_set_r(createTimerCB(stay, 0, 1, 0, 0), 0);
+        EXPECT_EQ(read(entered[0], &byte, 1), 1);
+        pthread_t successor = served;
+        timer_set_r(createTimerCB([](uintptr_t, uintptr_t) { served = pthread_self(), ++calls; }, 0,
+                                  0, 0, 0),
+                    0);
+        int both = threads();
+        EXPECT_EQ(write(left[0][1], &byte, 1), 1);
+        EXPECT_TRUE(support::eventually([&] { return threads() < both; }));
+        EXPECT_EQ(calls, 0);
+        EXPECT_EQ(write(left[1][1], &byte, 1), 1);
+        EXPECT_TRUE(support::eventually([] { return calls == 1; }));
+        EXPECT_TRUE(pthread_equal(served, successor));
+    }));
+}
+
+TEST(TimerR, ThreeHundredRestartsLoseNoTimer) {
+    EXPECT_TRUE(support::passes_in_child([] {
+        static std::atomic<bool> done{false};
+        pthread_t other;
+        auto create_and_delete = [](void *) -> void * {
+            while (!done)
+                EXPECT_EQ(timer_delete_r(timer_create_r(nullptr, count, 0, 0)), 0);
+            return nullptr;
+        };
+        pthread_create(&other, nullptr, create_and_delete, nullptr);
+        msgQHandle queue = msgQCreate(1, TIMER_MESSAGE_LENGTH, 0, "events");
+        timer_message event;
+        for (int round = 0; round < 300; ++round) {
+            timerHandle timer = timer_create_r(queue, nullptr, 0, 0);
+            timer_set_r(timer, 0);
+            ASSERT_EQ(msgQReceive(queue, &event, sizeof event, 10000), 0) << round;
+            ASSERT_EQ(timer_delete_r(timer), 0);
+            timer_set_r(timer_create_r(queue, nullptr, 0, 0), 1000000);
+            timer_close_r();
+        }
+        done = true;
+        pthread_join(other, nullptr);
+    }));
+}
+
+#ifdef UTILS_FAKE_LOCKS
+// Whom a change of the first due time wakes: the service's own thread, and an I/O loop.
+TEST(TimerR, WakesWhenTheFirstDueTimeChanges) {
+    static timerHandle a, b;
+    static ioss_loop *loop;
+    struct {
+        const char *what;
+        std::function<int()> call;
+        int by_thread, by_loop;
+    } steps[] = {
+        {"the first timer", [] { return timer_set_r(a, 300000); }, 1, 1},
+        {"the same one, earlier", [] { return timer_set_r(a, 200000); }, 1, 1},
+        {"the same one, later", [] { return timer_set_r(a, 300000); }, 0, 1},
+        {"one behind it", [] { return timer_set_r(b, 400000); }, 0, 0},
+        {"not the first any more", [] { return timer_cancel_r(b); }, 0, 0},
+        {"none is left", [] { return timer_cancelx_r(a); }, 1, 1},
+        {"a close", [] { return timer_close_r(); }, 1, 1},
+        {"the end",
+         [] { return (loop != nullptr ? timer_ioss_free(loop) : 0) + timer_set_r(a, 100000); }, 0,
+         0},
+    };
+    for (bool by_thread : {true, false}) {
+        EXPECT_TRUE(support::passes_in_child([&] {
+            loop = by_thread ? nullptr : ioss_loop_create();
+            if (loop != nullptr)
+                timer_ioss_create(
+                    loop, [](uintptr_t) { ++wakes; }, 0);
+            a = timer_create_r(nullptr, count, 0, 0);
+            b = timer_create_r(nullptr, count, 0, 0);
+            for (auto &step : steps) {
+                int before = wakes;
+                EXPECT_EQ(step.call(), 0) << step.what;
+                EXPECT_EQ(wakes - before, by_thread ? step.by_thread : step.by_loop) << step.what;
+            }
+        }));
+    }
+}
+#endif
 
 TEST(TimerR, AfterAFlushTimersRunDownAndDeliverNothing) {
     EXPECT_TRUE(support::passes_in_child([] {

@@ -14,30 +14,27 @@
 #include "support/wire.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
+#include "utils/platform/ipc.h"
 
 namespace {
 
 int control_result;        // of the requests to daemons
-std::string control_call;  // what was asked
+std::string control_call;  // what was asked: the daemon, the message's code and its payload
 
-int control(const std::string &what, const std::string &daemon, int code) {
-    control_call = what + " " + daemon + " " + std::to_string(code);
-    return control_result;
+std::string asking(uint32_t kind, const std::string &text, uint32_t port) {
+    auto length = static_cast<uint32_t>(text.size() + 1);
+    std::string padding(4 - text.size() % 4, 0);
+    return "portd 8 " + support::words({kind, 16, length, port}) + text + padding;
 }
 
 }  // namespace
 
-int getMySwitch(void) {
-    return 3;
-}
-int qelDRedirectOutput(const char *path, const char *daemon, int code) {
-    return control(path, daemon, code);
-}
-int qelDRedirOutputToSocket(const char *host, int port, const char *daemon, int code) {
-    return control(host + (":" + std::to_string(port)), daemon, code);
-}
-int qelDExitRequest(const char *daemon, int code, int mode) {
-    return control("exit " + std::to_string(mode), daemon, code);
+int ipcSendRcv(void *address, int code, const void *request, uint32_t length, void *reply,
+               uint32_t *, const uint32_t *) {
+    control_call = static_cast<ipc_address *>(address)->name + (" " + std::to_string(code)) + " " +
+                   std::string(static_cast<const char *>(request) + 20, length - 20);
+    memcpy(reply, &control_result, sizeof control_result);
+    return 0;
 }
 
 namespace {
@@ -262,16 +259,22 @@ TEST(TnetCmd, HandlersSayWhatTheyDo) {
     std::string no_tty = "\nFailed to set tty\n", no_stdin = "\nFailed to get current terminal\n";
     std::string no_server = "Failed to redirect instance7 output to server(1.2.3.4), port(99)\n";
     std::string no_exit = "Failed to request daemon to exit\n";
+    std::string to_file = asking(QELD_REDIRECT_PATH, "/tmp/f", 0);
+    std::string to_tty = asking(QELD_REDIRECT_PATH, "/dev/null", 0);
+    std::string to_server = asking(QELD_REDIRECT_SERVER, "1.2.3.4", 99);
+    std::string to_exit = "portd 8 " + support::words({2});
+    support::write_file("/config/haconfig", std::string(12, 0));
+    setMySwitch(3);
     std::tuple<int, const char *, int, int, std::string, std::string, std::string> cases[] = {
-        {1, "/tmp/f", 0, 0, "/tmp/f portd 8", file, ""},
-        {1, "/tmp/f", -22, -1, "/tmp/f portd 8", file, no_file},
-        {1, nullptr, 0, 0, "/dev/null portd 8", tty, ""},
-        {1, nullptr, -22, -22, "/dev/null portd 8", tty, no_tty},
-        {2, "1.2.3.4", 0, 0, "1.2.3.4:99 portd 8", server, ""},
-        {2, "1.2.3.4", -1, -1, "1.2.3.4:99 portd 8", "", no_server},
+        {1, "/tmp/f", 0, 0, to_file, file, ""},
+        {1, "/tmp/f", -22, -1, to_file, file, no_file},
+        {1, nullptr, 0, 0, to_tty, tty, ""},
+        {1, nullptr, -22, -22, to_tty, tty, no_tty},
+        {2, "1.2.3.4", 0, 0, to_server, server, ""},
+        {2, "1.2.3.4", -1, -1, to_server, "", no_server},
         {3, "1.2.3.4", 0, -22, "", "", ""},
-        {0, nullptr, -22, -22, "exit 2 portd 8", "", no_exit},
-        {0, nullptr, 0, 0, "exit 2 portd 8", "", ""},
+        {0, nullptr, -22, -22, to_exit, "", no_exit},
+        {0, nullptr, 0, 0, to_exit, "", ""},
         {1, nullptr, 0, 0, "", "", no_stdin},
     };
     qelTnetCmdDesc daemon{0, nullptr, "portd", 8};
