@@ -16,10 +16,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "base/descriptor.h"
 #include "base/last_words.h"
 #include "base/text.h"
+#include "base/trusted.h"
 #include "end_process.h"
 
 namespace utils {
@@ -77,6 +79,23 @@ void settle(FILE *stream, int64_t end) {
         dup2(nowhere.get(), fileno_unlocked(stream));
 }
 
+// Makes the directory below "/core_files" the working directory, if nobody else has a hand in it.
+// Everybody may add names to the common directory, so links below it are not followed. 0 or -1.
+int enter_core_directory(char *name) {
+    Descriptor at(open_trusted_directory(AT_FDCWD, QEL_CORE_DIRECTORY, 0));
+    for (char *part = name; at && part != nullptr;) {
+        char *rest = strchr(part, '/');
+        if (rest != nullptr)
+            *rest++ = '\0';
+        else if (*part != '\0')
+            mkdirat(at.get(), part, 0755);
+        if (*part != '\0')
+            at.reset(open_trusted_directory(at.get(), part, O_NOFOLLOW));
+        part = rest;
+    }
+    return at ? fchdir(at.get()) : -1;
+}
+
 [[noreturn]] void dump_core(int number, int64_t report_end) {
     // Nothing may interrupt the dump; 0 and the signals that cannot be ignored are refused.
     for (int n = 0; n <= 31; ++n)
@@ -122,12 +141,12 @@ int qel_coreenv_set(const char *name) {
         return printf("setrlimit:%s/%d\n", utils::program, result);
     char path[utils::kPathSize];
     snprintf(path, sizeof path, "%s/%s", QEL_CORE_DIRECTORY, name != nullptr ? name : "");
-    mkdir(path, 0755);
-    return chdir(path);
+    return utils::enter_core_directory(path + sizeof QEL_CORE_DIRECTORY);
 }
 
 int qel_pwddefault(void) {
-    return chdir(QEL_CORE_DIRECTORY);
+    char common[] = "";
+    return utils::enter_core_directory(common);
 }
 
 void qel_sigcleanup_set(void (*cleanup)(void)) {
