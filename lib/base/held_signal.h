@@ -1,14 +1,16 @@
-// Keeps a signal that a write may raise from this thread, and takes away what the write has raised;
-// one that was pending before stays so. The write then fails with its error.
+// A signal that a write may raise, SIGPIPE or SIGXFSZ, held back on this thread: the write fails
+// with its error and nothing more. Async-signal-safe (sigtimedwait() is a bare system call).
 #pragma once
 
-#include <signal.h>
+#include <pthread.h>
 
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 
 namespace utils {
 
+// Takes away what a write of its own raised; a signal that was pending before stays pending.
 class HeldSignal {
   public:
     explicit HeldSignal(int number) {
@@ -16,27 +18,26 @@ class HeldSignal {
         sigaddset(&held_, number);
         pthread_sigmask(SIG_BLOCK, &held_, &before_);
         sigset_t pending;
-        sigemptyset(&pending);
         sigpending(&pending);
-        was_pending_ = sigismember(&pending, number) == 1;
+        pending_before_ = sigismember(&pending, number) != 0;
     }
     ~HeldSignal() {
-        int saved_errno = errno;
-        timespec no_wait{};
-        if (!was_pending_) {
-            while (sigtimedwait(&held_, nullptr, &no_wait) < 0 && errno == EINTR) {
-            }
+        timespec at_once{};
+        while (raised_ && !pending_before_ && sigtimedwait(&held_, nullptr, &at_once) < 0 &&
+               errno == EINTR) {
         }
         pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-        errno = saved_errno;
     }
     HeldSignal(const HeldSignal &) = delete;
     HeldSignal &operator=(const HeldSignal &) = delete;
 
+    void raised() { raised_ = true; }
+
   private:
     sigset_t held_;
     sigset_t before_;
-    bool was_pending_;
+    bool pending_before_;
+    bool raised_ = false;
 };
 
 }  // namespace utils

@@ -120,6 +120,8 @@ int dump_to_file() UTILS_REQUIRES(lock) {
     auto room = static_cast<size_t>(cache.room);
     bool whole = file && (cache.wraps == 0 || write_all(file.get(), cache.write, room)) &&
                  write_all(file.get(), cache.start, static_cast<size_t>(cache.size) - room);
+    if (!whole)
+        size_limit.raised();
     return whole && file.commit() ? 0 : LOG_CACHE_NO_FILE;
 }
 

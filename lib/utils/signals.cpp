@@ -55,7 +55,7 @@ __attribute__((destructor)) void before_the_last_flush() {
 // no room is dropped, and so is what exit functions add then; who holds the stream's lock for that
 // long keeps it from nobody any more.
 void settle(FILE *stream, int64_t end) {
-    SigpipeHeld sigpipe;
+    HeldSignal sigpipe(SIGPIPE);
     bool locked = ftrylockfile(stream) == 0;
     for (; !locked && monotonic_ms() < end; locked = ftrylockfile(stream) == 0)
         poll(nullptr, 0, 5);

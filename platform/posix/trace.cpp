@@ -254,6 +254,7 @@ void *map_file(int directory, int fd, const char *name, size_t size, const trace
         if (address != MAP_FAILED)
             return address;
     }
+    size_limit.raised();
     unlinkat(directory, name, 0);
     return nullptr;
 }
