@@ -114,11 +114,14 @@ static void read_counters(uint32_t elapsed_ms) {
         fclose(file);
 }
 
-/* The table is shared with other processes, so it is written under the process lock. */
+/* The table is shared with other processes, so it is written under the process lock. It is made
+   anew, since anybody may have put something into its place. */
 static void write_table(void) {
     if (procrwlock_wrlock(&table_lock) != 0)
         return;
-    FILE *file = fopen(table_path, "we");
+    unlink(table_path);
+    int fd = open(table_path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    FILE *file = fd >= 0 ? fdopen(fd, "w") : NULL;
     for (int i = 0; file != NULL && i < port_count; ++i)
         fprintf(file, "%-10s in %10" PRIu64 " B/s  out %10" PRIu64 " B/s\n", ports[i].name,
                 ports[i].rx_rate, ports[i].tx_rate);
@@ -269,6 +272,14 @@ static void *serve_client(void *socket_word) {
     return NULL;
 }
 
+/* Commands come from root and from the daemon's own user only. */
+static int is_trusted(int client) {
+    struct ucred peer;
+    socklen_t size = sizeof peer;
+    return getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
+           (peer.uid == 0 || peer.uid == geteuid());
+}
+
 /* Runs on the watch thread, which must not wait for anybody. A client that cannot be accepted for
    lack of descriptors stays in the queue, and the listener readable: a pause keeps the thread from
    spinning meanwhile. */
@@ -278,6 +289,8 @@ static int on_connection(int listener) {
     int client = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
     if (client < 0)
         return errno == EAGAIN ? -1 : poll(NULL, 0, ACCEPT_PAUSE_MS);
+    if (!is_trusted(client))
+        return close(client);
     pthread_mutex_lock(&stats_lock);
     int taken = clients < MAX_CLIENTS &&
                 pthread_create(&thread, NULL, serve_client, (void *)(intptr_t)client) == 0;

@@ -17,7 +17,8 @@
  * Threads: any thread may log, dump, clear and toggle. A log's mutex is held while it prints, so a
  * thread that uses these calls is not to be cancelled. Lock order: database, then log. Freeing
  * needs the log to be out of use. After fork() the child may go on writing to a log in a trace
- * section (both write to the same ring), but leaves freeing to its parent.
+ * section: both write to the same ring, one that is killed meanwhile holds up nobody, and freeing
+ * in the child takes nothing from its parent. Not for signal handlers.
  */
 #ifndef UTILS_EVLOG_H
 #define UTILS_EVLOG_H
@@ -102,6 +103,8 @@ char *qel_evlog(qel_evlog_handle *handle, const char *format, ...) UTILS_PRINTF(
 
 /**
  * Prints a log's header and its events, oldest first. The header is read without the log's lock.
+ * After every 256th wrap, whose count is 0 again, the entries older than the wrap are left out
+ * until the next one.
  * @param stream where to
  * @param handle the log
  * @param level  detail; only its sign matters: below 0 the events are left out

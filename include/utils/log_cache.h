@@ -28,7 +28,7 @@ UTILS_BEGIN_DECLS
  *  @{ */
 #define LOG_CACHE_NO_MEMORY (-2)        /**< no memory for the buffer */
 #define LOG_CACHE_NOT_INSTANTIATED (-3) /**< there is no cache yet */
-#define LOG_CACHE_NO_FILE (-4)          /**< the file cannot be opened */
+#define LOG_CACHE_NO_FILE (-4)          /**< the file cannot be written */
 #define LOG_CACHE_TOO_SMALL (-5)        /**< the caller's buffer is too small */
 /** @} */
 
@@ -59,8 +59,10 @@ void log_cache_write_string(const char *text);
 
 /**
  * Writes the cache to its file, the older lines first. Zero bytes may stand where the cache started
- * again, and one half line where it was overwritten. A link or special file in the place of the
- * file is refused.
+ * again, and one half line where it was overwritten. The lines go to a new file beside the old one
+ * and take its place when all are written: when that fails (a full disk, the limit on file sizes)
+ * the old file stays. A link or special file in its place is refused, and so is a file that belongs
+ * to neither root nor this process's user or that others may write.
  * @return 0; LOG_CACHE_NOT_INSTANTIATED without a cache (which is printed); LOG_CACHE_NO_FILE
  */
 int log_cache_dump(void);
@@ -77,7 +79,7 @@ int log_cache_dump_buf(char *buf, int len);
 
 /**
  * Dumps the cache to its file, then gives it an empty buffer of another size. No line is lost
- * between the two.
+ * between the two, but a dump that fails does not hold up the resize: the lines are gone then.
  * @param size bytes, up to LOG_CACHE_SIZE_MAX; less than LOG_CACHE_SIZE_DEFAULT counts as that
  * @return 0, or LOG_CACHE_NO_MEMORY (which is printed); then the cache has no buffer until a later
  *         resize succeeds: lines are ignored, dumps answer LOG_CACHE_NOT_INSTANTIATED

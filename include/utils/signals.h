@@ -45,14 +45,16 @@ typedef void (*qel_handler)(int);
 
 /**
  * Raises the core size limit and makes "/core_files/NAME" the working directory, creating it when
- * it is missing.
+ * it is missing. Either directory is refused when it belongs to neither root nor the process's
+ * user, or when others may write it and it is not sticky; NAME is refused when it is a link.
  * @param name the program's name, cut to 31 characters in messages; null counts as ""
- * @return 0; the result of chdir() when that fails; when a limit cannot be read or set, the result
- *         of the message about it (the working directory is unchanged then)
+ * @return 0; -1 when the directory is refused or cannot be entered; when a limit cannot be read or
+ *         set, the result of the message about it. The working directory is unchanged in both cases
  */
 int qel_coreenv_set(const char *name);
 
-/** Makes "/core_files" the working directory. @return the result of chdir() */
+/** Makes "/core_files" the working directory. @return 0, or -1 when it is refused as by
+ *  qel_coreenv_set() or cannot be entered */
 int qel_pwddefault(void);
 
 /** Lets @p cleanup run, at most once, before a signal ends the process; null removes it. */

@@ -17,6 +17,7 @@
 
 #include "base/deadline.h"
 #include "base/descriptor.h"
+#include "base/held_signal.h"
 #include "base/text.h"
 
 // The C library's name for this field is younger than the systems we run on.
@@ -32,37 +33,6 @@ constexpr int kEndReportMs = 1000;  // the reports of one that a signal ends
 constexpr int kExitMs = 2000;       // its buffered output
 constexpr int kLastFlushMs = 1000;  // what the C library still writes in exit() or abort()
 constexpr int kFatalMs = 3000;      // everything said before a core file
-
-// Holds SIGPIPE back on this thread and takes away what a write of its own raised; a SIGPIPE that
-// was pending before stays pending.
-class SigpipeHeld {
-  public:
-    SigpipeHeld() {
-        sigemptyset(&sigpipe_);
-        sigaddset(&sigpipe_, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
-        sigset_t pending;
-        sigpending(&pending);
-        pending_before_ = sigismember(&pending, SIGPIPE) != 0;
-    }
-    ~SigpipeHeld() {
-        timespec at_once{};
-        while (raised_ && !pending_before_ && sigtimedwait(&sigpipe_, nullptr, &at_once) < 0 &&
-               errno == EINTR) {
-        }
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    SigpipeHeld(const SigpipeHeld &) = delete;
-    SigpipeHeld &operator=(const SigpipeHeld &) = delete;
-
-    void raised() { raised_ = true; }
-
-  private:
-    sigset_t sigpipe_;
-    sigset_t before_;
-    bool pending_before_;
-    bool raised_ = false;
-};
 
 // A way of our own to the pipe or terminal behind `fd`, on which no write waits: the mode of `fd`
 // itself belongs to other processes, too. -1 where there is none, or no need for one.
@@ -80,7 +50,7 @@ inline int opened_anew(int fd) {
 // Writes what finds room until the monotonic millisecond `end` and drops the rest; false then, or
 // when the descriptor fails.
 inline bool write_until(int64_t end, int fd, const void *bytes, size_t size) {
-    SigpipeHeld sigpipe;
+    HeldSignal sigpipe(SIGPIPE);
     Descriptor own(opened_anew(fd));
     int to = own ? own.get() : fd;
     auto *from = static_cast<const char *>(bytes);

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/local_time.h"
 #include "time_base.h"
 #include "utils/identity.h"
 #include "utils/platform/release.h"
@@ -143,9 +144,9 @@ int get_time(time_t seconds, char *text) {
     if (text == nullptr)
         return 0;
     text[0] = '\0';
-    tm local{};
-    tzset();
-    if (localtime_r(&seconds, &local) == nullptr)
+    tzset();  // the caller may have changed TZ a moment ago
+    tm local;
+    if (!utils::local_time(seconds, local))
         return 0;
     return static_cast<int>(strftime(text, CLOCK_TIME_ROOM, "%b %d %H:%M:%S", &local));
 }

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
@@ -19,6 +20,7 @@
 #include <ctime>
 #include <type_traits>
 
+#include "base/local_time.h"
 #include "base/text.h"
 #include "base/thread.h"
 #include "utils/platform/trace.h"
@@ -57,9 +59,10 @@ int wrapped_of(qel_evlog_handle &log) {
     return std::atomic_ref(log.wrapped).load(kRelaxed);
 }
 
+// The count first: a writer that dies in between leaves a ring that still shows its events.
 void set_position(qel_evlog_handle &log, int32_t current, unsigned wrapped) {
-    std::atomic_ref(log.current).store(current, kRelaxed);
     std::atomic_ref(log.wrapped).store(static_cast<uint8_t>(wrapped), kRelaxed);
+    std::atomic_ref(log.current).store(current, kRelaxed);
 }
 
 // Text of a field that has no terminator when it is full.
@@ -71,15 +74,41 @@ void copy_field(char (&to)[size], const char *text) {
         memcpy(to, text, length);
 }
 
-// The mutex of a log in shared memory works between processes, for children that go on logging.
+// The mutex of a log in shared memory works between processes, for children that go on logging, and
+// a child that is killed while it holds the mutex hands it on. A system without such mutexes has
+// plain ones.
 void init_lock(pthread_mutex_t *lock, bool shared) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
-    if (shared)
+    if (shared) {
         pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-    pthread_mutex_init(lock, &attributes);
+        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    }
+    int error = pthread_mutex_init(lock, &attributes);
+    if (error != 0 && shared) {
+        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_STALLED);
+        error = pthread_mutex_init(lock, &attributes);
+    }
+    if (error != 0)
+        pthread_mutex_init(lock, nullptr);
     pthread_mutexattr_destroy(&attributes);
 }
+
+// Holds a log's mutex. What a dead holder has left of the ring is in order at any moment: the index
+// moves last.
+class LogLock {
+  public:
+    explicit LogLock(qel_evlog_handle &log) : mutex_(log.lock) {
+        if (pthread_mutex_lock(&mutex_) == EOWNERDEAD)
+            pthread_mutex_consistent(&mutex_);
+    }
+    ~LogLock() { pthread_mutex_unlock(&mutex_); }
+    LogLock(const LogLock &) = delete;
+    LogLock &operator=(const LogLock &) = delete;
+
+  private:
+    pthread_mutex_t &mutex_;
+};
 
 // The section's name: five characters of the log's name, and the number behind a name that is no
 // longer than that.
@@ -179,6 +208,7 @@ void run_self_test(qel_evlog_db &db) {
 }  // namespace
 }  // namespace utils
 
+using utils::LogLock;
 using utils::RecordLock;
 
 int qel_evlog_init(qel_evlog_db *db) {
@@ -234,7 +264,7 @@ qel_evlog_handle *qel_evlog_newHandle(qel_evlog_db *db, int entries, const char 
 char *qel_evlog(qel_evlog_handle *handle, const char *format, ...) {
     if (handle == nullptr || format == nullptr)
         return nullptr;
-    RecordLock lock(handle->lock);
+    LogLock lock(*handle);
     qel_evlog_entry &entry = handle->entries[utils::current_of(*handle)];
     va_list values;
     va_start(values, format);
@@ -259,7 +289,7 @@ int qel_evlog_dump(FILE *stream, qel_evlog_handle *handle, int level) {
     fprintf(stream, "wrapped            :%d\n", utils::wrapped_of(*handle));
     fprintf(stream, "trace hndl         :%d\n", handle->trace_handle);
     {
-        RecordLock lock(handle->lock);
+        LogLock lock(*handle);
         int32_t current = utils::current_of(*handle);
         if (utils::wrapped_of(*handle) != 0)
             utils::dump_entries(stream, *handle, current, handle->total, level);
@@ -274,9 +304,8 @@ void qel_evlog_entry_dump(FILE *stream, char *line, qel_evlog_entry *entry, int 
     if (stream == nullptr || line == nullptr || entry == nullptr || level < 0)
         return;
     constexpr size_t kCutText = 65;
-    time_t seconds = entry->seconds;
-    tm local{};
-    localtime_r(&seconds, &local);
+    tm local;
+    utils::local_time(entry->seconds, local);
     size_t length = strftime(line, utils::kTimeSize, "%H:%M:%S", &local);
     length += static_cast<size_t>(snprintf(line + length, QEL_EVLOG_LINE_SIZE - length, ".%03ld ",
                                            static_cast<long>(entry->microseconds / 1000)));
@@ -315,7 +344,7 @@ void qel_evlog_db_list(FILE *stream, qel_evlog_db *db) {
     RecordLock lock(db->lock);
     fprintf(stream, "Listing all the handles:\n");
     for (qel_evlog_handle *log = db->head; log != nullptr; log = log->next) {
-        RecordLock log_lock(log->lock);
+        LogLock log_lock(*log);
         fprintf(stream, "[%.*s]\t[%.*s]\n", QEL_EVLOG_NAME_SIZE, log->name, QEL_EVLOG_SHORTCUT_SIZE,
                 log->shortcut);
     }
@@ -326,7 +355,7 @@ qel_evlog_handle *qel_evlog_findByShortCut(qel_evlog_db *db, const char *shortcu
         return nullptr;
     RecordLock lock(db->lock);
     for (qel_evlog_handle *log = db->head; log != nullptr; log = log->next) {
-        RecordLock log_lock(log->lock);
+        LogLock log_lock(*log);
         char stored[QEL_EVLOG_SHORTCUT_SIZE + 1] = {};
         memcpy(stored, log->shortcut, QEL_EVLOG_SHORTCUT_SIZE);
         if (strcasecmp(stored, shortcut) == 0)
@@ -346,7 +375,7 @@ void qel_evlog_db_clear(qel_evlog_db *db) {
 void qel_evlog_clear(qel_evlog_handle *handle) {
     if (handle == nullptr)
         return;
-    RecordLock lock(handle->lock);
+    LogLock lock(*handle);
     memset(handle->entries, 0, static_cast<size_t>(handle->total) * sizeof(qel_evlog_entry));
     utils::set_position(*handle, 0, 0);
 }
@@ -366,17 +395,19 @@ int qel_evlog_free(qel_evlog_db *db) {
 void qel_evlog_handle_free(qel_evlog_handle *handle) {
     if (handle == nullptr)
         return;
-    pthread_mutex_destroy(&handle->lock);
-    if (handle->trace_handle == QEL_EVLOG_HEAP)
-        free(handle);
-    else
+    if (handle->trace_handle != QEL_EVLOG_HEAP) {
+        // The mutex ends with its memory: a forked child's parent, or its children, may go on.
         trace_module_cleanup(handle->trace_handle);
+        return;
+    }
+    pthread_mutex_destroy(&handle->lock);
+    free(handle);
 }
 
 void qel_evlog_handle_toggleShow(qel_evlog_handle *handle) {
     if (handle == nullptr)
         return;
-    RecordLock lock(handle->lock);
+    LogLock lock(*handle);
     handle->echo = handle->echo == 0 ? 1 : 0;
 }
 

@@ -4,8 +4,6 @@
 // zero.
 #include "utils/log_cache.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,8 +13,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/descriptor.h"
+#include "base/held_signal.h"
+#include "base/local_time.h"
 #include "base/thread.h"
+#include "base/trusted.h"
 #include "base/write_all.h"
 
 int32_t logCacheReqCode = 0;
@@ -89,9 +89,8 @@ int reported(int result, int line) {
 
 // "HH:MM:SS tid "
 int make_stamp(char (&stamp)[kStampSize]) {
-    time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
+    tm local;
+    local_time(time(nullptr), local);
     return snprintf(stamp, sizeof stamp, "%02d:%02d:%02d %d ", local.tm_hour, local.tm_min,
                     local.tm_sec, static_cast<int>(gettid()));
 }
@@ -113,27 +112,17 @@ void store_line(const char *stamp, size_t stamp_length, const char *text, size_t
     cache.room -= total;
 }
 
-// An empty file at `path`, or none: a planted link, symbolic or hard, is not written through.
-int open_plain_file(const char *path) {
-    Descriptor file(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
-    struct stat status {};
-    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        status.st_nlink != 1 || ftruncate(file.get(), 0) != 0)
-        return -1;
-    return file.release();
-}
-
 int dump_to_file() UTILS_REQUIRES(lock) {
     if (!instantiated.load(std::memory_order_relaxed) || cache.start == nullptr)
         return LOG_CACHE_NOT_INSTANTIATED;
-    Descriptor file(open_plain_file(cache.path));
-    if (!file)
-        return LOG_CACHE_NO_FILE;
+    HeldSignal size_limit(SIGXFSZ);
+    Replacement file(cache.path, 0644);
     auto room = static_cast<size_t>(cache.room);
-    if (cache.wraps > 0)
-        write_all(file.get(), cache.write, room);
-    write_all(file.get(), cache.start, static_cast<size_t>(cache.size) - room);
-    return 0;
+    bool whole = file && (cache.wraps == 0 || write_all(file.get(), cache.write, room)) &&
+                 write_all(file.get(), cache.start, static_cast<size_t>(cache.size) - room);
+    if (!whole)
+        size_limit.raised();
+    return whole && file.commit() ? 0 : LOG_CACHE_NO_FILE;
 }
 
 int replace_buffer(int32_t size, int *dumped) {

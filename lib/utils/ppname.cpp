@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/write_all.h"
 
 namespace utils {
 namespace {
@@ -114,14 +115,16 @@ int stor_pid(const char *name, int instance) {
     if (name == nullptr || length >= static_cast<int>(sizeof path))
         errno = name == nullptr ? EINVAL : ENAMETOOLONG;
     else
-        file.reset(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
+        do
+            file.reset(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
+        while (!file && errno == EINTR);
     if (!file) {
         perror("opening the pid file");
         return -1;
     }
     char text[16];
     int size = snprintf(text, sizeof text, "%d\n", getpid());
-    if (write(file.get(), text, static_cast<size_t>(size)) != size) {
+    if (!write_all(file.get(), text, static_cast<size_t>(size))) {
         perror("write the pid");
         return -1;
     }

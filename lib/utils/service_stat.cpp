@@ -21,6 +21,7 @@
 #include "base/deadline.h"
 #include "base/descriptor.h"
 #include "base/heap.h"
+#include "base/local_time.h"
 #include "base/tick_rate.h"
 #include "base/write_all.h"
 #include "utils/ticks.h"
@@ -68,7 +69,9 @@ bool is_empty(int fd) {
 
 void write_heading(FILE *out, time_t now) {
     char date[32] = "\n";
-    ctime_r(&now, date);
+    tm local;
+    if (local_time(now, local))
+        asctime_r(&local, date);
     fprintf(out, "%40s%s%s%s\n\n", "", "SWITCH SERVICE REQUEST R",
             "ESPONSE TIMES                       ", date);
     fprintf(out, "%s%s%s%s", "=======================================+", "=======+=======+=======+",

@@ -16,10 +16,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "base/descriptor.h"
 #include "base/last_words.h"
 #include "base/text.h"
+#include "base/trusted.h"
 #include "end_process.h"
 
 namespace utils {
@@ -53,7 +55,7 @@ __attribute__((destructor)) void before_the_last_flush() {
 // no room is dropped, and so is what exit functions add then; who holds the stream's lock for that
 // long keeps it from nobody any more.
 void settle(FILE *stream, int64_t end) {
-    SigpipeHeld sigpipe;
+    HeldSignal sigpipe(SIGPIPE);
     bool locked = ftrylockfile(stream) == 0;
     for (; !locked && monotonic_ms() < end; locked = ftrylockfile(stream) == 0)
         poll(nullptr, 0, 5);
@@ -75,6 +77,23 @@ void settle(FILE *stream, int64_t end) {
     Descriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
     if (nowhere)
         dup2(nowhere.get(), fileno_unlocked(stream));
+}
+
+// Makes the directory below "/core_files" the working directory, if nobody else has a hand in it.
+// Everybody may add names to the common directory, so links below it are not followed. 0 or -1.
+int enter_core_directory(char *name) {
+    Descriptor at(open_trusted_directory(AT_FDCWD, QEL_CORE_DIRECTORY, 0));
+    for (char *part = name; at && part != nullptr;) {
+        char *rest = strchr(part, '/');
+        if (rest != nullptr)
+            *rest++ = '\0';
+        else if (*part != '\0')
+            mkdirat(at.get(), part, 0755);
+        if (*part != '\0')
+            at.reset(open_trusted_directory(at.get(), part, O_NOFOLLOW));
+        part = rest;
+    }
+    return at ? fchdir(at.get()) : -1;
 }
 
 [[noreturn]] void dump_core(int number, int64_t report_end) {
@@ -122,12 +141,12 @@ int qel_coreenv_set(const char *name) {
         return printf("setrlimit:%s/%d\n", utils::program, result);
     char path[utils::kPathSize];
     snprintf(path, sizeof path, "%s/%s", QEL_CORE_DIRECTORY, name != nullptr ? name : "");
-    mkdir(path, 0755);
-    return chdir(path);
+    return utils::enter_core_directory(path + sizeof QEL_CORE_DIRECTORY);
 }
 
 int qel_pwddefault(void) {
-    return chdir(QEL_CORE_DIRECTORY);
+    char common[] = "";
+    return utils::enter_core_directory(common);
 }
 
 void qel_sigcleanup_set(void (*cleanup)(void)) {

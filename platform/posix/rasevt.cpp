@@ -17,6 +17,7 @@
 
 #include "base/descriptor.h"
 #include "base/last_words.h"
+#include "base/local_time.h"
 
 namespace {
 
@@ -92,9 +93,8 @@ int rasevt_log(const char *file, const char *function, int line, int, int, unsig
     if (length < 0)
         return 0;
     make_one_line(event, cut(length, sizeof event));
-    time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
+    tm local;
+    utils::local_time(time(nullptr), local);
     send_to_system_log(event, local);
     append_to_event_file(event, local);
     return 0;

@@ -54,6 +54,8 @@ expect 1 'left no event log' qelctl evlog --pid 1
 expect 0 '^switch: +7$' qelctl who -s 7
 expect 0 '^node: +5$' qelctl who
 
+echo precious >/tmp/precious
+ln -s /tmp/precious /run/korin/portd.7.table
 portd -s 7 -p 100 >/tmp/portd.out 2>&1 &
 portd=$!
 await grep -q 'round 2' /tmp/portd.out
@@ -61,6 +63,7 @@ expect 0 '^5 +7 +portd +[0-9]+ +[A-Z][a-z]{2} .* running$' qelctl list
 expect 0 '^ports ' qelctl cmd -s 7 portd help
 expect 0 'unknown command' qelctl cmd -s 7 portd nonsense
 expect 0 'lo +in' qelctl cmd -s 7 portd ports
+[ "$(cat /tmp/precious)" = precious ] || fail "the daemon has written through a planted link"
 expect 0 'round 1$' qelctl cmd -s 7 portd log
 expect 0 'command help' qelctl cmd -s 7 portd events
 expect 0 'not a number: --help' qelctl cmd -s 7 portd sleep --help
@@ -96,6 +99,7 @@ expect 0 '^portd +help +[1-9][0-9]* +0 +0 ' qelctl stats 7
 expect 0 '^portd +sleep +[0-9]+ +#+$' qelctl stats 7 --plot
 
 # Event logs of a living process, followed until it is dead, and of the dead one.
+expect 0 '^[0-9]+ +1 +[^ ]+ +portd +ports 1 +7 +running$' qelctl evlog
 section=$(qelctl evlog | awk '$3 == "root" && $5 == "ports" {print $1 "." $2 "." $4 "." $5 " " $6; exit}')
 expect 0 'shortcut +:ports' qelctl evlog --file "$section"
 qelctl evlog --file "$section" --follow >/tmp/followed & follower=$!
@@ -115,6 +119,7 @@ kill -KILL "$victim"
 await gone "$victim"
 expect 0 'victim .* stale$' qelctl list
 expect 0 'lo: in' qelctl evlog --pid "$victim"
+expect 0 "^$victim +2 +[^ ]+ +portd +cmds 2 +7 +dead\$" qelctl evlog
 expect 4 'no daemon victim' qelctl exit -s 7 victim
 head -c 200 /dev/urandom >/tmp/noise
 expect 1 'not an event log' qelctl evlog --file /tmp/noise
@@ -138,7 +143,7 @@ printf '\e[2J\xff\n' | dd of="$planted" bs=1 seek="$at" conv=notrunc status=none
 touch $'/run/korin/5.9.dae\e[2Jmon.ipc'
 expect 0 'dae\\x1b\[2Jmon' qelctl list && clean /tmp/out
 expect 1 'no\\x1b\[2J: No such file' qelctl evlog --file $'no\e[2J' && clean /tmp/out
-expect 0 'root +portd +x\\x1b\[2J +dead$' qelctl evlog && clean /tmp/out
+expect 0 'root +portd +x\\x1b\[2J +- +dead$' qelctl evlog && clean /tmp/out
 expect 1 'bad: not an event log$' qelctl evlog --pid 4242 && clean /tmp/out
 grep -q $'\\\\x1b\\[2J\ufffd$' /tmp/out || fail "the section behind an unreadable one is hidden"
 grep -q '^owner  *:root$' /tmp/out || fail "no owner"

@@ -27,6 +27,12 @@ extern "C" int ioctl(int, unsigned long request, ...) noexcept {
     return request == 0x4004DF06 && platform_code >= 0 ? 0 : -1;
 }
 
+// Each look at the clock is in a second of its own.
+extern "C" time_t time(time_t *) noexcept {
+    static time_t second = 0;
+    return ++second;
+}
+
 int trace_data_init(int *handle, int kind, unsigned size, const char *name, int section,
                     void **address, int code) {
     static auto real =
@@ -207,7 +213,7 @@ TEST(EvlogOfAKilledDaemon, IsReadFromItsSectionByAnotherProcess) {
     std::string block =
         support::read_file(TRACE_DIRECTORY "/" + daemon.out + ".1.evlog_test.proto");
     auto *log = reinterpret_cast<qel_evlog_handle *>(block.data());
-    ASSERT_EQ(block.size(), sizeof *log + 50 * sizeof(qel_evlog_entry));
+    ASSERT_EQ(block.size(), sizeof *log + 50 * sizeof(qel_evlog_entry) + sizeof(trace_owner));
     log->entries = reinterpret_cast<qel_evlog_entry *>(log + 1);
     pthread_mutex_init(&log->lock, nullptr);
     std::string events;
@@ -215,6 +221,39 @@ TEST(EvlogOfAKilledDaemon, IsReadFromItsSectionByAnotherProcess) {
         events += "T step " + std::to_string(i) + "\n";
     EXPECT_THAT(dump_of(log), HasSubstr("current            :20\nwrapped            :2\n"));
     EXPECT_THAT(dump_of(log), HasSubstr("\n" + events + "---"));
+}
+
+TEST(EvlogInAChild, NeitherItsDeathNorItsFreeStopsTheParent) {
+    qel_evlog_db db;
+    support::write_file("/dev/moxsys", "");
+    platform_code = 0;
+    ASSERT_EQ(qel_evlog_init(&db), 0);
+    qel_evlog_handle *log = qel_evlog_newHandle(&db, 5, "shared", "s");
+    EXPECT_EQ(support::in_child([&] { return qel_evlog_free(&db); }).status, 0);
+    EXPECT_EQ(pthread_mutex_trylock(&log->lock), 0);
+    pthread_mutex_unlock(&log->lock);
+    if (support::emulated())
+        GTEST_SKIP() << "the emulator has no robust mutexes";
+    auto die = [=] { return pthread_mutex_lock(&log->lock) + raise(SIGKILL); };
+    support::in_child(die);
+    ASSERT_EQ(pthread_mutex_trylock(&log->lock), EOWNERDEAD) << "not to be waited for below";
+    pthread_mutex_consistent(&log->lock);
+    pthread_mutex_unlock(&log->lock);
+    support::in_child(die);
+    for (const char *text : {"after\n", "again\n"})
+        EXPECT_STREQ(qel_evlog(log, "%s", text), text);
+    EXPECT_EQ(qel_evlog_free(&db), 0);
+}
+
+TEST(EvlogEntry, IsShownInTheZoneOfTheMoment) {
+    qel_evlog_entry entry{0, 0, "x\n"};
+    for (auto [zone, shown] :
+         {std::pair("EAST-3", "03:00:00.000 x\n"), {"WEST+5", "19:00:00.000 x\n"}}) {
+        char line[QEL_EVLOG_LINE_SIZE];
+        setenv("TZ", zone, 1);
+        qel_evlog_entry_dump(stdout, line, &entry, 0);
+        EXPECT_STREQ(line, shown);
+    }
 }
 
 TEST_P(Evlog, ThreadsLoseNoEventWhileOthersDump) {

@@ -1,5 +1,6 @@
 #include "utils/log_cache.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,9 +16,10 @@
 #include "support/heap.h"
 #include "support/support.h"
 
-// Always the same moment, so that stamps can be foretold.
+// A moment that stands still, so that stamps can be foretold.
+static time_t moment = 9 * 3600 + 34 * 60 + 56;
 extern "C" time_t time(time_t *) noexcept {
-    return 9 * 3600 + 34 * 60 + 56;
+    return moment;
 }
 
 namespace {
@@ -130,10 +132,12 @@ TEST(LogCache, DumpWritesThroughNoPlantedFile) {
     expect_passes([] {
         log_cache_write("secret\n");
         support::write_file("/tmp/victim", "precious");
-        for (auto plant : {+[] { std::filesystem::create_symlink("/tmp/victim", "/tmp/cache"); },
-                           +[] { std::filesystem::create_hard_link("/tmp/victim", "/tmp/cache"); },
-                           +[] { std::filesystem::create_directory("/tmp/cache"); },
-                           +[] { mkfifo("/tmp/cache", 0600); }}) {
+        for (auto plant :
+             {+[] { std::filesystem::create_symlink("/tmp/victim", "/tmp/cache"); },
+              +[] { std::filesystem::create_hard_link("/tmp/victim", "/tmp/cache"); },
+              +[] { std::filesystem::create_directory("/tmp/cache"); },
+              +[] { close(open("/tmp/cache", O_CREAT, 0600)), chmod("/tmp/cache", 0622); },
+              +[] { mkfifo("/tmp/cache", 0600); }}) {
             std::filesystem::remove("/tmp/cache");
             plant();
             EXPECT_EQ(log_cache_dump(), -4);
@@ -141,6 +145,37 @@ TEST(LogCache, DumpWritesThroughNoPlantedFile) {
         }
         std::filesystem::remove("/tmp/cache");
         EXPECT_EQ(dumped(), stamp() + "secret\n" + '\0');
+    });
+}
+
+TEST(LogCache, DumpThatFindsNoRoomKeepsTheOldFileAndAResizeGoesOn) {
+    expect_passes([] {
+        log_cache_write("old\n");
+        std::string old = dumped();
+        log_cache_write("new\n");
+        // The limit's signal, which would end the process, is held back.
+        for (rlim_t limit : {20, 0, 20}) {
+            rlimit limits{limit, RLIM_INFINITY};
+            setrlimit(RLIMIT_FSIZE, &limits);
+            int result = limit == 0 ? log_cache_resize(50000) : log_cache_dump();
+            limits.rlim_cur = RLIM_INFINITY;
+            setrlimit(RLIMIT_FSIZE, &limits);
+            EXPECT_EQ(result, limit == 0 ? 0 : -4);
+            EXPECT_EQ(support::read_file("/tmp/cache"), old);
+            log_cache_write("%100s\n", "");
+        }
+        EXPECT_NE(system("ls /tmp/cache.* 2>/dev/null"), 0);
+    });
+}
+
+TEST(LogCache, StampsFollowTheZoneWithTheNextSecond) {
+    expect_passes([] {
+        log_cache_write("east\n");
+        setenv("TZ", "WEST+5", 1);
+        ++moment;
+        log_cache_write("west\n");
+        std::string tid = " " + std::to_string(gettid());
+        EXPECT_EQ(dumped(), "12:34:56" + tid + " east\n04:34:57" + tid + " west\n" + '\0');
     });
 }
 
@@ -174,7 +209,7 @@ TEST(LogCache, EightWritersLoseNothingWhileAnotherResizesAndDumps) {
             ASSERT_EQ(log_cache_resize(next_size), 0);
             std::string text = support::read_file("/tmp/cache"), line;
             // Behind the lines stands the one byte of the place of the next.
-            ASSERT_EQ(text.rfind('\n') + 2, text.size());
+            ASSERT_EQ(text.rfind('\n', text.size() - 2) + 2, text.size());
             bool full = text.size() >= size;
             size = static_cast<size_t>(next_size);
             std::istringstream lines(text.substr(0, text.size() - 1));

@@ -3,12 +3,18 @@
 #include <arpa/inet.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 
 #include "support/support.h"
+
+static int interruptions = 0;  // of the next calls
+extern "C" ssize_t write(int fd, const void *bytes, size_t size) {
+    return interruptions-- > 0 ? (errno = EINTR, -1) : syscall(SYS_write, fd, bytes, size);
+}
 
 namespace {
 
@@ -75,6 +81,7 @@ TEST(PpName, LocksWholeFilesAgainstOtherProcesses) {
 
 TEST(PpName, WritesThePidFileForOthersAndFollowsNoLink) {
     support::write_file("/var/run/nsd.0.pid", "a much longer text than a pid\n");
+    interruptions = 2;
     EXPECT_EQ(stor_pid("nsd", 0), 0);
     EXPECT_EQ(support::captured(1, [] { ASSERT_EQ(system("cat /var/run/nsd.0.pid"), 0); }),
               std::to_string(getpid()) + "\n");

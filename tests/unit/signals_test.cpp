@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -48,11 +49,21 @@ TEST(Signals, CoreEnvironmentIsADirectoryOfItsOwnAndARaisedLimit) {
             EXPECT_FALSE(std::filesystem::exists("/core_files/limited"));
         }
         fail_limit = 0;
-        // The second time the directory exists.
+        // The second time the directory exists. What others have planted or may write is refused.
+        std::filesystem::create_directory_symlink("/tmp", "/core_files/link");
+        for (auto [name, mode] : {std::pair("open", 0777), {"group", 0775}, {"sticky", 01777}}) {
+            mkdir((std::string("/core_files/") + name).c_str(), 0755);
+            chmod((std::string("/core_files/") + name).c_str(), static_cast<mode_t>(mode));
+        }
         std::string longest(200, 'n');
         std::tuple<const char *, int, std::string> cases[] = {
             {"portd", 0, "/core_files/portd"},
             {"missing/parent", -1, "/core_files/portd"},
+            {"link", -1, "/core_files/portd"},
+            {"link/portd", -1, "/core_files/portd"},
+            {"open", -1, "/core_files/portd"},
+            {"group", -1, "/core_files/portd"},
+            {"sticky/portd", 0, "/core_files/sticky/portd"},
             {"portd", 0, "/core_files/portd"},
             {longest.c_str(), 0, "/core_files/" + longest.substr(0, 115)}};
         for (auto &[name, result, directory] : cases) {
@@ -62,6 +73,12 @@ TEST(Signals, CoreEnvironmentIsADirectoryOfItsOwnAndARaisedLimit) {
         EXPECT_EQ(limit_set.rlim_cur, 0x7FFFFFFFu);
         EXPECT_EQ(qel_pwddefault(), 0);
         EXPECT_EQ(current_path(), "/core_files");
+        chmod("/core_files", 0777);
+        current_path("/tmp");
+        EXPECT_EQ(qel_pwddefault(), -1);
+        EXPECT_EQ(qel_coreenv_set("portd"), -1);
+        EXPECT_EQ(current_path(), "/tmp");
+        chmod("/core_files", 0755);
     }));
 }
 

@@ -1,12 +1,27 @@
 #include "utils/platform/posix/trace_files.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <set>
 
 #include "support/support.h"
+
+static int interruptions = 0;  // of the next calls
+static uid_t shown_owner = 0;  // of directories, unless it is 0
+
+extern "C" int posix_fallocate(int fd, off_t at, off_t size) {
+    return interruptions > 0 ? (--interruptions, EINTR) : ftruncate(fd, at + size);
+}
+extern "C" int fstat(int fd, struct stat *status) noexcept {
+    int result = fstatat(fd, "", status, AT_EMPTY_PATH);
+    if (S_ISDIR(status->st_mode) && shown_owner != 0)
+        status->st_uid = shown_owner;
+    return result;
+}
 
 namespace {
 
@@ -44,7 +59,9 @@ TEST(Trace, SectionIsAFileThatOtherProcessesSeeAndThatCleanupRemoves) {
     memcpy(static_cast<char *>(section.address) + 4990, "the end", 7);
     std::string expected(5000, '\0');
     expected.replace(4990, 7, "the end");
-    EXPECT_EQ(read_file(TRACE_DIRECTORY "/" + *files().begin()), expected);
+    std::string content = read_file(TRACE_DIRECTORY "/" + *files().begin());
+    EXPECT_EQ(content.size(), 5000 + sizeof(trace_owner));
+    EXPECT_EQ(content.substr(0, 5000), expected);
     // A child that releases its copy leaves the file to its parent.
     EXPECT_EQ(support::in_child([&] { return trace_module_cleanup(section.handle); }).status, 0);
     Section same(3, "a/b 3");
@@ -55,18 +72,63 @@ TEST(Trace, SectionIsAFileThatOtherProcessesSeeAndThatCleanupRemoves) {
     EXPECT_TRUE(files().empty());
 }
 
-TEST(Trace, KeepsTheNewestSixteenFilesOfAProgram) {
-    std::set<std::string> expected{"1.1.other.log 1", "not a section"};
-    for (auto &name : {*expected.begin(), *expected.rbegin(), file_name(9, "old", 1)})
+// Leaves the files of a process that dies on a switch and releases none; gives its number.
+int leave_files(const char *switch_no, int sections) {
+    setenv("KORIN_SWITCHNO", switch_no, 1);
+    auto make = [=] {
+        for (int i = 1; i <= sections; ++i)
+            EXPECT_EQ(Section(i).result, 0);
+        return printf("%d", getpid()) < 0;
+    };
+    return std::stoi(support::in_child(make).out);
+}
+
+TEST(Trace, LimitsTheFilesOfDeadProcessesOfAProgramAndSwitch) {
+    std::set<std::string> kept{"1.1.other.log 1", "not a section"};
+    for (auto &name : {*kept.begin(), *kept.rbegin(), file_name(9, "old", 99999999)})
         support::write_file(TRACE_DIRECTORY "/" + name, "x");
-    for (int i = 1; i <= 20; ++i) {
-        // As if other processes had made them: released neither here nor there.
-        std::string pid =
-            support::in_child([i] { return printf("%d", getpid()) + Section(i).result; }).out;
-        if (i > 4)
-            expected.insert(file_name(i, "n", std::stoi(pid)));
-    }
-    EXPECT_EQ(files(), expected);
+    Section living(1, "living");
+    kept.insert(file_name(1, "living"));
+    // A file of our number that another process has left: its start is not ours.
+    std::string other = read_file(TRACE_DIRECTORY "/" + file_name(1, "living"));
+    --other[other.size() - (__BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? 1 : sizeof(uint64_t))];
+    support::write_file(TRACE_DIRECTORY "/" + file_name(1, "reused"), other);
+    auto add = [](std::set<std::string> names, int first, int last, int pid) {
+        for (int i = first; i <= last; ++i)
+            names.insert(file_name(i, "n", pid));
+        return names;
+    };
+    auto expect_files = [](std::set<std::string> expected) {
+        Section maker(1, "maker");
+        expected.insert(file_name(1, "maker"));
+        EXPECT_EQ(files(), expected);
+        EXPECT_EQ(trace_module_cleanup(maker.handle), 0);
+    };
+    kept = add(kept, 1, 12, leave_files("7", 12));
+    kept = add(kept, 1, 16, leave_files("241", 16));  // no switch, so 0, as of the two older files
+    expect_files(kept);
+    int older = leave_files("0x8", 12);
+    expect_files(add(add(kept, 9, 12, older), 1, 12, leave_files("8", 12)));
+    expect_files(add(kept, 1, 20, leave_files("8", 20)));  // above the limit, but all of one
+    EXPECT_EQ(trace_module_cleanup(living.handle), 0);
+    std::filesystem::remove_all(TRACE_DIRECTORY);
+}
+
+TEST(Trace, TakenNamesAndInterruptionsPreventNoSection) {
+    int handle = Section(1).handle;
+    std::string name = TRACE_DIRECTORY "/" + file_name(1, "n"), left = read_file(name);
+    ASSERT_EQ(trace_module_cleanup(handle), 0);
+    support::write_file(name, left);  // as an earlier program of this process would leave it
+    EXPECT_EQ(trace_module_cleanup(Section(1).handle), 0);
+    EXPECT_TRUE(files().empty());
+    for (int i = 0; i <= 50; ++i)
+        std::filesystem::create_directory(name + (i > 0 ? "+" + std::to_string(i) : ""));
+    interruptions = 3;
+    Section section(1);
+    EXPECT_EQ(section.result, 0);
+    EXPECT_EQ(interruptions, 0);
+    EXPECT_EQ(files().size(), 52u);
+    EXPECT_EQ(trace_module_cleanup(section.handle), 0);
     std::filesystem::remove_all(TRACE_DIRECTORY);
 }
 
@@ -85,6 +147,20 @@ TEST(Trace, FailsWhereASectionCannotBeAndFollowsNoLinks) {
     create_symlink("/tmp/elsewhere", TRACE_DIRECTORY);
     EXPECT_NE(Section(1).result, 0);
     unlink(TRACE_DIRECTORY);
+    std::filesystem::create_directory(TRACE_DIRECTORY);
+    const std::tuple<mode_t, uid_t, bool> directories[] = {{0755, 4711, true},
+                                                           {01777, 4711, true},
+                                                           {0777, 0, true},
+                                                           {0775, 0, true},
+                                                           {01777, 0, false}};
+    for (auto [mode, owner, refused] : directories) {
+        chmod(TRACE_DIRECTORY, mode);
+        shown_owner = owner;
+        Section made(1);
+        EXPECT_EQ(made.result != 0, refused) << std::oct << mode << " of " << std::dec << owner;
+        trace_module_cleanup(made.handle);
+    }
+    shown_owner = 0;
 }
 
 }  // namespace

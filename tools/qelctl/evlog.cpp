@@ -14,6 +14,7 @@
 #include <optional>
 #include <vector>
 
+#include "process.h"
 #include "qelctl.h"
 #include "text.h"
 #include "utils/evlog.h"
@@ -85,10 +86,30 @@ struct SectionFile {
     fs::path path;
     int pid = 0, section = 0;
     std::string program, name;
+    std::optional<trace_owner> writer;
 };
 
-bool alive(int pid) {
-    return kill(pid, 0) == 0 || errno != ESRCH;
+// A process of the same number that started at another time is another one.
+bool alive(const SectionFile &file) {
+    std::optional<ProcessStatus> now = process_status(file.pid);
+    if (now && file.writer && file.writer->start != 0)
+        return static_cast<uint64_t>(now->start_ticks) == file.writer->start;
+    return kill(file.pid, 0) == 0 || errno != ESRCH;
+}
+
+// What the file's end says, unless that is missing or of another process.
+std::optional<trace_owner> writer_of(const fs::path &path, int pid) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    struct stat status {};
+    trace_owner writer{};
+    constexpr ssize_t kSize = sizeof writer;
+    bool whole = fd >= 0 && fstat(fd, &status) == 0 &&
+                 pread(fd, &writer, sizeof writer, status.st_size - kSize) == kSize;
+    if (fd >= 0)
+        close(fd);
+    if (!whole || writer.magic != TRACE_OWNER_MAGIC || writer.pid != pid)
+        return {};
+    return writer;
 }
 
 std::optional<SectionFile> parse(const fs::path &path) {
@@ -100,6 +121,7 @@ std::optional<SectionFile> parse(const fs::path &path) {
     file.path = path;
     file.program = program;
     file.name = name;
+    file.writer = writer_of(path, file.pid);
     return file;
 }
 
@@ -121,14 +143,16 @@ std::vector<SectionFile> section_files(int pid) {
 }
 
 void list_sections() {
-    printf("%-7s  %-7s  %-8s  %-16s  %-20s  %s\n", "PID", "SECTION", "OWNER", "PROGRAM", "NAME",
-           "STATE");
+    printf("%-7s  %-7s  %-8s  %-16s  %-20s  %-6s  %s\n", "PID", "SECTION", "OWNER", "PROGRAM",
+           "NAME", "SWITCH", "STATE");
     for (const SectionFile &file : section_files(0)) {
         struct stat status {};
         bool there = lstat(file.path.c_str(), &status) == 0;
-        printf("%-7d  %-7d  %-8s  %-16s  %-20s  %s\n", file.pid, file.section,
+        printf("%-7d  %-7d  %-8s  %-16s  %-20s  %-6s  %s\n", file.pid, file.section,
                there ? user_name(status.st_uid).c_str() : "-", visible_name(file.program).c_str(),
-               visible_name(file.name).c_str(), alive(file.pid) ? "running" : "dead");
+               visible_name(file.name).c_str(),
+               file.writer ? std::to_string(file.writer->switch_no).c_str() : "-",
+               alive(file) ? "running" : "dead");
     }
 }
 
@@ -141,11 +165,11 @@ void print_entry(FILE *output, Section &section, int position) {
 }
 
 // Prints events as they come, until the writer is dead (or for good, when it is not known).
-void follow(const fs::path &path, int pid) {
+void follow(const SectionFile &file) {
     int last = -1;
     while (true) {
-        bool ends = pid > 0 && !alive(pid);
-        Section section(path);
+        bool ends = file.pid > 0 && !alive(file);
+        Section section(file.path);
         int position = section.position();
         if (last < 0)  // a slot ahead that was written before says that the ring has wrapped
             last = section.entry(position)->seconds != 0 ? position - section.total() : 0;
@@ -184,7 +208,7 @@ void show(const Choice &choice) {
         fs::path path = choice.file.find('/') != std::string::npos
                             ? fs::path(choice.file)
                             : fs::path(TRACE_DIRECTORY) / choice.file;
-        files.push_back(parse(path).value_or(SectionFile{path, 0, 0, "", ""}));
+        files.push_back(parse(path).value_or(SectionFile{path, 0, 0, "", "", {}}));
     } else if (choice.pid != 0) {
         files = section_files(choice.pid);
         if (files.empty())
@@ -195,7 +219,7 @@ void show(const Choice &choice) {
     if (choice.follow && files.size() > 1)
         throw Failure("several logs; name the one to follow with --file", kUsage);
     if (choice.follow)
-        return follow(files[0].path, files[0].pid);
+        return follow(files[0]);
     // One that cannot be read hides none of the others.
     std::optional<Failure> failure;
     for (const SectionFile &file : files) {
