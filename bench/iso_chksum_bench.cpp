@@ -1,68 +1,76 @@
-// The ISO checksum beside the simple form that reduces both sums at every byte, over units from a
-// short one to many blocks. Argument: bytes of the unit.
-#include <benchmark/benchmark.h>
+// The ISO checksum beside Adler-32, which is made of the same two sums, over units from a short one
+// to 1 MiB; and the test for zeros beside a comparison with zeros.
+#include "bench.h"
 
-#include <cstddef>
+#include <cstring>
+#include <random>
+#include <string>
 #include <vector>
 
+#ifdef BENCH_ZLIB
+#include <zlib.h>
+#endif
+#ifdef BENCH_LIBDEFLATE
+#include <libdeflate.h>
+#endif
+
+#include "utils/fletcher.h"
 #include "utils/iso_chksum.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-Bytes unit_of(const benchmark::State &state) {
-    Bytes unit(static_cast<size_t>(state.range(0)));
-    unsigned seed = 1;
-    for (unsigned char &byte : unit)
-        byte = static_cast<unsigned char>((seed = seed * 1103515245U + 12345U) >> 16);
+Bytes *unit_of(unsigned size) {
+    auto *unit = new Bytes(size);
+    std::mt19937 random(1);
+    for (unsigned char &byte : *unit)
+        byte = static_cast<unsigned char>(random());
+    computeIsoChksum(unit->data(), size, &(*unit)[2]);
     return unit;
 }
 
-// The simple form; verifies as isoChksumOk does.
-int simple_ok(const unsigned char *data, unsigned len, const unsigned char *chk) {
-    if (chk[0] == 0 && chk[1] == 0)
-        return 1;
-    unsigned c0 = 0;
-    unsigned c1 = 0;
-    for (unsigned i = 0; i < len; ++i) {
-        c0 = (c0 + data[i]) % 255;
-        c1 = (c1 + c0) % 255;
-    }
-    return c0 == 0 && c1 == 0;
+template <typename Sum>
+void side(const std::string &group, const char *name, const Bytes *unit, Sum sum) {
+    benchmark::RegisterBenchmark((group + "/" + name).c_str(), [=](benchmark::State &state) {
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(sum(unit->data(), static_cast<unsigned>(unit->size())));
+            benchmark::ClobberMemory();
+        }
+        state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(unit->size()));
+    });
 }
 
-template <int (*verify)(const unsigned char *, unsigned, const unsigned char *)>
-void Verify(benchmark::State &state) {
-    Bytes unit = unit_of(state);
-    auto len = static_cast<unsigned>(unit.size());
-    computeIsoChksum(unit.data(), len, &unit[2]);
-    for (auto _ : state) {
-        if (verify(unit.data(), len, &unit[2]) != 1)
-            state.SkipWithError("a good unit was refused");
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
+void checksums(unsigned size) {
+    const Bytes *unit = unit_of(size);
+    std::string group = "bytes_" + std::to_string(size);
+    side(group, "ours", unit,
+         [](const unsigned char *data, unsigned len) { return isoChksumOk(data, len, data + 2); });
+#ifdef __x86_64__
+    side(group, "ours-sse2", unit, utils::fletcher_vectors<utils::FletcherSse2>);
+#endif
+    side(group, "ours-portable", unit, utils::fletcher_portable);
+#ifdef BENCH_ZLIB
+    side(group, "zlib", unit,
+         [](const unsigned char *data, unsigned len) { return adler32(1, data, len); });
+#endif
+#ifdef BENCH_LIBDEFLATE
+    side(group, "libdeflate", unit,
+         [](const unsigned char *data, unsigned len) { return libdeflate_adler32(1, data, len); });
+#endif
 }
 
-void Compute(benchmark::State &state) {
-    Bytes unit = unit_of(state);
-    for (auto _ : state) {
-        computeIsoChksum(unit.data(), static_cast<unsigned>(unit.size()), &unit[2]);
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
+void prepare() {
+    for (unsigned size : {64, 1500, 65536, 1048576})
+        checksums(size);
+    const auto *zeros = new Bytes(1500), *others = new Bytes(1500);
+    side("iszero", "ours", zeros,
+         [](const unsigned char *data, unsigned len) { return iszero(data, len); });
+    side("iszero", "memcmp", zeros, [=](const unsigned char *data, unsigned len) {
+        return memcmp(data, others->data(), len);
+    });
 }
-
-void sizes(benchmark::internal::Benchmark *bench) {
-    for (int size : {32, 256, 1500, 4102, 65536})
-        bench->Arg(size);
-}
-
-BENCHMARK_TEMPLATE(Verify, isoChksumOk)->Apply(sizes);
-BENCHMARK_TEMPLATE(Verify, simple_ok)->Apply(sizes);
-BENCHMARK(Compute)->Apply(sizes);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+BENCH_MAIN(prepare)

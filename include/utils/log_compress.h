@@ -74,7 +74,8 @@ log_decompressor *log_createDecompressor(const unsigned char *ibuf, int length);
  * Decodes the next line. Safe for any input: after -1 the rest of the stream is of no use, but may
  * be read on.
  * @param decompressor the stream
- * @param out          receives the line, terminated; LOG_COMPRESS_LINE_SIZE bytes of room
+ * @param out          receives the line, terminated; LOG_COMPRESS_LINE_SIZE bytes of room, where
+ *                     those behind the terminator are left undefined
  * @return the line's length; 0 at the end of the stream; -1 for a copy that refers to no line, a
  * cut copy, or a line of more than 255 characters
  */

@@ -20,6 +20,7 @@
 #include <ctime>
 #include <type_traits>
 
+#include "base/format.h"
 #include "base/local_time.h"
 #include "base/text.h"
 #include "base/thread.h"
@@ -164,7 +165,7 @@ void store_event(qel_evlog_handle &log, qel_evlog_entry &entry, const char *form
     gettimeofday(&now, nullptr);
     entry.seconds = static_cast<int32_t>(now.tv_sec);
     entry.microseconds = static_cast<int32_t>(now.tv_usec);
-    vsnprintf(entry.text, sizeof entry.text, format, values);
+    format_text(entry.text, sizeof entry.text, format, values);
     int32_t next = current_of(log) + 1;
     if (next >= log.total)
         set_position(log, 0, static_cast<unsigned>(wrapped_of(log)) + 1);

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/format.h"
 #include "base/held_signal.h"
 #include "base/local_time.h"
 #include "base/thread.h"
@@ -26,7 +27,6 @@ namespace utils {
 namespace {
 
 constexpr const char *kModule = "log_cache";
-constexpr size_t kStampSize = 64;
 
 // Between two starts at the beginning, [start, write) holds whole lines; `room` bytes behind them
 // are free, and the last byte of the buffer is never written.
@@ -39,9 +39,24 @@ struct Cache {
     char path[128];
 };
 
+// "HH:MM:SS tid ", what the lines of a thread begin with for the length of a second.
+struct Stamp {
+    time_t second;
+    size_t length;  // 0: none was made
+    char text[32];
+};
+
+thread_local Stamp stamp;
+bool stamps_last = false;  // set before `instantiated`: forked children drop theirs
+
 Mutex lock;
 Cache cache UTILS_GUARDED_BY(lock);
 std::atomic<bool> instantiated{false};
+
+// The thread of a forked child has another number.
+void drop_stamp() {
+    stamp.length = 0;
+}
 
 int32_t clamped(int32_t size) {
     if (size < LOG_CACHE_SIZE_DEFAULT)
@@ -75,6 +90,8 @@ int create(const char *name, int32_t size) {
         return LOG_CACHE_NO_MEMORY;
     }
     snprintf(cache.path, sizeof cache.path, "/tmp/%s", name);
+    if (!instantiated.load(std::memory_order_relaxed))
+        stamps_last = pthread_atfork(nullptr, nullptr, drop_stamp) == 0;
     instantiated.store(true, std::memory_order_release);
     return 0;
 }
@@ -87,27 +104,32 @@ int reported(int result, int line) {
     return result;
 }
 
-// "HH:MM:SS tid "
-int make_stamp(char (&stamp)[kStampSize]) {
-    tm local;
-    local_time(time(nullptr), local);
-    return snprintf(stamp, sizeof stamp, "%02d:%02d:%02d %d ", local.tm_hour, local.tm_min,
-                    local.tm_sec, static_cast<int>(gettid()));
+// A new second looks at the zone again.
+const Stamp &stamp_of_thread() {
+    time_t now = time(nullptr);
+    if (stamp.length == 0 || stamp.second != now || !stamps_last) {
+        tm local;
+        local_time(now, local);
+        int length = snprintf(stamp.text, sizeof stamp.text, "%02d:%02d:%02d %d ", local.tm_hour,
+                              local.tm_min, local.tm_sec, static_cast<int>(gettid()));
+        stamp.length = static_cast<size_t>(length);
+        stamp.second = now;
+    }
+    return stamp;
 }
 
-void store_line(const char *stamp, size_t stamp_length, const char *text, size_t text_length)
-    UTILS_REQUIRES(lock) {
+void store_line(const Stamp &front, const char *text, size_t text_length) UTILS_REQUIRES(lock) {
     if (cache.start == nullptr)
         return;
-    auto total = static_cast<int32_t>(stamp_length + text_length);
+    auto total = static_cast<int32_t>(front.length + text_length);
     if (total > cache.room) {
         memset(cache.write, 0, static_cast<size_t>(cache.room));
         ++cache.wraps;
         cache.write = cache.start;
         cache.room = cache.size - 1;
     }
-    memcpy(cache.write, stamp, stamp_length);
-    memcpy(cache.write + stamp_length, text, text_length);
+    memcpy(cache.write, front.text, front.length);
+    memcpy(cache.write + front.length, text, text_length);
     cache.write += total;
     cache.room -= total;
 }
@@ -164,7 +186,7 @@ void log_cache_write(const char *format, ...) {
     char text[LOG_CACHE_LINE_MAX + 1];
     va_list values;
     va_start(values, format);
-    int length = vsnprintf(text, sizeof text, format, values);
+    int length = utils::format_text(text, sizeof text, format, values);
     va_end(values);
     if (length > LOG_CACHE_LINE_MAX)
         abort();
@@ -175,13 +197,12 @@ void log_cache_write(const char *format, ...) {
 void log_cache_write_string(const char *text) {
     if (!utils::instantiated.load(std::memory_order_acquire) || text == nullptr)
         return;
-    char stamp[utils::kStampSize];
-    auto stamp_length = static_cast<size_t>(utils::make_stamp(stamp));
+    const utils::Stamp &front = utils::stamp_of_thread();
     size_t text_length = strlen(text);
-    if (stamp_length + text_length > LOG_CACHE_LINE_MAX)
+    if (front.length + text_length > LOG_CACHE_LINE_MAX)
         abort();
     utils::MutexLock guard(utils::lock);
-    utils::store_line(stamp, stamp_length, text, text_length);
+    utils::store_line(front, text, text_length);
 }
 
 int log_cache_dump(void) {

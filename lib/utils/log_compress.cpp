@@ -8,114 +8,95 @@
 #include <cstring>
 
 #include "base/heap.h"
+#include "line_history.h"
 
 namespace utils {
 namespace {
 
-constexpr int kSlots = 128;
-constexpr int kSlotSize = 256;
-constexpr unsigned char kCopy = 0x80;
-constexpr unsigned char kLowBits = 0x7F;
 constexpr int kLineRoom = LOG_COMPRESS_LINE_MAX + 2;  // what a line and its end may take at most
-
-// The lines are the slots behind `oldest` up to `newest`; none when both are equal.
-struct History {
-    int32_t newest;
-    int32_t oldest;
-    char slots[kSlots][kSlotSize];
-
-    bool empty() const { return newest == oldest; }
-    void add(const char *line, size_t length);
-    const char *at_distance(int distance) const;
-};
-
-void History::add(const char *line, size_t length) {
-    newest = (newest + 1) % kSlots;
-    if (newest == oldest)
-        oldest = (oldest + 1) % kSlots;
-    memcpy(slots[newest], line, length);
-    memset(slots[newest] + length, 0, kSlotSize - length);
-}
 
 // The line that a copy refers to, or null. Once the indices have wrapped, the rule is looser than
 // it might be and finds lines that were overwritten since; streams depend on it.
-const char *History::at_distance(int distance) const {
-    if (newest >= oldest)
-        return newest - distance > oldest ? slots[newest - distance] : nullptr;
-    int slot = (newest - distance + kSlots) % kSlots;
-    return slot >= 0 ? slots[slot] : nullptr;
+const char *line_at(const LineRows &history, int distance) {
+    int slot = history.newest - distance;
+    if (history.newest >= history.oldest)
+        return slot > history.oldest ? history.slots[slot] : nullptr;
+    slot = (slot + kLineSlots) % kLineSlots;
+    return slot >= 0 ? history.slots[slot] : nullptr;
 }
 
-struct Run {
-    int length;
-    int distance;
-};
-
-// The longest common run of `line` with a line of the history from `column` on; of equal ones the
-// newest. The coder's whole search: whatever takes its place must give the same runs.
-Run find_run(const History &history, const char *line, int column) {
-    Run best{0, 0};
-    const char *wanted = line + column;
-    int slot = history.newest;
-    for (int distance = 0; slot != history.oldest;
-         ++distance, slot = (slot + kSlots - 1) % kSlots) {
-        if (wanted[best.length] == '\0' || best.length == LOG_COMPRESS_RUN_MAX)
-            break;  // no longer run can be found
-        const char *old = history.slots[slot] + column;
-        if (old[best.length] != wanted[best.length])
-            continue;
-        int length = 0;
-        while (length < LOG_COMPRESS_RUN_MAX && wanted[length] != '\0' &&
-               old[length] == wanted[length])
-            ++length;
-        if (length > best.length)
-            best = {length, distance};
+// Both sides have `room` bytes: steps of a fixed size are faster than a copy of any size.
+void copy_run(char *to, const char *from, int run, int room) {
+    constexpr int kStep = 16;
+    if (room < LOG_COMPRESS_RUN_MAX + kStep) {
+        memcpy(to, from, static_cast<size_t>(run));
+        return;
     }
-    return best;
+    for (int done = 0; done < run; done += kStep)
+        memcpy(to + done, from + done, kStep);
 }
 
 }  // namespace
 }  // namespace utils
 
-using utils::Run;
-
 struct log_compressor {
     unsigned char *obuf;
     int32_t capacity;
     int32_t written;
-    utils::History history;
+#ifdef __x86_64__
+    utils::LineColumns history;
+#else
+    utils::LineRows history;
+#endif
 
-    void emit(int byte) { obuf[written++] = static_cast<unsigned char>(byte); }
-    void emit_character(char c) { emit(c & utils::kLowBits); }
+    int code(const char *line, int length) {
+        unsigned char *out = obuf + written;
+#ifdef __x86_64__
+        return utils::code_line(
+            history, line, length, out,
+            __builtin_cpu_supports("avx2") ? utils::equal_lines_avx2 : utils::equal_lines_sse2);
+#else
+        return utils::code_line(history, line, length, out);
+#endif
+    }
 };
 
 struct log_decompressor {
     const unsigned char *ibuf;
     int32_t length;
     int32_t position;
-    utils::History history;
+    utils::LineRows history;
 
-    bool more() const { return position < length && ibuf[position] != LOG_COMPRESS_END_OF_LINE; }
-    int decode_token(char *out, int column);
+    bool decode(char *out, int *column);
 };
 
-// Appends one character or one copy at `column`; the column behind it, or -1.
-int log_decompressor::decode_token(char *out, int column) {
-    unsigned char byte = ibuf[position++];
-    if (byte < utils::kCopy || history.empty()) {
-        if (column >= LOG_COMPRESS_LINE_MAX)
-            return -1;
-        out[column] = static_cast<char>(byte);
-        return column + 1;
+// Appends characters and copies up to the end of the line or of the stream; false when one cannot
+// be.
+bool log_decompressor::decode(char *out, int *column) {
+    const unsigned char *from = ibuf + position;
+    const unsigned char *end = ibuf + length;
+    const bool first = history.empty();
+    int at = 0;
+    bool good = true;
+    while (good && from != end && *from != LOG_COMPRESS_END_OF_LINE) {
+        int byte = *from++;
+        if (byte < LOG_COMPRESS_END_OF_LINE || first) {
+            good = at < LOG_COMPRESS_LINE_MAX;
+            if (good)
+                out[at++] = static_cast<char>(byte);
+            continue;
+        }
+        int run = byte & LOG_COMPRESS_RUN_MAX;
+        const char *line = from != end ? utils::line_at(history, *from++) : nullptr;
+        good = line != nullptr && at + run <= LOG_COMPRESS_LINE_MAX;
+        if (good) {
+            utils::copy_run(out + at, line + at, run, utils::kLineSlotSize - at);
+            at += run;
+        }
     }
-    int run = byte & utils::kLowBits;
-    if (position >= length)
-        return -1;
-    const char *line = history.at_distance(ibuf[position++]);
-    if (line == nullptr || column + run > LOG_COMPRESS_LINE_MAX)
-        return -1;
-    memcpy(out + column, line + column, static_cast<size_t>(run));
-    return column + run;
+    position = static_cast<int32_t>(from - ibuf);
+    *column = at;
+    return good;
 }
 
 log_compressor *log_createCompressor(unsigned char *obuf, int capacity) {
@@ -136,20 +117,8 @@ int log_compressLine(log_compressor *compressor, char *line) {
     auto length = static_cast<int>(strnlen(line, LOG_COMPRESS_LINE_MAX));
     if (line[length] != '\0')
         line[length] = '\0';
-    bool search = !compressor->history.empty();
-    for (int column = 0; column < length;) {
-        Run run = search ? utils::find_run(compressor->history, line, column) : Run{0, 0};
-        if (run.length < LOG_COMPRESS_RUN_MIN) {
-            compressor->emit_character(line[column]);
-            ++column;
-        } else {
-            compressor->emit(utils::kCopy | run.length);
-            compressor->emit(run.distance);
-            column += run.length;
-        }
-    }
-    compressor->emit(LOG_COMPRESS_END_OF_LINE);
-    compressor->history.add(line, static_cast<size_t>(length));
+    compressor->written += compressor->code(line, length);
+    compressor->obuf[compressor->written++] = LOG_COMPRESS_END_OF_LINE;
     return 0;
 }
 
@@ -186,15 +155,11 @@ int log_decompressGetLine(log_decompressor *decompressor, char *out) {
     while (in.position < in.length && in.ibuf[in.position] == LOG_COMPRESS_END_OF_LINE)
         ++in.position;
     int column = 0;
-    while (in.more()) {
-        int next = in.decode_token(out, column);
-        out[next < 0 ? column : next] = '\0';
-        if (next < 0)
-            return -1;
-        column = next;
-    }
+    bool good = in.decode(out, &column);
     out[column] = '\0';
-    in.history.add(out, static_cast<size_t>(column));
+    if (!good)
+        return -1;
+    in.history.add(out, column);
     return column;
 }
 

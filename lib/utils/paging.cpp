@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cctype>
-#include <cinttypes>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -45,21 +45,90 @@ uint32_t load_unit(const unsigned char *from, int width) {
     }
 }
 
-// The character column of a dump: collects a line's bytes and ends the line after the last.
-class Column {
-  public:
-    bool at_line_start() const { return used_ == 0; }
-    void add(unsigned char byte) {
-        text_[used_++] = isprint(byte) != 0 ? static_cast<char>(byte) : '.';
-        if (used_ == kLineBytes) {
-            printf("*%s*\n", text_);
-            used_ = 0;
+// A dump's line is made in one piece: address, units of up to 16 bytes and characters.
+constexpr size_t kLineRoom = 128;
+
+constexpr const char *kHexDigits = "0123456789abcdef";
+
+char *put_byte(char *to, unsigned char byte) {
+    to[0] = kHexDigits[byte >> 4];
+    to[1] = kHexDigits[byte & 0xF];
+    return to + 2;
+}
+
+// "%08x: "
+char *put_address(char *to, const void *address) {
+    auto number = reinterpret_cast<uintptr_t>(address);
+    int digits = std::max(8, (static_cast<int>(std::bit_width(number)) + 3) / 4);
+    if (digits % 2 != 0)
+        *to++ = kHexDigits[number >> 4 * --digits & 0xF];
+    while (digits > 0) {
+        digits -= 2;
+        to = put_byte(to, static_cast<unsigned char>(number >> 4 * digits));
+    }
+    *to++ = ':';
+    *to++ = ' ';
+    return to;
+}
+
+// A word shows its bytes from the most significant on; units of other widths show zeros.
+char *put_unit(char *to, const unsigned char *unit, int width) {
+    constexpr bool kLittle = std::endian::native == std::endian::little;
+    const bool word = width == 2 || width == 4;
+    for (int i = 0; i < width; ++i)
+        to = put_byte(to, word ? unit[kLittle ? width - 1 - i : i] : '\0');
+    return to;
+}
+
+char *put_blanks(char *to, int count) {
+    memset(to, ' ', static_cast<size_t>(count));
+    return to + count;
+}
+
+// The units that begin in the 16 bytes from `at` on; behind `end` there are blanks. A unit that is
+// wider than the line is written at once, with what stands before it in `line`.
+char *put_units(char *line, char *to, const unsigned char *bytes, int64_t at, int64_t end,
+                int width) {
+    for (int64_t unit = (at + width - 1) / width * width; unit < at + kLineBytes; unit += width) {
+        if (width > kLineBytes) {
+            int digits = width <= INT_MAX / 2 ? 2 * width : INT_MAX;
+            fwrite(line, 1, static_cast<size_t>(to - line), stdout);
+            to = line;
+            if (unit < end)
+                printf("%0*d", digits, 0);
+            else
+                printf("%*s", digits, "");
+        } else if (unit < end) {
+            to = put_unit(to, bytes + unit, width);
+        } else {
+            to = put_blanks(to, 2 * width);
         }
+        *to++ = ' ';
+    }
+    return to;
+}
+
+char *put_bytes(char *to, const unsigned char *bytes, int count) {
+#pragma GCC unroll 4
+    for (int i = 0; i < count; ++i) {
+        to = put_byte(to, bytes[i]);
+        *to++ = ' ';
+    }
+    return put_blanks(to, 3 * (kLineBytes - count));
+}
+
+// What a dump shows of a byte; the locale is asked once a dump about each.
+class Characters {
+  public:
+    char shown(unsigned char byte) {
+        char &known = known_[byte];
+        if (known == '\0')
+            known = isprint(byte) != 0 ? static_cast<char>(byte) : '.';
+        return known;
     }
 
   private:
-    char text_[kLineBytes + 1] = {};
-    int used_ = 0;
+    char known_[256] = {};
 };
 
 // One line of printMem(): up to 16 bytes, a multiple of 4.
@@ -155,20 +224,24 @@ void memDump(void *address, int count, int width) {
         width = 1;
     if (count <= 0)
         count = utils::kDefaultUnits;
-    int digits = width <= INT_MAX / 2 ? 2 * width : INT_MAX;
     int64_t end = int64_t{count} * width;
-    int64_t padded = (end + utils::kLineBytes - 1) / utils::kLineBytes * utils::kLineBytes;
-    utils::Column column;
-    for (int64_t at = 0; at < padded; ++at) {
-        if (column.at_line_start())
-            printf("%08" PRIxPTR ": ", reinterpret_cast<uintptr_t>(bytes + at));
-        if (at % width == 0) {
-            if (at < end)
-                printf("%.*x ", digits, utils::load_unit(bytes + at, width));
-            else
-                printf("%*s ", digits, "  ");
-        }
-        column.add(bytes[at]);
+    utils::Characters characters;
+    for (int64_t at = 0; at < end; at += utils::kLineBytes) {
+        char line[utils::kLineRoom];
+        const unsigned char *from = bytes + at;
+        char *to = utils::put_address(line, from);
+        if (width == 1)
+            to = utils::put_bytes(to, from,
+                                  static_cast<int>(std::min<int64_t>(end - at, utils::kLineBytes)));
+        else
+            to = utils::put_units(line, to, bytes, at, end, width);
+        *to++ = '*';
+#pragma GCC unroll 4
+        for (int i = 0; i < utils::kLineBytes; ++i)
+            *to++ = characters.shown(from[i]);
+        *to++ = '*';
+        *to++ = '\n';
+        fwrite(line, 1, static_cast<size_t>(to - line), stdout);
     }
 }
 

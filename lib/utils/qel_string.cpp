@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/format.h"
 #include "base/heap.h"
 #include "end_process.h"
 
@@ -27,9 +28,7 @@ namespace utils {
 namespace {
 
 constexpr uint64_t kSizeMax = INT32_MAX;
-constexpr int kScratchSize = 4;
-constexpr int kScratchGiveUp =
-    1 << 20;  // a formatter that refuses this much room refuses the format
+constexpr int kScratchSize = 256;
 
 // What `allocate` gives; repeated while it gives null and `retry` is set.
 template <typename Allocate>
@@ -47,7 +46,8 @@ size_t offset_in(const char *block, size_t size, const char *text) {
 }
 
 size_t text_length(const qelString &string) {
-    return strnlen(string.buf, string.size - 1);
+    size_t most = string.size - 1;
+    return string.buf[most] == '\0' ? strlen(string.buf) : strnlen(string.buf, most);
 }
 
 // Sets `avail` from the text and returns the text's length.
@@ -130,50 +130,48 @@ char *get(qelString *string) {
     return string != nullptr ? string->buf : nullptr;
 }
 
-// The formatted text in a heap block of its own; null when memory runs out or the formatter
-// refuses.
-UTILS_PRINTF(2, 0)
-char *format_scratch(bool retry, const char *format, va_list values, int *length) {
-    for (int size = kScratchSize; size > 0;) {
-        auto bytes = static_cast<size_t>(size);
-        char *scratch = allocated(retry, [bytes] { return static_cast<char *>(calloc(bytes, 1)); });
-        if (scratch == nullptr)
-            return nullptr;
-        va_list pass;
-        va_copy(pass, values);
-        *length = vsnprintf(scratch, bytes, format, pass);
-        va_end(pass);
-        if (*length >= 0 && *length < size)
-            return scratch;
-        free(scratch);
-        if (*length < 0)
-            size = size < kScratchGiveUp ? size * 2 : 0;
-        else
-            size = *length <= INT32_MAX - kScratchSize ? *length + kScratchSize : 0;
+// Puts `n` formatted characters behind the text; returns `n`, or UTILS_ERROR.
+int append_formatted(qelString &string, const char *text, int n) {
+    size_t length = text_length(string);
+    // After set(), the stored room may be below 0. It never counts for more than there is.
+    int64_t room = std::min<int64_t>(static_cast<int32_t>(string.avail),
+                                     int64_t{string.size} - 1 - static_cast<int64_t>(length));
+    if (n > room) {
+        if (!resize(string, string.size + static_cast<uint64_t>(n - room + 1)))
+            return UTILS_ERROR;
+        refresh(string);
     }
-    return nullptr;
+    concatenate(string, length, text, static_cast<size_t>(n));
+    return n;
 }
 
+// A text of `n` characters that is too long for the stack.
+UTILS_PRINTF(3, 0)
+int append_long(qelString &string, int n, const char *format, va_list values) {
+    size_t size = static_cast<size_t>(n) + 1;
+    HeapBlock<char> text(
+        allocated(string.retry != 0, [=] { return static_cast<char *>(calloc(1, size)); }));
+    if (!text || vsnprintf(text.get(), size, format, values) != n)
+        return UTILS_ERROR;
+    return append_formatted(string, text.get(), n);
+}
+
+// Formatted beside the string, since values may lie in it.
 UTILS_PRINTF(2, 3) int appendf(qelString *string, const char *format, ...) {
     if (string == nullptr || string->buf == nullptr || format == nullptr)
         return UTILS_ERROR;
-    int n = 0;
+    char scratch[kScratchSize];
     va_list values;
     va_start(values, format);
-    HeapBlock<char> scratch(format_scratch(string->retry != 0, format, values, &n));
+    int n = format_text(scratch, sizeof scratch, format, values);
     va_end(values);
-    if (!scratch)
+    if (n < 0)
         return UTILS_ERROR;
-    size_t length = text_length(*string);
-    // After set(), the stored room may be below 0. It never counts for more than there is.
-    int64_t room = std::min<int64_t>(static_cast<int32_t>(string->avail),
-                                     int64_t{string->size} - 1 - static_cast<int64_t>(length));
-    if (n > room) {
-        if (!resize(*string, string->size + static_cast<uint64_t>(n - room + 1)))
-            return UTILS_ERROR;
-        refresh(*string);
-    }
-    concatenate(*string, length, scratch.get(), static_cast<size_t>(n));
+    if (n < kScratchSize)
+        return append_formatted(*string, scratch, n);
+    va_start(values, format);
+    n = append_long(*string, n, format, values);
+    va_end(values);
     return n;
 }
 

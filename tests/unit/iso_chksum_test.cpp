@@ -7,19 +7,22 @@
 #include <string>
 #include <vector>
 
+#include "fletcher.h"
 #include "support/support.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-bool simple_fletcher_is_zero(const Bytes &bytes) {
+using Sums = std::pair<unsigned, unsigned>;
+
+Sums simple_fletcher(const Bytes &bytes) {
     unsigned a = 0, b = 0;
     for (unsigned char byte : bytes) {
         a = (a + byte) % 255;
         b = (b + a) % 255;
     }
-    return a == 0 && b == 0;
+    return {a, b};
 }
 
 int ok(const Bytes &unit, size_t field) {
@@ -29,7 +32,7 @@ int ok(const Bytes &unit, size_t field) {
 // `unit` with its checksum, which satisfies the simple form.
 Bytes checked(Bytes unit, size_t field) {
     computeIsoChksum(unit.data(), static_cast<unsigned>(unit.size()), &unit[field]);
-    EXPECT_TRUE(simple_fletcher_is_zero(unit)) << unit.size() << " " << field;
+    EXPECT_EQ(simple_fletcher(unit), Sums()) << unit.size() << " " << field;
     EXPECT_TRUE(unit[field] != 0 && unit[field + 1] != 0);
     EXPECT_EQ(ok(unit, field), 1);
     return unit;
@@ -54,6 +57,39 @@ TEST(IsoChksum, AgreesWithTheSimpleFormForEveryLengthAndFindsAChangedBit) {
     checked(unit, 0);
 }
 
+// The ways that other processors take, too. Units grow at their front, so that every length meets
+// every alignment and nothing may be read behind them.
+TEST(IsoChksum, EveryWayOfAddingUpAgreesWithBytes) {
+    using Way = utils::FletcherSums (*)(const unsigned char *, size_t);
+    std::vector<Way> ways{utils::fletcher_portable};
+#ifdef __x86_64__
+    ways.push_back(utils::fletcher_vectors<utils::FletcherSse2>);
+    if (__builtin_cpu_supports("avx2"))
+        ways.push_back(utils::fletcher_vectors<utils::FletcherAvx2>);
+#endif
+    auto check = [](Way way, const unsigned char *data, size_t len, Sums sums) {
+        utils::FletcherSums found = way(data, len);
+        ASSERT_EQ(Sums(found.c0, found.c1), sums) << reinterpret_cast<void *>(way) << " " << len;
+    };
+    std::mt19937 random(3);
+    const Bytes large(200000, 0xFF);
+    for (Way way : ways) {
+        check(way, large.data(), large.size(), simple_fletcher(large));
+        for (size_t behind = 0; behind < (support::emulated() ? 4 : 32); ++behind) {
+            Bytes bytes(9000 + behind, 0xFF);
+            if (behind % 2 == 0)
+                std::generate(bytes.begin(), bytes.end(), std::ref(random));
+            auto [c0, c1] = Sums();
+            for (unsigned len = 0; len <= 9000; ++len) {
+                check(way, bytes.data() + 9000 - len, len, {c0, c1});
+                unsigned front = len < 9000 ? bytes[8999 - len] : 0;
+                c0 = (c0 + front) % 255;
+                c1 = (c1 + (len + 1) * front) % 255;
+            }
+        }
+    }
+}
+
 TEST(IsoChksum, AcceptsUnitsWithoutAChecksumAndEmptyOnes) {
     Bytes unit(20, 3);
     computeIsoChksum(unit.data(), 0, &unit[5]);
@@ -69,12 +105,18 @@ TEST(IsoChksum, AcceptsUnitsWithoutAChecksumAndEmptyOnes) {
 }
 
 TEST(IsZero, LooksAtExactlyItsBytes) {
-    for (unsigned len = 0; len <= 40; ++len) {
-        for (unsigned at = 0; at <= len; ++at) {
-            Bytes bytes(60, 0xEE);
-            std::fill_n(bytes.begin() + 3, len, static_cast<unsigned char>(0));
-            bytes[3 + at] = 0x80;
-            ASSERT_EQ(iszero(&bytes[3], len), at == len);
+    std::mt19937 random(5);
+    for (unsigned len = 0; len <= 9000; ++len) {
+        size_t front = len % 33;
+        Bytes bytes(front + len + 1, 0xEE);
+        std::fill_n(bytes.begin() + static_cast<ptrdiff_t>(front), len,
+                    static_cast<unsigned char>(0));
+        ASSERT_EQ(iszero(&bytes[front], len), 1) << len;
+        // Each byte of short blocks, some of long ones.
+        for (size_t at = 0; at < len; at += len <= 40 ? 1 : 1 + random() % len) {
+            bytes[front + at] = 0x80;
+            ASSERT_EQ(iszero(&bytes[front], len), 0) << len << " " << at;
+            bytes[front + at] = 0;
         }
     }
     EXPECT_TRUE(iszero(nullptr, 0) == 1 && iszero(nullptr, 4) == 0);

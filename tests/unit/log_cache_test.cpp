@@ -44,8 +44,8 @@ std::string dumped() {
     return support::read_file("/tmp/cache");
 }
 
-std::string stamp() {
-    return "12:34:56 " + std::to_string(gettid()) + " ";
+std::string stamp(const std::string &clock = "12:34:56") {
+    return clock + " " + std::to_string(gettid()) + " ";
 }
 
 #ifdef UTILS_FAKE_HEAP
@@ -116,6 +116,28 @@ TEST(LogCache, FullCacheStartsAgainAndDumpsTheOlderLinesFirst) {
             EXPECT_EQ(dumped(), stamp() + "port 3 is up\n.");
         });
     }
+}
+
+TEST(LogCache, StampsFollowThreadsSecondsZonesAndForks) {
+    expect_passes([] {
+        std::string expected;
+        auto write = [&](const char *clock) {
+            log_cache_write_string("x\n");
+            expected += stamp(clock) + "x\n";
+        };
+        write("12:34:56");
+        std::thread(write, "12:34:56").join();
+        setenv("TZ", "WEST4", 1);
+        write("12:34:56");
+        ++moment;
+        write("05:34:57");
+        EXPECT_TRUE(support::passes_in_child([&] {
+            write("05:34:57");
+            EXPECT_EQ(dumped(), expected + '\0');
+        }));
+        write("05:34:57");
+        EXPECT_EQ(dumped(), expected + '\0');
+    });
 }
 
 TEST(LogCache, OverLongLinesAndNullNamesAbort) {

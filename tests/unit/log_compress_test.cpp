@@ -4,6 +4,7 @@
 #include <random>
 #include <vector>
 
+#include "line_history.h"
 #include "support/heap.h"
 #include "support/log_stream.h"
 
@@ -44,6 +45,20 @@ std::string model(const Lines &lines) {
         out += '\x80';
         history.push_front(line);
         history.resize(std::min<size_t>(history.size(), 127));
+    }
+    return out;
+}
+
+// The stream of one way to search, which another processor may take.
+template <typename History, typename... Search>
+std::string coded_by(const Lines &lines, Search... search) {
+    auto history = std::make_unique<History>();
+    std::string out;
+    for (const std::string &line : lines) {
+        unsigned char bytes[LOG_COMPRESS_LINE_MAX];
+        int written = utils::code_line(*history, line.data(), static_cast<int>(line.size()), bytes,
+                                       search...);
+        out.append(bytes, bytes + written) += '\x80';
     }
     return out;
 }
@@ -89,8 +104,16 @@ TEST(LogCompress, AgreesWithTheDescribedSearchAndComesBack) {
                 line.resize(1 + random() % 255, 'e');
             lines.push_back(line);
         }
-        ASSERT_EQ(coded(lines), model(lines));
-        ASSERT_EQ(decoded(coded(lines)), std::pair(lines, size_t{0}));
+        std::string stream = model(lines);
+        ASSERT_EQ(coded(lines), stream);
+        ASSERT_EQ(coded_by<utils::LineRows>(lines), stream);
+#ifdef __x86_64__
+        ASSERT_EQ(coded_by<utils::LineColumns>(lines, utils::equal_lines_sse2), stream);
+        if (__builtin_cpu_supports("avx2")) {
+            ASSERT_EQ(coded_by<utils::LineColumns>(lines, utils::equal_lines_avx2), stream);
+        }
+#endif
+        ASSERT_EQ(decoded(stream), std::pair(lines, size_t{0}));
     }
 }
 
