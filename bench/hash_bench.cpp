@@ -99,8 +99,8 @@ class Ours {
     static constexpr const char *kSide = "ours";
     Ours() : Ours(Kind::kHash, Kind::kCompare) {}
     void add(uintptr_t key, uintptr_t value) { add_to_hash(key, value, table_); }
-    bool find(uintptr_t key) {
-        return get_header(key, &table_->buckets[table_->hashFn(key)], table_) != nullptr;
+    void *find(uintptr_t key) {
+        return get_header(key, &table_->buckets[table_->hashFn(key)], table_);
     }
     uintptr_t *values(uintptr_t key) {
         uintptr_t *values = nullptr;
@@ -137,7 +137,7 @@ class GLib {
         }
         g_array_append_val(array, value);
     }
-    bool find(uintptr_t key) { return g_hash_table_lookup(table_, as_pointer(key)) != nullptr; }
+    void *find(uintptr_t key) { return g_hash_table_lookup(table_, as_pointer(key)); }
     uintptr_t *values(uintptr_t key) {
         auto *array = static_cast<GArray *>(g_hash_table_lookup(table_, as_pointer(key)));
         return static_cast<uintptr_t *>(g_memdup2(array->data, array->len * sizeof(uintptr_t)));
@@ -156,7 +156,7 @@ class Standard {
   public:
     static constexpr const char *kSide = "std";
     void add(uintptr_t key, uintptr_t value) { map_.emplace(Kind::native(key), value); }
-    bool find(uintptr_t key) { return map_.find(Kind::native(key)) != map_.end(); }
+    void *find(uintptr_t key) { return &*map_.find(Kind::native(key)); }
     uintptr_t *values(uintptr_t key) {
         auto [from, to] = map_.equal_range(Kind::native(key));
         auto count = static_cast<size_t>(std::distance(from, to));
@@ -171,18 +171,25 @@ class Standard {
     std::unordered_multimap<typename Kind::Native, uintptr_t> map_;
 };
 
-// The keys of a kind and size in random order, kBatch more behind them.
+// The keys of a kind and size in random order, kBatch more behind them; and the same keys at other
+// addresses, to look for.
 template <typename Kind>
 struct Keys {
     std::vector<std::string> texts;
-    std::vector<uintptr_t> words;
+    std::vector<uintptr_t> words, sought;
 
     explicit Keys(size_t size) {
         for (unsigned i = 0; i < size + kBatch; ++i)
             texts.push_back(Kind::text(i));
-        for (const std::string &text : texts)
-            words.push_back(Kind::word(text));
-        std::shuffle(words.begin(), words.end(), std::mt19937(1));
+        std::shuffle(texts.begin(), texts.end(), std::mt19937(1));
+        const size_t all = texts.size();
+        texts.reserve(2 * all);
+        for (size_t i = 0; i < all; ++i)
+            texts.push_back(texts[i]);
+        for (size_t i = 0; i < all; ++i) {
+            words.push_back(Kind::word(texts[i]));
+            sought.push_back(Kind::word(texts[all + i]));
+        }
     }
     static const Keys &of(size_t size) {
         static std::unordered_map<size_t, std::unique_ptr<Keys>> all;
@@ -193,7 +200,7 @@ struct Keys {
     }
 };
 
-// The table of `size` keys, filled once.
+// The table of `size` keys, filled once, in another order than it is asked.
 template <typename Kind, template <typename> class Table>
 Table<Kind> &filled(size_t size) {
     static std::unordered_map<size_t, std::unique_ptr<Table<Kind>>> all;
@@ -202,22 +209,24 @@ Table<Kind> &filled(size_t size) {
         table = std::make_unique<Table<Kind>>();
         const auto &words = Keys<Kind>::of(size).words;
         for (size_t i = 0; i < size * kValues; ++i)
-            table->add(words[i % size], i);
+            table->add(words[i * 7 % size], 2 * i);
     }
     return *table;
 }
 
-// Calls `step(table, key)` with one key after the other.
-template <typename Kind, template <typename> class Table, typename Step>
-void each_key(benchmark::State &state, size_t size, Step step) {
+// Looks for one key after the other. What a look-up gives (an even number) decides on the next one:
+// programs use what they find, and the processor cannot work ahead.
+template <typename Kind, template <typename> class Table, typename Look>
+void each_key(benchmark::State &state, size_t size, Look look) {
     auto &table = filled<Kind, Table>(size);
-    const auto &words = Keys<Kind>::of(size).words;
-    static size_t at = 0;
+    const auto &sought = Keys<Kind>::of(size).sought;
+    static size_t last = 0;
+    size_t at = last % size;
     for (auto _ : state) {
-        if (++at >= size)
-            at = 0;
-        step(table, words[at]);
+        at += 1 + look(table, sought[at]) % 2;
+        at = at < size ? at : 0;
     }
+    last = at;
 }
 
 // Times one of two steps that undo each other, a batch at a time.
@@ -248,13 +257,16 @@ void offer(size_t size) {
     };
     benchmark::RegisterBenchmark(name("find").c_str(), [size](benchmark::State &state) {
         each_key<Kind, Table>(state, size, [](auto &table, uintptr_t key) {
-            if (!table.find(key))
-                abort();
+            return reinterpret_cast<uintptr_t>(table.find(key));
         });
     });
     benchmark::RegisterBenchmark(name("values").c_str(), [size](benchmark::State &state) {
-        each_key<Kind, Table>(state, size,
-                              [](auto &table, uintptr_t key) { free(table.values(key)); });
+        each_key<Kind, Table>(state, size, [](auto &table, uintptr_t key) {
+            uintptr_t *values = table.values(key);
+            uintptr_t first = values[0];
+            free(values);
+            return first;
+        });
     });
     for (bool add : {true, false}) {
         benchmark::RegisterBenchmark(
