@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <cstddef>
@@ -38,8 +39,13 @@ struct Priority {
 };
 Priority prio;
 
+// The saved nice value is 0 or below: it is never sampled anew, and holders need not be counted.
+std::atomic<bool> nice_already{false};
+
 // Enters the set of holders, at nice 0 from the first one on.
 int raise_priority() {
+    if (nice_already.load(std::memory_order_relaxed))
+        return 0;
     MutexLock hold(prio.mutex);
     if (prio.holders == 0 && prio.saved_nice == kNoNice) {
         errno = 0;
@@ -49,13 +55,16 @@ int raise_priority() {
     }
     if (prio.saved_nice > 0)
         setpriority(PRIO_PROCESS, 0, 0);
+    else
+        nice_already.store(true, std::memory_order_relaxed);
     ++prio.holders;
     return 0;
 }
 
-// Leaves it; the last one gets the old value back. A saved value of 0 or below is never sampled
-// anew.
+// Leaves it; the last one gets the old value back.
 int lower_priority() {
+    if (nice_already.load(std::memory_order_relaxed))
+        return 0;
     MutexLock hold(prio.mutex);
     --prio.holders;
     if (prio.holders == 0 && prio.saved_nice > 0) {
