@@ -92,7 +92,7 @@ void run_against_model(const std::vector<Key> &some_keys, hashFunction hash, has
     std::vector<Key> keys = some_keys;
     hash_table *table = support::with_each_failure([&] { return create_hash_table(hash, compare); },
                                                    [](auto *made) { EXPECT_EQ(made, nullptr); });
-    for (int step = 0; step < 100000; ++step) {
+    for (int step = 0; step < 50000; ++step) {
         Key &key = keys[random() % (1 + random() % keys.size())];
         uintptr_t word = key.words[random() % 2], value = random() % 8;
         Values &values = key.values;
@@ -136,7 +136,7 @@ void run_against_model(const std::vector<Key> &some_keys, hashFunction hash, has
         }
         if (step % 500 == 0)
             expect_holds(table, keys);
-        if (step % 4000 == 2500) {  // goes on with a copy
+        if (step % 8000 == 2500) {  // goes on with a copy
             hash_table *copy = nullptr;
             auto refuse = [&](int refused) { ASSERT_EQ(refused == -1, copy == nullptr); };
             auto make = [&] {
