@@ -14,6 +14,8 @@ export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev
 test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
 target_packages := g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
+bench_packages := $(build_packages) bubblewrap binutils libbenchmark-dev libglib2.0-dev libevent-dev libspdlog-dev zlib1g-dev \
+    libdeflate-dev libzstd-dev libuv1-dev libtbb-dev liblz4-dev python3 python3-matplotlib
 docs_packages := doxygen mandoc man-db
 package_packages := $(build_packages) $(docs_packages) help2man debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap
 with_docs := $(if $(and $(shell command -v doxygen),$(shell command -v mandoc),$(shell command -v help2man)),ON,OFF)
@@ -32,7 +34,7 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help demo test native target asan tsan clang fuzz bench lint format docs package install clean ci
+.PHONY: help demo test native target asan tsan clang fuzz bench bench-check lint format docs package install clean ci
 
 help: ## This list
 	@grep -hE '^[a-z-]+:.*##' Makefile | sed -E 's/:.*## /|/' | column -t -s '|'
@@ -70,10 +72,15 @@ fuzz: ## Run every fuzz target for SECONDS (default 20)
 	$(call build,fuzz)
 	@scripts/fuzz build/fuzz $(SECONDS)
 
-bench: ## Run the benchmarks, ours and their peers side by side
-	@scripts/need $(build_packages) libbenchmark-dev
+bench: ## Run the benchmarks, ours and their peers side by side, all or FAMILY=name; draws docs/bench
+	@scripts/need $(bench_packages)
 	$(call build,bench)
-	@for program in build/bench/bin/*_bench; do echo "== $$program"; $$program; done
+	@scripts/bench $(FAMILY)
+
+bench-check: ## The same; fails when a goal of bench/goals.json is missed twice in a row
+	@scripts/need $(bench_packages)
+	$(call build,bench)
+	@scripts/bench --check $(FAMILY)
 
 format: ## Format the sources
 	@scripts/need clang-format

@@ -1,34 +1,49 @@
-// The hash table beside std::unordered_multimap and a textbook chained table (same buckets and hash
-// functions, one heap node a value), with the same keys: fill, find a key, collect its values into
-// an array, replace a value. Arguments: number of keys, values of each key.
-#include <benchmark/benchmark.h>
-
-#include <cstdio>
-#include <cstdlib>
+// The hash table beside GLib's table of arrays and std::unordered_multimap, with the same keys in
+// the same random order. find: the record of a key; values: a copy of a key's values; add and
+// delete: a key and its only value, in a table that holds `size` others. `walk` is our table with
+// functions that it does not know, so that it walks the chains.
+#include <algorithm>
 #include <cstring>
-#include <numeric>
+#include <ctime>
+#include <memory>
+#include <random>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "bench.h"
 #include "utils/hash.h"
+
+#ifdef BENCH_GLIB
+#include <glib.h>
+#endif
 
 namespace {
 
-// How a kind of key reads for us, and for std::unordered_multimap.
-struct PidKeys {
+constexpr size_t kValues = 3;   // of every key
+constexpr size_t kBatch = 256;  // keys that come and go beside the `size` others
+
+uint32_t mixed(uint64_t x) {
+    x ^= x >> 32;
+    x *= 0x9E3779B97F4A7C15U;
+    return static_cast<uint32_t>((x ^ x >> 29) >> 16);
+}
+
+struct Pid {
+    static constexpr const char *kName = "pid";
     static constexpr hashFunction kHash = pid_hash;
     static constexpr hashCompare kCompare = pid_cmp;
     using Native = uintptr_t;
     static Native native(uintptr_t word) { return word; }
-    static std::string text(unsigned i) { return std::to_string(i); }
-    static uintptr_t word(const std::string &text) {
-        return strtoul(text.c_str(), nullptr, 10) * 3 + 100;
-    }
+    static std::string text(unsigned i) { return std::to_string(i * 3 + 100); }
+    static uintptr_t word(const std::string &text) { return strtoul(text.c_str(), nullptr, 10); }
+    static unsigned hash(const void *key) { return mixed(reinterpret_cast<uintptr_t>(key)); }
+    static int equal(const void *a, const void *b) { return a == b; }
 };
 
-struct NameKeys {
+struct Name {
+    static constexpr const char *kName = "name";
     static constexpr hashFunction kHash = name_hash;
     static constexpr hashCompare kCompare = name_cmp;
     using Native = std::string_view;
@@ -37,218 +52,254 @@ struct NameKeys {
     static uintptr_t word(const std::string &text) {
         return reinterpret_cast<uintptr_t>(text.c_str());
     }
+    static unsigned hash(const void *key) {
+        auto *text = static_cast<const char *>(key);
+        uint64_t h = strlen(text);
+        for (uint64_t left = h, part = 0; left > 0; left -= std::min(left, uint64_t{8})) {
+            memcpy(&part, text, std::min(left, uint64_t{8}));
+            text += 8;
+            h = (h ^ part) * 0x9E3779B97F4A7C15U;
+            h ^= h >> 32;
+        }
+        return mixed(h);
+    }
+    static int equal(const void *a, const void *b) {
+        return strcmp(static_cast<const char *>(a), static_cast<const char *>(b)) == 0;
+    }
 };
 
-struct WwnKeys {
+struct Wwn {
+    static constexpr const char *kName = "wwn";
     static constexpr hashFunction kHash = wwn_hash;
     static constexpr hashCompare kCompare = wwn_cmp;
     using Native = uint64_t;
-    static Native native(uintptr_t word) {
+    static Native load(const void *key) {
         Native wwn = 0;
-        memcpy(&wwn, reinterpret_cast<const void *>(word), sizeof wwn);
+        memcpy(&wwn, key, sizeof wwn);
         return wwn;
     }
+    static Native native(uintptr_t word) { return load(reinterpret_cast<const void *>(word)); }
     static std::string text(unsigned i) {
-        char wwn[9] = "\x10\x00\x00\x05\x1e";
-        wwn[5] = static_cast<char>(i >> 16), wwn[6] = static_cast<char>(i >> 8),
+        char wwn[] = "\x10\x00\x00\x05\x1e\x00\x00\x00";
+        wwn[5] = static_cast<char>(i >> 16);
+        wwn[6] = static_cast<char>(i >> 8);
         wwn[7] = static_cast<char>(i);
         return {wwn, 8};
     }
     static uintptr_t word(const std::string &text) {
         return reinterpret_cast<uintptr_t>(text.data());
     }
+    static unsigned hash(const void *key) { return mixed(load(key)); }
+    static int equal(const void *a, const void *b) { return load(a) == load(b); }
 };
 
-template <typename Keys>
+template <typename Kind>
 class Ours {
   public:
-    Ours() : table_(create_hash_table(Keys::kHash, Keys::kCompare)) {}
-    ~Ours() { free_hash_handle(table_); }
+    static constexpr const char *kSide = "ours";
+    Ours() : Ours(Kind::kHash, Kind::kCompare) {}
     void add(uintptr_t key, uintptr_t value) { add_to_hash(key, value, table_); }
-    bool has(uintptr_t key) {
-        return get_header(key, &table_->buckets[Keys::kHash(key)], table_) != nullptr;
+    void *find(uintptr_t key) {
+        return get_header(key, &table_->buckets[table_->hashFn(key)], table_);
     }
-    uintptr_t *collect(uintptr_t key, size_t *count) {
+    uintptr_t *values(uintptr_t key) {
         uintptr_t *values = nullptr;
-        *count = static_cast<size_t>(get_from_hash(key, &values, table_));
+        get_from_hash(key, &values, table_);
         return values;
     }
-    void remove(uintptr_t key, uintptr_t value) { delete_hash_ele_from_hash(key, value, table_); }
+    void remove(uintptr_t key) { delete_from_hash(key, table_); }
 
-  private:
+  protected:
+    Ours(hashFunction hash, hashCompare compare) : table_(create_hash_table(hash, compare)) {}
     hash_table *table_;
 };
 
-template <typename Keys>
+template <typename Kind>
+class Walk : public Ours<Kind> {
+  public:
+    static constexpr const char *kSide = "walk";
+    Walk()
+        : Ours<Kind>([](uintptr_t key) { return Kind::kHash(key); },
+                     [](uintptr_t a, uintptr_t b) { return Kind::kCompare(a, b); }) {}
+};
+
+#ifdef BENCH_GLIB
+template <typename Kind>
+class GLib {
+  public:
+    static constexpr const char *kSide = "glib";
+    GLib() : table_(g_hash_table_new_full(Kind::hash, Kind::equal, nullptr, release)) {}
+    void add(uintptr_t key, uintptr_t value) {
+        auto *array = static_cast<GArray *>(g_hash_table_lookup(table_, as_pointer(key)));
+        if (array == nullptr) {
+            array = g_array_new(FALSE, FALSE, sizeof value);
+            g_hash_table_insert(table_, as_pointer(key), array);
+        }
+        g_array_append_val(array, value);
+    }
+    void *find(uintptr_t key) { return g_hash_table_lookup(table_, as_pointer(key)); }
+    uintptr_t *values(uintptr_t key) {
+        auto *array = static_cast<GArray *>(g_hash_table_lookup(table_, as_pointer(key)));
+        return static_cast<uintptr_t *>(g_memdup2(array->data, array->len * sizeof(uintptr_t)));
+    }
+    void remove(uintptr_t key) { g_hash_table_remove(table_, as_pointer(key)); }
+
+  private:
+    static void *as_pointer(uintptr_t key) { return reinterpret_cast<void *>(key); }
+    static void release(void *array) { g_array_unref(static_cast<GArray *>(array)); }
+    GHashTable *table_;
+};
+#endif
+
+template <typename Kind>
 class Standard {
   public:
-    void add(uintptr_t key, uintptr_t value) { map_.emplace(Keys::native(key), value); }
-    bool has(uintptr_t key) { return map_.find(Keys::native(key)) != map_.end(); }
-    uintptr_t *collect(uintptr_t key, size_t *count) {
-        auto [from, to] = map_.equal_range(Keys::native(key));
-        *count = static_cast<size_t>(std::distance(from, to));
-        auto *values = static_cast<uintptr_t *>(calloc(*count, sizeof(uintptr_t)));
-        for (uintptr_t *value = values; from != to; ++from)
-            *value++ = from->second;
-        return values;
-    }
-    void remove(uintptr_t key, uintptr_t value) {
-        for (auto [at, end] = map_.equal_range(Keys::native(key)); at != end; ++at) {
-            if (at->second == value) {
-                map_.erase(at);
-                return;
-            }
-        }
-    }
+    static constexpr const char *kSide = "std";
+    void add(uintptr_t key, uintptr_t value) { map_.emplace(Kind::native(key), value); }
+    void *find(uintptr_t key) { return &*map_.find(Kind::native(key)); }
 
   private:
-    std::unordered_multimap<typename Keys::Native, uintptr_t> map_;
+    std::unordered_multimap<typename Kind::Native, uintptr_t> map_;
 };
 
-template <typename Keys>
-class Plain {
-  public:
-    ~Plain() {
-        for (Node *node : buckets_) {
-            while (node != nullptr) {
-                Node *next = node->next;
-                free(node);
-                node = next;
-            }
-        }
-    }
-    void add(uintptr_t key, uintptr_t value) {
-        Node *&head = buckets_[Keys::kHash(key)];
-        auto *node = static_cast<Node *>(malloc(sizeof(Node)));
-        *node = {head, key, value};
-        head = node;
-    }
-    bool has(uintptr_t key) {
-        const Node *node = buckets_[Keys::kHash(key)];
-        while (node != nullptr && !Keys::kCompare(node->key, key))
-            node = node->next;
-        return node != nullptr;
-    }
-    uintptr_t *collect(uintptr_t key, size_t *count) {
-        const Node *first = buckets_[Keys::kHash(key)];
-        *count = 0;
-        for (const Node *node = first; node != nullptr; node = node->next)
-            *count += Keys::kCompare(node->key, key) != 0;
-        auto *values = static_cast<uintptr_t *>(calloc(*count, sizeof(uintptr_t)));
-        uintptr_t *value = values;
-        for (const Node *node = first; node != nullptr; node = node->next) {
-            if (Keys::kCompare(node->key, key))
-                *value++ = node->value;
-        }
-        return values;
-    }
-    void remove(uintptr_t key, uintptr_t value) {
-        for (Node **at = &buckets_[Keys::kHash(key)]; *at != nullptr; at = &(*at)->next) {
-            Node *node = *at;
-            if (node->value == value && Keys::kCompare(node->key, key)) {
-                *at = node->next;
-                free(node);
-                return;
-            }
-        }
-    }
-
-  private:
-    struct Node {
-        Node *next;
-        uintptr_t key, value;
-    };
-    Node *buckets_[HASH_BUCKETS] = {};
-};
-
-// The keys of a run; names and WWNs stay where the key words point.
-template <typename Keys>
-struct Workload {
+// The keys of a kind and size in random order, kBatch more behind them; and the same keys at other
+// addresses, to look for.
+template <typename Kind>
+struct Keys {
     std::vector<std::string> texts;
-    std::vector<uintptr_t> keys;
-    uintptr_t values;
+    std::vector<uintptr_t> words, sought;
 
-    explicit Workload(const benchmark::State &state)
-        : values(static_cast<uintptr_t>(state.range(1))) {
-        for (unsigned i = 0; i < state.range(0); ++i)
-            texts.push_back(Keys::text(i));
-        for (const std::string &text : texts)
-            keys.push_back(Keys::word(text));
-    }
-    template <typename Table>
-    void fill(Table &table) const {
-        for (uintptr_t value = 0; value < values; ++value) {
-            for (uintptr_t key : keys)
-                table.add(key, value);
+    explicit Keys(size_t size) {
+        for (unsigned i = 0; i < size + kBatch; ++i)
+            texts.push_back(Kind::text(i));
+        std::shuffle(texts.begin(), texts.end(), std::mt19937(1));
+        const size_t all = texts.size();
+        texts.reserve(2 * all);
+        for (size_t i = 0; i < all; ++i)
+            texts.push_back(texts[i]);
+        for (size_t i = 0; i < all; ++i) {
+            words.push_back(Kind::word(texts[i]));
+            sought.push_back(Kind::word(texts[all + i]));
         }
+    }
+    static const Keys &of(size_t size) {
+        static std::unordered_map<size_t, std::unique_ptr<Keys>> all;
+        auto &keys = all[size];
+        if (keys == nullptr)
+            keys = std::make_unique<Keys>(size);
+        return *keys;
     }
 };
 
-template <typename Keys, template <typename> class Table>
-void Fill(benchmark::State &state) {
-    Workload<Keys> work(state);
-    for (auto _ : state) {
-        Table<Keys> table;
-        work.fill(table);
+// The table of `size` keys, filled once, in another order than it is asked.
+template <typename Kind, template <typename> class Table>
+Table<Kind> &filled(size_t size) {
+    static std::unordered_map<size_t, std::unique_ptr<Table<Kind>>> all;
+    auto &table = all[size];
+    if (table == nullptr) {
+        table = std::make_unique<Table<Kind>>();
+        const auto &words = Keys<Kind>::of(size).words;
+        for (size_t i = 0; i < size * kValues; ++i)
+            table->add(words[i * 7 % size], 2 * i);
     }
-    state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(1));
+    return *table;
 }
 
-// Calls `step(table, key)` for every key of a filled table, over and over.
-template <typename Keys, template <typename> class Table, typename Step>
-void each_key(benchmark::State &state, Step step) {
-    Workload<Keys> work(state);
-    Table<Keys> table;
-    work.fill(table);
+// Looks for one key after the other. What a look-up gives (an even number) decides on the next one:
+// programs use what they find, and the processor cannot work ahead.
+template <typename Kind, template <typename> class Table, typename Look>
+void each_key(benchmark::State &state, size_t size, Look look) {
+    auto &table = filled<Kind, Table>(size);
+    const auto &sought = Keys<Kind>::of(size).sought;
+    static size_t last = 0;
+    size_t at = last % size;
     for (auto _ : state) {
-        for (uintptr_t key : work.keys)
-            step(table, key);
+        at += 1 + look(table, sought[at]) % 2;
+        at = at < size ? at : 0;
     }
-    state.SetItemsProcessed(state.iterations() * state.range(0));
+    last = at;
 }
 
-template <typename Keys, template <typename> class Table>
-void Find(benchmark::State &state) {
-    each_key<Keys, Table>(
-        state, [](auto &table, uintptr_t key) { benchmark::DoNotOptimize(table.has(key)); });
+// Times one of two steps that undo each other, a batch at a time; as with the others, what counts
+// is this thread's time on the processor.
+template <typename Kind, template <typename> class Table>
+void add_delete(benchmark::State &state, size_t size, bool time_add) {
+    auto now = [] {
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+    };
+    auto &table = filled<Kind, Table>(size);
+    const uintptr_t *extra = &Keys<Kind>::of(size).words[size];
+    for (auto _ : state) {
+        double start = now();
+        for (size_t i = 0; i < kBatch; ++i)
+            table.add(extra[i], i);
+        double middle = now();
+        for (size_t i = 0; i < kBatch; ++i)
+            table.remove(extra[i]);
+        state.SetIterationTime(time_add ? middle - start : now() - middle);
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kBatch));
 }
 
-template <typename Keys, template <typename> class Table>
-void Collect(benchmark::State &state) {
-    each_key<Keys, Table>(state, [](auto &table, uintptr_t key) {
-        size_t count = 0;
-        uintptr_t *values = table.collect(key, &count);
-        benchmark::DoNotOptimize(std::accumulate(values, values + count, uintptr_t{0}));
-        free(values);
-    });
+template <typename Kind, template <typename> class Table>
+std::string name_of(const char *what, size_t size) {
+    return std::string(what) + "_" + Kind::kName + "_" + std::to_string(size) + "/" +
+           Table<Kind>::kSide;
 }
 
-template <typename Keys, template <typename> class Table>
-void Replace(benchmark::State &state) {
-    each_key<Keys, Table>(state, [](auto &table, uintptr_t key) {
-        table.remove(key, 0);
-        table.add(key, 0);
-    });
+template <typename Kind, template <typename> class Table>
+void offer_find(size_t size) {
+    benchmark::RegisterBenchmark(
+        name_of<Kind, Table>("find", size).c_str(), [size](benchmark::State &state) {
+            each_key<Kind, Table>(state, size, [](auto &table, uintptr_t key) {
+                return reinterpret_cast<uintptr_t>(table.find(key));
+            });
+        });
 }
 
-void sizes(benchmark::internal::Benchmark *bench) {
-    bench->Args({500, 1})->Args({500, 10})->Args({5000, 1})->Args({5000, 10});
+template <typename Kind, template <typename> class Table>
+void offer_others(size_t size) {
+    benchmark::RegisterBenchmark(
+        name_of<Kind, Table>("values", size).c_str(), [size](benchmark::State &state) {
+            each_key<Kind, Table>(state, size, [](auto &table, uintptr_t key) {
+                uintptr_t *values = table.values(key);
+                uintptr_t first = values[0];
+                free(values);
+                return first;
+            });
+        });
+    for (bool add : {true, false}) {
+        benchmark::RegisterBenchmark(
+            name_of<Kind, Table>(add ? "add" : "delete", size).c_str(),
+            [size, add](benchmark::State &state) { add_delete<Kind, Table>(state, size, add); })
+            ->UseManualTime();
+    }
 }
 
-#define FOR_EACH_TABLE(what, keys)                          \
-    BENCHMARK_TEMPLATE(what, keys, Ours)->Apply(sizes);     \
-    BENCHMARK_TEMPLATE(what, keys, Standard)->Apply(sizes); \
-    BENCHMARK_TEMPLATE(what, keys, Plain)->Apply(sizes)
-#define FOR_EACH_OPERATION(keys)   \
-    FOR_EACH_TABLE(Fill, keys);    \
-    FOR_EACH_TABLE(Find, keys);    \
-    FOR_EACH_TABLE(Collect, keys); \
-    FOR_EACH_TABLE(Replace, keys)
+template <typename Kind>
+void offer_kind() {
+    for (size_t size : {100U, 1000U, 10000U, 100000U, 1000000U}) {
+        offer_find<Kind, Ours>(size);
+        offer_others<Kind, Ours>(size);
+#ifdef BENCH_GLIB
+        offer_find<Kind, GLib>(size);
+        offer_others<Kind, GLib>(size);
+#endif
+        if (size <= 100000)
+            offer_find<Kind, Standard>(size);
+        if (size <= 10000)
+            offer_find<Kind, Walk>(size);
+    }
+}
 
-FOR_EACH_OPERATION(PidKeys);
-FOR_EACH_OPERATION(NameKeys);
-FOR_EACH_OPERATION(WwnKeys);
+void offer_all() {
+    offer_kind<Pid>();
+    offer_kind<Name>();
+    offer_kind<Wwn>();
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+BENCH_MAIN(offer_all)

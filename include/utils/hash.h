@@ -3,10 +3,12 @@
  * @brief Hash tables from a key word to any number of value words, with keys for process ids, names
  * and WWNs.
  *
- * A table has HASH_BUCKETS chains and never grows: it is made for some thousands of keys. It maps
- * a key to several values (a multimap) and keeps duplicates. Keys and values are single machine
- * words, numbers or pointers; the table neither copies nor frees what they point to, so a name or a
- * WWN that serves as a key must stay unchanged as long as the key is in the table.
+ * A table has HASH_BUCKETS chains, always. With both functions of one of the key kinds below it
+ * finds a key in the same time at any size, by an index beside the chains; with other functions,
+ * and when there is no memory for the index, it walks the chain, which suits some thousands of
+ * keys. It maps a key to several values (a multimap) and keeps duplicates. Keys and values are
+ * single machine words, numbers or pointers; the table neither copies nor frees what they point to,
+ * so a name or a WWN that serves as a key must stay unchanged as long as the key is in the table.
  *
  * Values of a key keep the order in which they were added until one of them is deleted: the last
  * value then takes the place of the deleted one.
@@ -36,7 +38,10 @@ typedef unsigned (*hashFunction)(uintptr_t key);
 /** Tells whether two keys are the same. @return non-zero when they are */
 typedef int (*hashCompare)(uintptr_t stored, uintptr_t lookedUp);
 
-/** A table; public for inspection in a debugger, to be changed only by the calls below. */
+/**
+ * A table; public for inspection in a debugger, to be changed only by the calls below. Only
+ * create_hash_table() and copy_hash_table() make one: there is more behind the record.
+ */
 typedef struct hash_table {
     hashFunction hashFn; /**< chooses the bucket */
     hashCompare cmpFn;   /**< identifies the key within the bucket */
@@ -44,12 +49,15 @@ typedef struct hash_table {
     int32_t numBuckets;  /**< HASH_BUCKETS */
 } hash_table;
 
-/** A key and its values. */
+/**
+ * A key and its values. The lists of a table are read-only: the first block is part of its header's
+ * allocation, and lstFree() or lstDelete() on one of them would leave the table wrong.
+ */
 typedef struct hash_header {
     NODE link;     /**< place on the bucket's list */
     uintptr_t key; /**< the key as it was given */
     int32_t count; /**< number of values, in all blocks */
-    LIST elements; /**< list of hash_block; only the last one may have free slots */
+    LIST elements; /**< list of hash_block, read-only; only the last one may have free slots */
 } hash_header;
 
 /** Up to HASH_BLOCK_VALUES values of one key. */
@@ -85,7 +93,8 @@ int add_to_hash(uintptr_t key, uintptr_t value, hash_table *table);
 int get_from_hash(uintptr_t key, uintptr_t **out, hash_table *table);
 
 /**
- * Finds the record of @p key on one bucket's list.
+ * Finds the record of @p key on one bucket's list. On the bucket that the table's hash function
+ * names this takes the same time at any size, for the key kinds below; another list is walked.
  * @return the record, which belongs to the table, or null
  */
 hash_header *get_header(uintptr_t key, LIST *bucket, hash_table *table);

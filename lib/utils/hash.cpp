@@ -1,7 +1,9 @@
 // Hash tables of 503 chains. A bucket is a list of headers, one a key; a header has a list of
-// blocks with up to five values each. The table owns headers and blocks, never what keys and values
-// point to. Lists are walked without their locks: callers serialise, as the header file says. A
-// record is complete before it is linked, so that a failed allocation leaves the table as it was.
+// blocks with up to five values each, of which the first one lies behind the header. The table owns
+// headers and blocks, never what keys and values point to. Lists are walked without their locks:
+// callers serialise, as the header file says. A record is complete before it is linked, so that a
+// failed allocation leaves the table as it was. A table of built-in key functions has an index of
+// the keys beside the chains.
 #include "utils/hash.h"
 
 #include <climits>
@@ -11,6 +13,8 @@
 #include <cstring>
 
 #include "base/heap.h"
+#include "base/thread.h"
+#include "hash_index.h"
 
 static_assert(offsetof(hash_table, cmpFn) == sizeof(void *));
 static_assert(offsetof(hash_table, buckets) == 2 * sizeof(void *));
@@ -26,13 +30,55 @@ namespace utils {
 namespace {
 
 constexpr unsigned kNoBucket = UINT_MAX;  // what the key functions answer for a key that is no key
-constexpr int kWwnLength = 8;
+
+// What create_hash_table() really makes.
+struct Table {
+    hash_table open;
+    HashIndex index;
+    hashFunction hash;  // the functions that the index was made for
+    hashCompare compare;
+};
+
+// A header as it is allocated.
+struct Record {
+    hash_header header;
+    hash_block first;
+    uint64_t word;  // in the index, when the table had one
+};
+static_assert(offsetof(Record, header) == 0 && offsetof(Table, open) == 0);
 
 hash_header *as_header(NODE *node) {
     return reinterpret_cast<hash_header *>(node);
 }
 hash_block *as_block(NODE *node) {
     return reinterpret_cast<hash_block *>(node);
+}
+Record *as_record(hash_header *header) {
+    return reinterpret_cast<Record *>(header);
+}
+Table *as_whole(hash_table *table) {
+    return reinterpret_cast<Table *>(table);
+}
+
+void start_index(Table *table) {
+    table->index.reset(kind_of(table->open.hashFn, table->open.cmpFn));
+    table->hash = table->open.hashFn;
+    table->compare = table->open.cmpFn;
+}
+
+// The index, or null when the chains must be walked: no built-in functions, no memory, or somebody
+// put other functions into the record.
+HashIndex *index_of(hash_table *table) {
+    Table *whole = as_whole(table);
+    if (whole->hash != table->hashFn || whole->compare != table->cmpFn)
+        whole->index.reset(KeyKind::kUnknown);
+    return whole->index.alive() ? &whole->index : nullptr;
+}
+
+// Not inlined: the callers need no frame on the stack then.
+__attribute__((noinline)) HashEntry *entry_of(uintptr_t key, const HashIndex *index) {
+    uint64_t word = 0;
+    return index->find(key, &word);
 }
 
 // The bucket of `key`, or null when there is no table or the key is refused.
@@ -43,24 +89,103 @@ LIST *bucket_of(uintptr_t key, const hash_table *table) {
     return index < HASH_BUCKETS ? &table->buckets[index] : nullptr;
 }
 
-hash_header *new_header(uintptr_t key) {
-    auto *header = allocate_zeroed<hash_header>();
-    if (header != nullptr) {
-        header->key = key;
-        lstInit(&header->elements);
+// The number of the bucket that holds `entry`, which is that of `key`. No header is looked at.
+unsigned bucket_in(const HashIndex &index, const HashEntry &entry, uintptr_t key) {
+    return index.kind() == KeyKind::kPid   ? pid_bucket(key)
+           : index.kind() == KeyKind::kWwn ? wwn_bucket(key)
+                                           : static_cast<unsigned>(entry.word & kBucketBits);
+}
+
+hash_header *walk(uintptr_t key, const LIST *bucket, const hash_table *table) {
+    for (NODE *n = bucket != nullptr ? bucket->head : nullptr; n != nullptr; n = n->next) {
+        if (table->cmpFn(as_header(n)->key, key) != 0)
+            return as_header(n);
     }
-    return header;
+    return nullptr;
+}
+
+// Where a key stands; `entry` only in a table with an index.
+struct Place {
+    hash_header *header;
+    LIST *bucket;
+    HashEntry *entry;
+};
+
+// The place of `key`; no header when it is absent or there is no table.
+Place place_of(uintptr_t key, hash_table *table) {
+    if (table == nullptr)
+        return {};
+    const HashIndex *index = index_of(table);
+    if (index == nullptr) {
+        LIST *bucket = bucket_of(key, table);
+        return {walk(key, bucket, table), bucket, nullptr};
+    }
+    HashEntry *entry = entry_of(key, index);
+    if (entry == nullptr)
+        return {};
+    return {entry->header, &table->buckets[bucket_in(*index, *entry, key)], entry};
+}
+
+// With an empty first block.
+hash_header *new_header(uintptr_t key, uint64_t word) {
+    auto *record = allocate_zeroed<Record>();
+    if (record == nullptr)
+        return nullptr;
+    record->word = word;
+    record->header.key = key;
+    LIST *elements = &record->header.elements;
+    lstInit(elements);
+    elements->head = elements->tail = &record->first.link;
+    elements->count = 1;
+    return &record->header;
+}
+
+void release_blocks(hash_header *header) {
+    for (NODE *n = header->elements.head->next; n != nullptr;) {
+        NODE *next = n->next;
+        free(as_block(n));
+        n = next;
+    }
+    pthread_mutex_destroy(&header->elements.lock);
 }
 
 // For a header that is on no list (any more).
 void release_header(hash_header *header) {
-    lstFree(&header->elements);
-    free(header);
+    release_blocks(header);
+    free(as_record(header));
+}
+
+// lstDelete() would search the chain first.
+void unlink_header(LIST *bucket, hash_header *header) {
+    RecordLock lock(bucket->lock);
+    const NODE link = header->link;
+    (link.previous != nullptr ? link.previous->next : bucket->head) = link.next;
+    (link.next != nullptr ? link.next->previous : bucket->tail) = link.previous;
+    --bucket->count;
+}
+
+void remove_header(const Place &place, hash_table *table) {
+    if (place.entry != nullptr)
+        as_whole(table)->index.erase(place.entry);
+    unlink_header(place.bucket, place.header);
+    release_header(place.header);
+}
+
+// Puts a complete header, whose key is new, into its bucket and the index.
+void link_header(hash_table *table, LIST *bucket, hash_header *header) {
+    lstAdd(bucket, &header->link);
+    HashIndex *index = index_of(table);
+    if (index == nullptr)
+        return;
+    uint64_t word = as_record(header)->word;
+    if (index->kind() == KeyKind::kName)
+        word |= static_cast<uint64_t>(bucket - table->buckets);
+    index->insert({{word, header}, header->key});
 }
 
 bool append_value(hash_header *header, uintptr_t value) {
     hash_block *last = as_block(header->elements.tail);
-    if (last == nullptr || last->used == HASH_BLOCK_VALUES) {
+    if (last->used == HASH_BLOCK_VALUES) {
         last = allocate_zeroed<hash_block>();
         if (last == nullptr)
             return false;
@@ -73,18 +198,21 @@ bool append_value(hash_header *header, uintptr_t value) {
 
 // A header with the same key and blocks, on no list; null when memory runs out.
 hash_header *copy_header(hash_header *source) {
-    hash_header *copy = new_header(source->key);
+    hash_header *copy = new_header(source->key, as_record(source)->word);
     if (copy == nullptr)
         return nullptr;
+    hash_block *block = &as_record(copy)->first;
     for (NODE *n = source->elements.head; n != nullptr; n = n->next) {
-        auto *block = allocate_zeroed<hash_block>();
-        if (block == nullptr) {
-            release_header(copy);
-            return nullptr;
+        if (n != source->elements.head) {
+            block = allocate_zeroed<hash_block>();
+            if (block == nullptr) {
+                release_header(copy);
+                return nullptr;
+            }
+            lstAdd(&copy->elements, &block->link);
         }
         memcpy(block->values, as_block(n)->values, sizeof block->values);
         block->used = as_block(n)->used;
-        lstAdd(&copy->elements, &block->link);
     }
     copy->count = source->count;
     return copy;
@@ -102,9 +230,10 @@ uintptr_t *find_value(hash_header *header, uintptr_t value) {
     return nullptr;
 }
 
+// A header keeps its first block, even an empty one.
 void drop_last_value(hash_header *header) {
     hash_block *last = as_block(header->elements.tail);
-    if (--last->used == 0) {
+    if (--last->used == 0 && header->elements.head != &last->link) {
         lstDelete(&header->elements, &last->link);
         free(last);
     }
@@ -114,7 +243,7 @@ void drop_last_value(hash_header *header) {
 // Frees everything in `bucket` and destroys the list.
 void release_bucket(LIST *bucket) {
     for (NODE *n = bucket->head; n != nullptr; n = n->next)
-        lstFree(&as_header(n)->elements);
+        release_blocks(as_header(n));
     lstFree(bucket);
 }
 
@@ -124,9 +253,10 @@ void release_bucket(LIST *bucket) {
 hash_table *create_hash_table(hashFunction hash, hashCompare compare) {
     if (hash == nullptr || compare == nullptr)
         return nullptr;
-    utils::HeapBlock<hash_table> table(utils::allocate_zeroed<hash_table>());
-    if (!table)
+    utils::HeapBlock<utils::Table> whole(utils::allocate_zeroed<utils::Table>());
+    if (!whole)
         return nullptr;
+    hash_table *table = &whole->open;
     table->buckets = static_cast<LIST *>(calloc(HASH_BUCKETS, sizeof(LIST)));
     if (table->buckets == nullptr)
         return nullptr;
@@ -135,29 +265,31 @@ hash_table *create_hash_table(hashFunction hash, hashCompare compare) {
         lstInit(&table->buckets[i]);
     table->hashFn = hash;
     table->cmpFn = compare;
-    return table.release();
+    utils::start_index(whole.get());
+    return &whole.release()->open;
 }
 
 int add_to_hash(uintptr_t key, uintptr_t value, hash_table *table) {
-    LIST *bucket = utils::bucket_of(key, table);
-    if (bucket == nullptr)
+    if (table == nullptr)
         return UTILS_ERROR;
-    hash_header *header = get_header(key, bucket, table);
+    const utils::HashIndex *index = utils::index_of(table);
+    const utils::HashEntry *entry = nullptr;
+    uint64_t word = 0;
+    if (index != nullptr && (entry = index->find(key, &word)) != nullptr)
+        return utils::append_value(entry->header, value) ? UTILS_OK : UTILS_ERROR;
+    LIST *bucket = utils::bucket_of(key, table);
+    hash_header *header = index == nullptr ? utils::walk(key, bucket, table) : nullptr;
     if (header != nullptr)
         return utils::append_value(header, value) ? UTILS_OK : UTILS_ERROR;
-    header = utils::new_header(key);
-    if (header == nullptr)
+    if (bucket == nullptr || (header = utils::new_header(key, word)) == nullptr)
         return UTILS_ERROR;
-    if (!utils::append_value(header, value)) {
-        utils::release_header(header);
-        return UTILS_ERROR;
-    }
-    lstAdd(bucket, &header->link);
+    utils::append_value(header, value);
+    utils::link_header(table, bucket, header);
     return UTILS_OK;
 }
 
 int get_from_hash(uintptr_t key, uintptr_t **out, hash_table *table) {
-    hash_header *header = get_header(key, utils::bucket_of(key, table), table);
+    hash_header *header = utils::place_of(key, table).header;
     if (header == nullptr || header->count == 0 || out == nullptr)
         return 0;
     auto *values =
@@ -176,11 +308,15 @@ int get_from_hash(uintptr_t key, uintptr_t **out, hash_table *table) {
 hash_header *get_header(uintptr_t key, LIST *bucket, hash_table *table) {
     if (bucket == nullptr || table == nullptr)
         return nullptr;
-    for (NODE *n = bucket->head; n != nullptr; n = n->next) {
-        if (table->cmpFn(utils::as_header(n)->key, key) != 0)
-            return utils::as_header(n);
+    if (const utils::HashIndex *index = utils::index_of(table)) {
+        const utils::HashEntry *entry = utils::entry_of(key, index);
+        if (entry != nullptr && bucket == &table->buckets[utils::bucket_in(*index, *entry, key)])
+            return entry->header;
+        bool own = bucket >= table->buckets && bucket < table->buckets + HASH_BUCKETS;
+        if (entry == nullptr && own)
+            return nullptr;
     }
-    return nullptr;
+    return utils::walk(key, bucket, table);
 }
 
 int get_all_headers(uintptr_t **out, hash_table *table) {
@@ -204,30 +340,25 @@ int get_all_headers(uintptr_t **out, hash_table *table) {
 }
 
 int delete_from_hash(uintptr_t key, hash_table *table) {
-    LIST *bucket = utils::bucket_of(key, table);
-    hash_header *header = get_header(key, bucket, table);
-    if (header == nullptr)
+    utils::Place place = utils::place_of(key, table);
+    if (place.header == nullptr)
         return UTILS_ERROR;
-    lstDelete(bucket, &header->link);
-    utils::release_header(header);
+    utils::remove_header(place, table);
     return UTILS_OK;
 }
 
 int delete_hash_ele_from_hash(uintptr_t key, uintptr_t value, hash_table *table) {
-    LIST *bucket = utils::bucket_of(key, table);
-    hash_header *header = get_header(key, bucket, table);
-    if (header == nullptr)
+    utils::Place place = utils::place_of(key, table);
+    if (place.header == nullptr)
         return UTILS_ERROR;
-    uintptr_t *slot = utils::find_value(header, value);
+    uintptr_t *slot = utils::find_value(place.header, value);
     if (slot == nullptr)
         return UTILS_OK;
-    const hash_block *last = utils::as_block(header->elements.tail);
+    const hash_block *last = utils::as_block(place.header->elements.tail);
     *slot = last->values[last->used - 1];
-    utils::drop_last_value(header);
-    if (header->count == 0) {
-        lstDelete(bucket, &header->link);
-        utils::release_header(header);
-    }
+    utils::drop_last_value(place.header);
+    if (place.header->count == 0)
+        utils::remove_header(place, table);
     return UTILS_OK;
 }
 
@@ -246,6 +377,8 @@ void free_hash_eles(hash_table *table) {
         utils::release_bucket(&table->buckets[i]);
         lstInit(&table->buckets[i]);
     }
+    if (table != nullptr)
+        utils::start_index(utils::as_whole(table));
 }
 
 void free_hash_handle(hash_table *table) {
@@ -254,7 +387,8 @@ void free_hash_handle(hash_table *table) {
     for (int i = 0; i < HASH_BUCKETS; ++i)
         utils::release_bucket(&table->buckets[i]);
     free(table->buckets);
-    free(table);
+    utils::as_whole(table)->index.reset(utils::KeyKind::kUnknown);
+    free(utils::as_whole(table));
 }
 
 int copy_hash_table(hash_table *src, hash_table **dst) {
@@ -264,6 +398,8 @@ int copy_hash_table(hash_table *src, hash_table **dst) {
     hash_table *copy = create_hash_table(src->hashFn, src->cmpFn);
     if (copy == nullptr)
         return UTILS_ERROR;
+    if (utils::index_of(src) == nullptr)
+        utils::as_whole(copy)->index.reset(utils::KeyKind::kUnknown);
     for (int i = 0; i < HASH_BUCKETS; ++i) {
         for (NODE *n = src->buckets[i].head; n != nullptr; n = n->next) {
             hash_header *header = utils::copy_header(utils::as_header(n));
@@ -271,7 +407,7 @@ int copy_hash_table(hash_table *src, hash_table **dst) {
                 free_hash_handle(copy);
                 return UTILS_ERROR;
             }
-            lstAdd(&copy->buckets[i], &header->link);
+            utils::link_header(copy, &copy->buckets[i], header);
         }
     }
     *dst = copy;
@@ -298,19 +434,11 @@ int print_hash_table(hash_table *table) {
 }
 
 uint32_t ElfHash(const unsigned char *bytes, int len) {
-    uint32_t hash = 0;
-    for (int i = 0; bytes != nullptr && i < len; ++i) {
-        hash = (hash << 4) + bytes[i];
-        uint32_t high = hash & 0xF0000000U;
-        hash ^= high >> 24;
-        hash &= ~high;
-    }
-    return hash;
+    return utils::elf_hash(bytes, len);
 }
 
-// A negative remainder becomes an index far above the buckets, which the table refuses.
 unsigned pid_hash(uintptr_t pid) {
-    return static_cast<unsigned>(static_cast<int32_t>(pid) % HASH_BUCKETS);
+    return utils::pid_bucket(pid);
 }
 
 int pid_cmp(uintptr_t stored, uintptr_t lookedUp) {
@@ -322,7 +450,7 @@ unsigned name_hash(uintptr_t name) {
     if (text == nullptr)
         return utils::kNoBucket;
     int length = static_cast<int>(strnlen(text, INT_MAX));
-    return ElfHash(reinterpret_cast<const unsigned char *>(text), length) % HASH_BUCKETS;
+    return utils::elf_hash(reinterpret_cast<const unsigned char *>(text), length) % HASH_BUCKETS;
 }
 
 int name_cmp(uintptr_t stored, uintptr_t lookedUp) {
@@ -334,7 +462,7 @@ int name_cmp(uintptr_t stored, uintptr_t lookedUp) {
 unsigned wwn_hash(uintptr_t wwn) {
     if (wwn == 0)
         return utils::kNoBucket;
-    return ElfHash(reinterpret_cast<const unsigned char *>(wwn), utils::kWwnLength) % HASH_BUCKETS;
+    return utils::wwn_bucket(wwn);
 }
 
 int wwn_cmp(uintptr_t stored, uintptr_t lookedUp) {

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <cstddef>
@@ -38,8 +39,12 @@ struct Priority {
 };
 Priority prio;
 
-// Enters the set of holders, at nice 0 from the first one on.
-int raise_priority() {
+// The saved nice value is 0 or below: it is never sampled anew, and holders need not be counted.
+std::atomic<bool> nice_already{false};
+
+// Enters the set of holders, at nice 0 from the first one on; errno stays when that succeeds.
+int raise_nice() {
+    const int before = errno;
     MutexLock hold(prio.mutex);
     if (prio.holders == 0 && prio.saved_nice == kNoNice) {
         errno = 0;
@@ -49,13 +54,16 @@ int raise_priority() {
     }
     if (prio.saved_nice > 0)
         setpriority(PRIO_PROCESS, 0, 0);
+    else
+        nice_already.store(true, std::memory_order_relaxed);
     ++prio.holders;
+    errno = before;
     return 0;
 }
 
-// Leaves it; the last one gets the old value back. A saved value of 0 or below is never sampled
-// anew.
-int lower_priority() {
+// Leaves it; the last one gets the old value back. errno stays when that succeeds.
+int lower_nice() {
+    const int before = errno;
     MutexLock hold(prio.mutex);
     --prio.holders;
     if (prio.holders == 0 && prio.saved_nice > 0) {
@@ -64,7 +72,16 @@ int lower_priority() {
             return -1;
         prio.saved_nice = kNoNice;
     }
+    errno = before;
     return 0;
+}
+
+int raise_priority() {
+    return nice_already.load(std::memory_order_relaxed) ? 0 : raise_nice();
+}
+
+int lower_priority() {
+    return nice_already.load(std::memory_order_relaxed) ? 0 : lower_nice();
 }
 
 // The end of a failed lock call: errno keeps what the failure was.
@@ -156,15 +173,15 @@ int write_locked(procrwlock_t &lck, Wait wait) {
 }
 
 // A try-lock that is busy inside the process leaves errno as it was.
-int lock_record(procrwlock_t *lck, int (*body)(procrwlock_t &, Wait), Wait wait) {
+template <int (*body)(procrwlock_t &, Wait)>
+int lock_record(procrwlock_t *lck, Wait wait) {
     if (lck == nullptr) {
         errno = EINVAL;
         return -1;
     }
-    int result, before = errno;
     if (raise_priority() != 0)
         return -1;
-    errno = before;
+    int result;
     {
         RecordLock hold(lck->l_mutex);
         result = body(*lck, wait);
@@ -201,7 +218,8 @@ int write_unlocked(procrwlock_t &lck) {
     return result;
 }
 
-int unlock_record(procrwlock_t *lck, int (*body)(procrwlock_t &), bool reading) {
+template <int (*body)(procrwlock_t &)>
+int unlock_record(procrwlock_t *lck, bool reading) {
     if (lck == nullptr) {
         errno = EINVAL;
         return -1;
@@ -220,11 +238,7 @@ int unlock_record(procrwlock_t *lck, int (*body)(procrwlock_t &), bool reading) 
         result = body(*lck);
     }
     // The old priority comes back whatever `result` is.
-    int error = errno;
-    if (raised && lower_priority() != 0)
-        return -1;
-    errno = error;
-    return result;
+    return raised && lower_priority() != 0 ? -1 : result;
 }
 
 }  // namespace
@@ -252,25 +266,25 @@ int procrwlock_init(procrwlock_t *lck, int fd) {
 }
 
 int procrwlock_rdlock(procrwlock_t *lck) {
-    return lock_record(lck, read_locked, kWait);
+    return lock_record<read_locked>(lck, kWait);
 }
 
 int procrwlock_rdlock_trylock(procrwlock_t *lck) {
-    return lock_record(lck, read_locked, kTry);
+    return lock_record<read_locked>(lck, kTry);
 }
 
 int procrwlock_wrlock(procrwlock_t *lck) {
-    return lock_record(lck, write_locked, kWait);
+    return lock_record<write_locked>(lck, kWait);
 }
 
 int procrwlock_wrlock_trylock(procrwlock_t *lck) {
-    return lock_record(lck, write_locked, kTry);
+    return lock_record<write_locked>(lck, kTry);
 }
 
 int procrwlock_rdunlock(procrwlock_t *lck) {
-    return unlock_record(lck, read_unlocked, true);
+    return unlock_record<read_unlocked>(lck, true);
 }
 
 int procrwlock_wrunlock(procrwlock_t *lck) {
-    return unlock_record(lck, write_unlocked, false);
+    return unlock_record<write_unlocked>(lck, false);
 }

@@ -5,9 +5,11 @@
 #include <sys/times.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "support/support.h"
@@ -70,14 +72,30 @@ int fake_system(const char *command) {
 
 namespace {
 
+// How often, of many moments, the millisecond clock differs from the division that it stands for.
+int wrong_milliseconds() {
+    std::mt19937_64 random(1);
+    const auto rate = static_cast<uint64_t>(std::max(tb_ticks_p_msec, 1));
+    int wrong = 0;
+    for (int i = 0; i < 100000; ++i) {
+        perf_record record;
+        time_base = random() >> random() % 64;
+        if (i % 2 == 0)
+            time_base = time_base / rate * rate - static_cast<unsigned>(i) % 4 / 2;
+        perf_start(&record);
+        wrong += record.start != static_cast<uint32_t>(time_base / rate);
+    }
+    return wrong;
+}
+
 // Started anew with a word in the environment, the program only does what that says, and prints it.
 const bool started_anew = [] {
     const char *task = getenv("CLOCK_TASK");
     if (task == nullptr)
         return false;
     if (*task == 't')
-        printf("%d %d %d %d %d\n", msec_per_jiffy, tb_ticks_per_jiffy, tb_ticks_p_msec,
-               tb_ticks_p_usec, tb_ticks_p_sec);
+        printf("%d %d %d %d %d, %d wrong\n", msec_per_jiffy, tb_ticks_per_jiffy, tb_ticks_p_msec,
+               tb_ticks_p_usec, tb_ticks_p_sec, wrong_milliseconds());
     else
         printf("%d\n", syncDateAndTime());
     fflush(stdout);
@@ -98,14 +116,14 @@ TEST(Clock, TickGlobalsAreSetFromTheFileBeforeAnyCodeOfTheProgram) {
     auto word = [](int32_t value) {
         return std::string(reinterpret_cast<const char *>(&value), sizeof value);
     };
-    const char *defaults = "10 2000000 200000 200 200000000\n";
+    const char *defaults = "10 2000000 200000 200 200000000, 0 wrong\n";
     const std::pair<std::string, const char *> cases[] = {
         {"", defaults},
         {"abc", defaults},
         {word(-1), defaults},
-        {word(333333) + "tail", "10 333333 33333 33 33333000\n"},
-        {word(0), "10 0 0 0 0\n"},
-        {word(INT32_MAX), "10 2147483647 214748364 214748 2147483647\n"}};
+        {word(333333) + "tail", "10 333333 33333 33 33333000, 0 wrong\n"},
+        {word(0), "10 0 0 0 0, 0 wrong\n"},
+        {word(INT32_MAX), "10 2147483647 214748364 214748 2147483647, 0 wrong\n"}};
     std::string kept = support::read_file(kTickFile);
     for (const auto &[file, printed] : cases) {
         support::write_file(kTickFile, file);
@@ -137,6 +155,10 @@ TEST(Clock, IntervalsAreCountedAndAShortestOfZeroCountsAsUnset) {
         time_base = c.to * static_cast<uint64_t>(tb_ticks_p_msec);
         EXPECT_EQ(perf_stop(&record), c.to - c.from);
         EXPECT_EQ(memcmp(&record, &c.after, sizeof record), 0) << c.after.count;
+    }
+    for (int32_t rate : {1, 7, tb_ticks_p_msec}) {  // a program may write to the globals
+        tb_ticks_p_msec = rate;
+        EXPECT_EQ(wrong_milliseconds(), 0) << rate;
     }
     perf_start(nullptr);
     EXPECT_EQ(perf_stop(nullptr), 0U);
