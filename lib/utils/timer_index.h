@@ -67,35 +67,40 @@ class TimerIndex {
     // Enters a timer in front of all that are not before its position, and notes the one before it.
     void enter(TimerPlace &place) {
         uint64_t position = place.position;
-        if (shelves_ == 0)
-            add_shelf(0, 0);
-        uint32_t shelf = shelf_for(position);
-        if (directory_[shelf].block->count == TimerBlock::kEntries)
-            shelf = split(shelf, position);
-        TimerBlock &block = *directory_[shelf].block;
-        uint32_t at = not_before(block, position);
+        uint32_t shelf = 0, at = 0;
+        TimerBlock *block = nullptr;
+        if (shelves_ == 0 || not_before_first(position)) {
+            block = first_with_room();
+            at = block->count;
+        } else {
+            shelf = shelf_with_room(position);
+            block = directory_[shelf].block;
+            at = not_before(*block, position);
+        }
         place.before = nullptr;
-        if (at < block.count)
-            place.before = block.entries[at].place;
-        else if (shelf > 0)
+        TimerEntry *entry = block->entries + at;
+        if (at < block->count) {
+            place.before = entry->place;
+            memmove(entry + 1, entry, (block->count - at) * sizeof(TimerEntry));
+        } else if (shelf > 0) {
             place.before = directory_[shelf - 1].block->entries[0].place;
-        TimerEntry *entry = block.entries + at;
-        memmove(entry + 1, entry, (block.count++ - at) * sizeof(TimerEntry));
+        }
+        ++block->count;
         *entry = {position, &place};
-        place.block = &block;
+        place.block = block;
     }
 
     void leave(const TimerPlace &place) {
         TimerBlock &block = *place.block;
-        uint32_t at = block.count - 1;
-        if (block.entries[at].place != &place) {
-            at = not_before(block, place.position + 1);
+        uint32_t last = --block.count;
+        if (block.entries[last].place != &place) {
+            uint32_t at = not_before(block, place.position + 1);
             while (block.entries[at].place != &place)
                 ++at;
+            TimerEntry *entry = block.entries + at;
+            memmove(entry, entry + 1, (last - at) * sizeof(TimerEntry));
         }
-        TimerEntry *entry = block.entries + at;
-        memmove(entry, entry + 1, (--block.count - at) * sizeof(TimerEntry));
-        if (block.count < kSparse && shelves_ > 1)
+        if (last < kSparse && shelves_ > 1)
             tidy(block);
     }
 
@@ -174,19 +179,36 @@ class TimerIndex {
         from.count = first;
     }
 
-    // Makes room in a full block; returns the shelf for the new entry. What comes first or last of
-    // all gets a block of its own, so that timers set in order leave full blocks behind.
-    uint32_t split(uint32_t shelf, uint64_t position) {
+    bool not_before_first(uint64_t position) const {
+        const TimerBlock &block = *directory_[0].block;
+        return block.count == 0 || least(block) >= position;
+    }
+
+    static uint64_t least(const TimerBlock &block) {
+        return block.entries[block.count - 1].position;
+    }
+
+    // What comes first or last of all does not split a full block, but gets one of its own: timers
+    // that are set in order leave full blocks behind.
+    TimerBlock *first_with_room() {
+        TimerBlock *block = shelves_ > 0 ? directory_[0].block : add_shelf(0, 0);
+        if (block->count < TimerBlock::kEntries)
+            return block;
+        put(0, block, least(*block));
+        return add_shelf(0, 0);
+    }
+
+    uint32_t shelf_with_room(uint64_t position) {
+        uint32_t shelf = shelf_for(position);
         TimerBlock *block = directory_[shelf].block;
+        if (block->count < TimerBlock::kEntries)
+            return shelf;
         if (shelf + 1 == shelves_ && block->entries[0].position < position) {
             add_shelf(shelves_, position);
             return shelf + 1;
         }
-        bool first = shelf == 0 && block->entries[block->count - 1].position >= position;
-        TimerBlock *earlier = add_shelf(shelf, block->bound);
-        if (!first)
-            move_entries(*block, TimerBlock::kEntries / 2, *earlier);
-        put(shelf + 1, block, block->entries[block->count - 1].position);
+        move_entries(*block, TimerBlock::kEntries / 2, *add_shelf(shelf, block->bound));
+        put(shelf + 1, block, least(*block));
         return block->bound < position ? shelf + 1 : shelf;
     }
 
