@@ -183,7 +183,7 @@ std::vector<uint32_t> times(size_t count) {
 template <typename Timers>
 void cancel_and_set(benchmark::State &state) {
     auto count = static_cast<size_t>(state.range(0));
-    const std::vector<uint32_t> ms = times(4 * count + 1);
+    const std::vector<uint32_t> ms = times(std::max<size_t>(count, 65537));
     std::vector<size_t> order(count);
     for (size_t i = 0; i < count; ++i)
         order[i] = i;

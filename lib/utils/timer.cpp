@@ -64,32 +64,28 @@ void refresh(uint32_t now) {
     origin += uint64_t{before} - chain->delta;
 }
 
+timer *&link_behind(const TimerEntry &before) {
+    return before.place != nullptr ? timer_at(before.place)->next : chain;
+}
+
 // Links a timer in behind all that fall due before it, by its delta from the last refresh.
 void insert(timer *t) {
-    TimerPlace &place = *place_of(t);
-    place.position = origin + t->delta;
-    timer_index.enter(place);
-    timer **link = &chain;
-    if (place.before != nullptr) {
-        t->delta = static_cast<uint32_t>(place.position - place.before->position);
-        link = &timer_at(place.before)->next;
-    }
-    if (*link != nullptr) {
-        (*link)->delta -= t->delta;
-        place_of(*link)->before = &place;
-    }
-    t->next = *link;
-    *link = t;
+    uint64_t position = origin + t->delta;
+    TimerEntry before = timer_index.enter(*place_of(t), position);
+    timer *&link = link_behind(before);
+    if (before.place != nullptr)
+        t->delta = static_cast<uint32_t>(position - before.position);
+    if (link != nullptr)
+        link->delta -= t->delta;
+    t->next = link;
+    link = t;
 }
 
 void remove(timer *t) {
-    TimerPlace &place = *place_of(t);
-    timer_index.leave(place);
-    if (t->next != nullptr) {
+    timer *&link = link_behind(timer_index.leave(*place_of(t)));
+    if (t->next != nullptr)
         t->next->delta += t->delta;
-        place_of(t->next)->before = place.before;
-    }
-    (place.before != nullptr ? timer_at(place.before)->next : chain) = t->next;
+    link = t->next;
     t->next = nullptr;
 }
 

@@ -11,11 +11,10 @@ struct TimerBlock;
 
 // What is kept with each timer.
 struct TimerPlace {
-    uint64_t position;   // on the chain: differences are sums of deltas, whatever a refresh does
-    TimerPlace *before;  // the place of the timer before it on the chain, or null
-    TimerBlock *block;   // that holds its entry
+    TimerBlock *block;  // that holds its entry
 };
 
+// A position is the sum of all deltas up to a timer, whatever a refresh does to the first.
 struct TimerEntry {
     uint64_t position;
     TimerPlace *place;
@@ -24,7 +23,7 @@ struct TimerEntry {
 // Entries lie latest first: what fires next leaves from the end, and what is set in front of its
 // equals enters there.
 struct TimerBlock {
-    static constexpr uint32_t kEntries = 64;
+    static constexpr uint32_t kEntries = 32;
 
     TimerBlock *next;  // of the free blocks
     uint64_t bound;
@@ -33,10 +32,11 @@ struct TimerBlock {
 };
 
 // A directory of blocks, earliest first, each with a bound: no entry of the block lies before it,
-// none of the blocks before it behind it; the first bound is 0. A block that shrinks below 24
-// entries joins a neighbour where both fit in 48, so one of two neighbours has 24 or more; that
-// limits the blocks that any number of timers can take. They are taken by `reserve` alone: entering
-// and leaving neither allocate nor fail.
+// none of the blocks before it behind it; the first bound is 0. A block that shrinks below 12
+// entries joins a neighbour where both fit in 24, so one of two neighbours has 12 or more; that
+// limits the blocks that any number of timers can take. Only the first block, where timers leave
+// one by one as they fire, stays until it is empty. Blocks are allocated by `reserve` alone:
+// entering and leaving neither allocate nor fail.
 class TimerIndex {
   public:
     // Makes room for `timers`; false when memory runs out.
@@ -64,67 +64,65 @@ class TimerIndex {
             free(take_free());
     }
 
-    // Enters a timer in front of all that are not before its position, and notes the one before it.
-    void enter(TimerPlace &place) {
-        uint64_t position = place.position;
-        uint32_t shelf = 0, at = 0;
-        TimerBlock *block = nullptr;
-        if (shelves_ == 0 || not_before_first(position)) {
-            block = first_with_room();
-            at = block->count;
-        } else {
-            shelf = shelf_with_room(position);
-            block = directory_[shelf].block;
-            at = not_before(*block, position);
-        }
-        place.before = nullptr;
-        TimerEntry *entry = block->entries + at;
-        if (at < block->count) {
-            place.before = entry->place;
-            memmove(entry + 1, entry, (block->count - at) * sizeof(TimerEntry));
+    // Enters a timer in front of all that are not before its position. Returns the entry before it,
+    // which has no place when it is the first one.
+    TimerEntry enter(TimerPlace &place, uint64_t position) {
+        bool first = shelves_ == 0 || not_before_first(position);
+        uint32_t shelf = first ? make_first_room() : make_room(position);
+        TimerBlock &block = *directory_[shelf].block;
+        uint32_t at = first ? block.count : not_before(block, position);
+        TimerEntry *entry = block.entries + at;
+        TimerEntry before{};
+        if (at < block.count) {
+            before = *entry;
+            memmove(entry + 1, entry, (block.count - at) * sizeof(TimerEntry));
         } else if (shelf > 0) {
-            place.before = directory_[shelf - 1].block->entries[0].place;
+            before = directory_[shelf - 1].block->entries[0];
         }
-        ++block->count;
+        ++block.count;
         *entry = {position, &place};
-        place.block = block;
+        place.block = &block;
+        return before;
     }
 
-    void leave(const TimerPlace &place) {
+    // Takes a timer out. Returns the entry before it.
+    TimerEntry leave(const TimerPlace &place) {
         TimerBlock &block = *place.block;
         uint32_t last = --block.count;
+        TimerEntry before{};
         if (block.entries[last].place != &place) {
-            uint32_t at = not_before(block, place.position + 1);
+            uint32_t at = 0;
             while (block.entries[at].place != &place)
                 ++at;
             TimerEntry *entry = block.entries + at;
+            before = entry[1];
             memmove(entry, entry + 1, (last - at) * sizeof(TimerEntry));
+        } else if (&block != directory_[0].block) {
+            before = directory_[shelf_of(block) - 1].block->entries[0];
         }
-        if (last < kSparse && shelves_ > 1)
+        bool front = &block == directory_[0].block;
+        if (front ? last == 0 && shelves_ > 1 : last < kSparse)
             tidy(block);
+        return before;
     }
 
   private:
-    static constexpr uint32_t kSparse = 24, kJoined = 48;
+    static constexpr uint32_t kSparse = 12, kJoined = 24;
 
     struct Shelf {
         uint64_t bound;
         TimerBlock *block;
     };
 
-    static uint32_t blocks_for(uint32_t timers) { return timers / (kSparse + 1) * 2 + 1; }
+    static uint32_t blocks_for(uint32_t timers) { return timers / (kSparse + 1) * 2 + 2; }
 
-    // How many entries of the block lie at the position or behind it.
+    // How many entries of the block lie at the position or behind it. Few enough for a plain
+    // search: halving them would surprise the processor more often.
     static uint32_t not_before(const TimerBlock &block, uint64_t position) {
-        const TimerEntry *from = block.entries;
-        uint32_t left = block.count;
-        for (uint32_t half; left > 1; left -= half) {
-            half = left / 2;
-            from += from[half - 1].position >= position ? half : 0;
-        }
-        if (left == 1 && from->position >= position)
-            ++from;
-        return static_cast<uint32_t>(from - block.entries);
+        uint32_t found = 0;
+        while (found < block.count && block.entries[found].position >= position)
+            ++found;
+        return found;
     }
 
     // The last shelf whose bound is before the position, else the first one.
@@ -132,9 +130,17 @@ class TimerIndex {
         const Shelf *from = directory_;
         for (uint32_t half, left = shelves_; left > 1; left -= half) {
             half = left / 2;
-            from += from[half].bound < position ? half : 0;
+            if (from[half].bound < position)
+                from += half;
         }
         return static_cast<uint32_t>(from - directory_);
+    }
+
+    uint32_t shelf_of(const TimerBlock &block) const {
+        uint32_t shelf = &block != directory_[0].block ? shelf_for(block.bound) : 0;
+        while (directory_[shelf].block != &block)
+            ++shelf;
+        return shelf;
     }
 
     TimerBlock *take_free() {
@@ -188,17 +194,18 @@ class TimerIndex {
         return block.entries[block.count - 1].position;
     }
 
-    // What comes first or last of all does not split a full block, but gets one of its own: timers
-    // that are set in order leave full blocks behind.
-    TimerBlock *first_with_room() {
-        TimerBlock *block = shelves_ > 0 ? directory_[0].block : add_shelf(0, 0);
-        if (block->count < TimerBlock::kEntries)
-            return block;
-        put(0, block, least(*block));
-        return add_shelf(0, 0);
+    // Rooms for an entry; both return its shelf. What comes first or last of all does not split a
+    // full block, but gets one of its own: timers that are set in order leave full blocks behind.
+    uint32_t make_first_room() {
+        if (shelves_ > 0 && directory_[0].block->count < TimerBlock::kEntries)
+            return 0;
+        if (shelves_ > 0)
+            put(0, directory_[0].block, least(*directory_[0].block));
+        add_shelf(0, 0);
+        return 0;
     }
 
-    uint32_t shelf_with_room(uint64_t position) {
+    uint32_t make_room(uint64_t position) {
         uint32_t shelf = shelf_for(position);
         TimerBlock *block = directory_[shelf].block;
         if (block->count < TimerBlock::kEntries)
@@ -223,9 +230,7 @@ class TimerIndex {
 
     // Drops a block that became empty, or joins a sparse one with a neighbour.
     void tidy(const TimerBlock &block) {
-        uint32_t shelf = shelf_for(block.bound);
-        while (directory_[shelf].block != &block)
-            ++shelf;
+        uint32_t shelf = shelf_of(block);
         if (block.count == 0)
             drop_shelf(shelf);
         else if ((shelf == 0 || !join(shelf - 1)) && shelf + 1 < shelves_)
