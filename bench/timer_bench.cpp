@@ -260,7 +260,8 @@ class OursLoad {
         worker_ = std::thread([this] { work(); });
     }
     ~OursLoad() {
-        send(peers_);
+        while (!send(peers_))
+            std::this_thread::yield();
         worker_.join();
         msgQDelete(queue_);
     }
@@ -404,7 +405,9 @@ void prepare() {
         };
         add("/ours", cancel_and_set<Ours>);
         add("/std", cancel_and_set<Multimap>);
-        add("/walk", cancel_and_set<Walk>);
+        if (live >
+            10)  // with few timers it would be measured without a service's share of the work
+            add("/walk", cancel_and_set<Walk>);
     }
     benchmark::RegisterBenchmark("expire_1000/ours", expire_ours);
 #ifdef BENCH_LIBEVENT
