@@ -38,7 +38,7 @@ typedef struct msgQ {
     int32_t highWater;         /**< most messages ever queued at once */
     int32_t missCount;         /**< sends refused because the queue was full */
     pthread_mutex_t lock;      /**< recursive; guards everything here */
-    pthread_cond_t notEmpty;   /**< on the monotonic clock; signalled on every send */
+    pthread_cond_t notEmpty;   /**< on the monotonic clock; a send wakes who waits */
     msgQChain queued;          /**< messages that wait, oldest first */
     msgQChain spare;           /**< emptied nodes */
 } msgQ;
@@ -79,7 +79,12 @@ int msgQSend(msgQHandle queue, const void *msg, unsigned len, ...);
  */
 int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms);
 
-/** Discards waiting messages and frees the queue; wakes nobody. @return 0 */
+/**
+ * Discards waiting messages and frees the queue; wakes nobody. A sender whose message made the
+ * caller delete the queue may still be busy waking it: the call waits for that, at most 100 ms,
+ * except in a child that was forked after msgQCreate().
+ * @return 0
+ */
 int msgQDelete(msgQHandle queue);
 
 /** Prints name, limits and fill of the queue on standard output. @return 0 */

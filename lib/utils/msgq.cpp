@@ -1,7 +1,7 @@
 // Message queues. A queue owns its nodes: they move between the chain of waiting messages and the
 // chain of spares, and are freed when 64 spares are kept already or the queue is deleted.
 // Everything happens under the queue's own recursive mutex; no other lock is taken while it is
-// held.
+// held. A receiver that waits is signalled after the mutex is released.
 #include "utils/msgq.h"
 
 #include <cerrno>
@@ -16,6 +16,7 @@
 #include "base/heap.h"
 #include "base/text.h"
 #include "base/thread.h"
+#include "base/wakeups.h"
 #include "utils/platform/context.h"
 
 // A node is one heap block: this header, room for the longest message, then the sender's context.
@@ -36,9 +37,22 @@ namespace {
 
 constexpr int kMissesPerReport = 128;
 
+// A queue's record, and what follows it unseen.
+struct Queue {
+    msgQ shown;
+    size_t room;  // for the bytes of a message in its node
+    struct {
+        int32_t waiting, woken, signalling, maker;
+    } wakeups;
+};
+
+Queue &whole(msgQ &queue) {
+    return reinterpret_cast<Queue &>(queue);
+}
+
 // Longer messages are refused, so the room of a node ends there.
-size_t payload_room(const msgQ &queue) {
-    size_t room = queue.maxMsgLength < MSGQ_LENGTH_MAX ? queue.maxMsgLength : MSGQ_LENGTH_MAX;
+size_t room_for(unsigned length) {
+    size_t room = length < MSGQ_LENGTH_MAX ? length : MSGQ_LENGTH_MAX;
     return (room + alignof(max_align_t) - 1) / alignof(max_align_t) * alignof(max_align_t);
 }
 
@@ -46,8 +60,8 @@ unsigned char *payload(msgQNode *node) {
     return reinterpret_cast<unsigned char *>(node + 1);
 }
 
-unsigned char *context(const msgQ &queue, msgQNode *node) {
-    return payload(node) + payload_room(queue);
+unsigned char *context(msgQ &queue, msgQNode *node) {
+    return payload(node) + whole(queue).room;
 }
 
 void append(msgQChain &chain, msgQNode *node) {
@@ -77,7 +91,7 @@ void free_chain(msgQChain &chain) {
 msgQNode *fresh_node(msgQ &queue) {
     if (msgQNode *node = take(queue.spare))
         return node;
-    return static_cast<msgQNode *>(malloc(sizeof(msgQNode) + payload_room(queue) + sizeof_geps()));
+    return static_cast<msgQNode *>(malloc(sizeof(msgQNode) + whole(queue).room + sizeof_geps()));
 }
 
 int init_lock(pthread_mutex_t *lock) {
@@ -91,15 +105,12 @@ int init_lock(pthread_mutex_t *lock) {
     return error;
 }
 
-// Waits once for a message, when none is there; a wait that ends early is not repeated.
-void wait_for_message(msgQ &queue, int timeout_ms) {
-    if (queue.queued.count > 0 || timeout_ms == UTILS_NO_WAIT)
-        return;
-    if (timeout_ms == UTILS_WAIT_FOREVER) {
-        while (pthread_cond_wait(&queue.notEmpty, &queue.lock) == EINTR) {
-        }
-        return;
+void wait_forever(msgQ &queue) {
+    while (pthread_cond_wait(&queue.notEmpty, &queue.lock) == EINTR) {
     }
+}
+
+void wait_until(msgQ &queue, int timeout_ms) {
     timespec deadline{};
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += timeout_ms / 1000;
@@ -109,11 +120,41 @@ void wait_for_message(msgQ &queue, int timeout_ms) {
     }
 }
 
+// Says why a message was refused.
+__attribute__((noinline)) int refuse(msgQ &queue, unsigned len) {
+    if (queue.queued.count < queue.maxMsgs) {
+        printf("queue %s: msg too long (len=%d)\n", queue.name, static_cast<int>(len));
+        return UTILS_ERROR;
+    }
+    int32_t before = queue.missCount;
+    queue.missCount = before == INT32_MAX ? 0 : before + 1;
+    if (before % kMissesPerReport == 0)
+        printf("queue %s: queue full (miss=%d)\n", queue.name, queue.missCount);
+    return UTILS_ERROR;
+}
+
+int enqueue(msgQ &queue, const void *msg, unsigned len) {
+    if (queue.queued.count >= queue.maxMsgs || len > queue.maxMsgLength || len > MSGQ_LENGTH_MAX)
+        return refuse(queue, len);
+    msgQNode *node = fresh_node(queue);
+    if (node == nullptr)
+        return UTILS_ERROR;
+    node->length = static_cast<int16_t>(len);
+    if (len > 0)
+        memcpy(payload(node), msg, len);
+    ep_context(nullptr, context(queue, node));
+    append(queue.queued, node);
+    if (queue.queued.count > queue.highWater)
+        queue.highWater = queue.queued.count;
+    return UTILS_OK;
+}
+
 }  // namespace
 }  // namespace utils
 
 msgQHandle msgQCreate(int maxMsgs, unsigned maxMsgLength, int options, const char *name) {
-    utils::HeapBlock<msgQ> queue(utils::allocate_zeroed<msgQ>());
+    constexpr size_t kUnseen = sizeof(utils::Queue) - sizeof(msgQ);
+    utils::HeapBlock<msgQ> queue(utils::allocate_zeroed<msgQ>(kUnseen));
     if (!queue || utils::init_lock(&queue->lock) != 0)
         return nullptr;
     if (utils::init_monotonic(&queue->notEmpty) != 0) {
@@ -124,43 +165,37 @@ msgQHandle msgQCreate(int maxMsgs, unsigned maxMsgLength, int options, const cha
     queue->maxMsgLength = maxMsgLength;
     queue->options = options;
     utils::copy_text(queue->name, name);
+    utils::Queue &all = utils::whole(*queue.get());
+    all.room = utils::room_for(maxMsgLength);
+    all.wakeups.maker = getpid();
     return queue.release();
 }
 
 int msgQSend(msgQHandle queue, const void *msg, unsigned len, ...) {
     if (queue == nullptr)
         return UTILS_ERROR;
-    utils::RecordLock lock(queue->lock);
-    if (queue->queued.count >= queue->maxMsgs) {
-        int32_t before = queue->missCount;
-        queue->missCount = before == INT32_MAX ? 0 : before + 1;
-        if (before % utils::kMissesPerReport == 0)
-            printf("queue %s: queue full (miss=%d)\n", queue->name, queue->missCount);
-        return UTILS_ERROR;
-    }
-    if (len > queue->maxMsgLength || len > MSGQ_LENGTH_MAX) {
-        printf("queue %s: msg too long (len=%d)\n", queue->name, static_cast<int>(len));
-        return UTILS_ERROR;
-    }
-    msgQNode *node = utils::fresh_node(*queue);
-    if (node == nullptr)
-        return UTILS_ERROR;
-    node->length = static_cast<int16_t>(len);
-    if (len > 0)
-        memcpy(utils::payload(node), msg, len);
-    ep_context(nullptr, utils::context(*queue, node));
-    utils::append(queue->queued, node);
-    if (queue->queued.count > queue->highWater)
-        queue->highWater = queue->queued.count;
-    pthread_cond_signal(&queue->notEmpty);
-    return UTILS_OK;
+    pthread_mutex_lock(&queue->lock);
+    int result = utils::enqueue(*queue, msg, len);
+    if (result == UTILS_OK)
+        utils::unlock_and_wake(queue->lock, queue->notEmpty, utils::whole(*queue).wakeups);
+    else
+        pthread_mutex_unlock(&queue->lock);
+    return result;
 }
 
 int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms) {
     if (queue == nullptr)
         return 1;
     utils::RecordLock lock(queue->lock);
-    utils::wait_for_message(*queue, timeout_ms);
+    // The wait is made once: when it ends early, it is not repeated.
+    if (queue->queued.count == 0 && timeout_ms != UTILS_NO_WAIT)
+        utils::counted_wait(utils::whole(*queue).wakeups, [=] {
+            if (timeout_ms == UTILS_WAIT_FOREVER)
+                utils::wait_forever(*queue);
+            else
+                utils::wait_until(*queue, timeout_ms);
+            return 0;
+        });
     msgQNode *node = utils::take(queue->queued);
     if (node == nullptr)
         return 1;
@@ -178,6 +213,7 @@ int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms) {
 int msgQDelete(msgQHandle queue) {
     if (queue == nullptr)
         return UTILS_ERROR;
+    utils::await_signallers(utils::whole(*queue).wakeups);
     utils::free_chain(queue->queued);
     utils::free_chain(queue->spare);
     pthread_mutex_destroy(&queue->lock);

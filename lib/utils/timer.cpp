@@ -1,6 +1,8 @@
 // The timer engine: one delta chain, ordered by due time, and a pass that fires what is due. The
-// first timer's delta counts from the last refresh, every other one's from its predecessor. Nothing
-// here locks; the service in timer_r serialises the calls.
+// first timer's delta counts from the last refresh, every other one's from its predecessor. A timer
+// finds its place through an index, by the sum of the deltas up to it. A due time would not do: a
+// refresh that cuts the first delta to 0 shifts all timers that are set after it. Nothing here
+// locks; the service in timer_r serialises the calls.
 #include "utils/timer.h"
 
 #include <cstddef>
@@ -8,6 +10,7 @@
 
 #include "base/heap.h"
 #include "time_base.h"
+#include "timer_index.h"
 #include "timer_pass.h"
 #include "utils/platform/context.h"
 
@@ -26,7 +29,10 @@ constexpr int32_t kDueWithinMs = 49;
 constexpr unsigned kContextMax = 256;
 
 timer *chain = nullptr;
-int32_t live_timers = 0;
+uint32_t live_timers = 0;
+TimerIndex timer_index;
+uint64_t origin = uint64_t{1} << 62;  // the position of the last refresh
+size_t place_offset = 0;  // from a timer to its place, behind its context; the same for all of them
 
 bool valid(const timer *t) {
     return t != nullptr && t->magicHead == TIMER_MAGIC_HEAD && t->magicTail == TIMER_MAGIC_TAIL;
@@ -36,35 +42,50 @@ unsigned char *context_of(timer *t) {
     return reinterpret_cast<unsigned char *>(t + 1);
 }
 
+TimerPlace *place_of(timer *t) {
+    return reinterpret_cast<TimerPlace *>(reinterpret_cast<unsigned char *>(t) + place_offset);
+}
+
+timer *timer_at(TimerPlace *place) {
+    return reinterpret_cast<timer *>(reinterpret_cast<unsigned char *>(place) - place_offset);
+}
+
+size_t aligned_for_place(size_t bytes) {
+    return (bytes + alignof(TimerPlace) - 1) / alignof(TimerPlace) * alignof(TimerPlace);
+}
+
 // Counts the first timer's delta from `now`; less than 50 ms counts as due.
 void refresh(uint32_t now) {
     if (chain == nullptr)
         return;
+    uint32_t before = chain->delta;
     uint32_t remaining = chain->expiry - now;
     chain->delta = static_cast<int32_t>(remaining) <= kDueWithinMs ? 0 : remaining;
+    origin += uint64_t{before} - chain->delta;
 }
 
+timer *&link_behind(const TimerEntry &before) {
+    return before.place != nullptr ? timer_at(before.place)->next : chain;
+}
+
+// Links a timer in behind all that fall due before it, by its delta from the last refresh.
 void insert(timer *t) {
-    timer **at = &chain;
-    while (*at != nullptr && (*at)->delta < t->delta) {
-        t->delta -= (*at)->delta;
-        at = &(*at)->next;
-    }
-    if (*at != nullptr)
-        (*at)->delta -= t->delta;
-    t->next = *at;
-    *at = t;
+    uint64_t position = origin + t->delta;
+    TimerEntry before = timer_index.enter(*place_of(t), position);
+    timer *&link = link_behind(before);
+    if (before.place != nullptr)
+        t->delta = static_cast<uint32_t>(position - before.position);
+    if (link != nullptr)
+        link->delta -= t->delta;
+    t->next = link;
+    link = t;
 }
 
 void remove(timer *t) {
-    timer **at = &chain;
-    while (*at != nullptr && *at != t)
-        at = &(*at)->next;
-    if (*at == nullptr)
-        return;
+    timer *&link = link_behind(timer_index.leave(*place_of(t)));
     if (t->next != nullptr)
         t->next->delta += t->delta;
-    *at = t->next;
+    link = t->next;
     t->next = nullptr;
 }
 
@@ -76,7 +97,10 @@ void make_idle(timer *t) {
 
 timer *create(timerHandler handler, uintptr_t arg1, uintptr_t arg2, uint32_t flags) {
     unsigned context_size = sizeof_geps();
-    timer *t = context_size <= kContextMax ? allocate_zeroed<timer>(context_size) : nullptr;
+    if (context_size > kContextMax || !timer_index.reserve(live_timers + 1))
+        return nullptr;
+    place_offset = aligned_for_place(sizeof(timer) + context_size);
+    auto *t = allocate_zeroed<timer>(place_offset - sizeof(timer) + sizeof(TimerPlace));
     if (t == nullptr)
         return nullptr;
     ep_context(nullptr, context_of(t));
@@ -163,7 +187,7 @@ int timer_delete(timerHandle timer) {
     *const_cast<volatile uint32_t *>(&timer->magicHead) = ~TIMER_MAGIC_HEAD;
     *const_cast<volatile uint32_t *>(&timer->magicTail) = ~TIMER_MAGIC_TAIL;
     free(timer);
-    --live_timers;
+    timer_index.trim(--live_timers);
     return UTILS_OK;
 }
 

@@ -34,7 +34,13 @@ constexpr uint32_t kNotStarted = 0, kByIoSubsystem = 1, kByThread = 2, kClosed =
 // A service thread's own record; the thread frees it when it ends.
 struct Service {
     pthread_cond_t condition;
+    bool timed;      // the thread looks at the chain again when `until` has come, without a wake
+    uint32_t until;  // on the millisecond clock
 };
+
+bool is_later(uint32_t a, uint32_t b) {
+    return static_cast<int32_t>(a - b) > 0;
+}
 
 Mutex timer_mutex;
 Service *service UTILS_GUARDED_BY(timer_mutex) = nullptr;  // until it is finished
@@ -87,8 +93,8 @@ bool in_charge(const Service *mine) UTILS_REQUIRES(timer_mutex) {
     return service == mine && service_mode.load(kRelaxed) == kByThread;
 }
 
-// One wait of the service thread. Whether it lasted until the due time; otherwise it was woken.
-bool waited(Service *mine, int timeout_ms) UTILS_REQUIRES(timer_mutex) {
+// One wait of the service thread, without limit when that is negative. Its result is pthread's.
+int wait_once(Service *mine, int timeout_ms) UTILS_REQUIRES(timer_mutex) {
     int result = 0;
     if (timeout_ms < 0) {
         result = pthread_cond_wait(&mine->condition, timer_mutex.native());
@@ -98,7 +104,27 @@ bool waited(Service *mine, int timeout_ms) UTILS_REQUIRES(timer_mutex) {
     }
     if (result != 0 && result != ETIMEDOUT && result != EINTR)
         fail(211);
-    return result == ETIMEDOUT;
+    return result;
+}
+
+// Waits for the first timer. Whether it is due; otherwise the thread was woken. When the first
+// timer has become a later one, which wakes nobody, the wait goes on to that one's own due time: a
+// pass would fire it up to 50 ms early.
+bool waited(Service *mine, int timeout_ms) UTILS_REQUIRES(timer_mutex) {
+    for (;;) {
+        timerHandle first = timer_gethead();
+        uint32_t until = first != nullptr ? first->expiry : 0;
+        mine->timed = first != nullptr;
+        mine->until = until;
+        if (wait_once(mine, timeout_ms) != ETIMEDOUT || !in_charge(mine))
+            return false;
+        first = timer_gethead();
+        if (first == nullptr || !is_later(first->expiry, until))
+            return true;
+        timeout_ms = static_cast<int>(first->expiry - now_ms());
+        if (timeout_ms <= 0)
+            return true;
+    }
 }
 
 void *service_thread(void *own) {
@@ -212,8 +238,7 @@ int locked(int line, Operation operation) {
     return result;
 }
 
-// What the service waits for. It looks again after its wait, so a thread needs no wake when the
-// same timer falls due later; an I/O loop keeps the time that it was told.
+// What falls due first.
 struct Earliest {
     timerHandle timer;
     uint32_t expiry;
@@ -222,22 +247,30 @@ struct Earliest {
         timerHandle first = timer_gethead();
         return {first, first != nullptr ? first->expiry : 0};
     }
-    bool needs_wake(const Earliest &before, uint32_t mode) const {
-        if (timer != before.timer)
-            return true;
-        auto later_ms = static_cast<int32_t>(expiry - before.expiry);
-        return mode == kByIoSubsystem ? later_ms != 0 : later_ms < 0;
-    }
+    bool operator==(const Earliest &) const = default;
 };
 
-// As `locked`, for operations that may change what falls due first; then wakes the service.
+// Tells the service what falls due first. Its thread looks again when its wait is over, so a later
+// time need not wake it; an I/O loop keeps the time that it was told.
+void tell_service(const Earliest &first) UTILS_REQUIRES(timer_mutex) {
+    if (service != nullptr) {
+        bool in_time = service->timed && !is_later(service->until, first.expiry);
+        if (first.timer != nullptr && in_time)
+            return;
+        service->timed = first.timer != nullptr;
+        service->until = first.expiry;
+    }
+    wake_service();
+}
+
+// As `locked`, for operations that may change what falls due first.
 template <typename Operation>
 int locked_and_woken(int line, Operation operation) {
     return locked(line, [&]() UTILS_NO_THREAD_SAFETY_ANALYSIS {
         Earliest before = Earliest::now();
         int result = operation();
-        if (result == 0 && Earliest::now().needs_wake(before, service_mode.load(kRelaxed)))
-            wake_service();
+        if (Earliest first = Earliest::now(); result == 0 && !(first == before))
+            tell_service(first);
         return result;
     });
 }

@@ -1,9 +1,11 @@
 // Counting semaphores: a mutex and a condition variable on the monotonic clock. Negative values are
-// allowed; takers wait while the value is not positive.
+// allowed; takers wait while the value is not positive. A taker that waits is signalled after the
+// mutex is released.
 #include "utils/platform/semaphore.h"
 
 #include "base/deadline.h"
 #include "base/thread.h"
+#include "base/wakeups.h"
 
 using utils::RecordLock;
 
@@ -11,22 +13,25 @@ int semaphore_init(semaphore_t *sem) {
     if (int error = utils::init_monotonic(&sem->positive); error != 0)
         return error;
     sem->value = 1;
+    sem->wakeups = {0, 0, 0, getpid()};
     return pthread_mutex_init(&sem->lock, nullptr);
 }
 
 int semaphore_down(semaphore_t *sem) {
     RecordLock lock(sem->lock);
     while (sem->value <= 0)
-        pthread_cond_wait(&sem->positive, &sem->lock);
+        utils::counted_wait(sem->wakeups,
+                            [=] { return pthread_cond_wait(&sem->positive, &sem->lock); });
     --sem->value;
     return 0;
 }
 
 int semaphore_down_to(semaphore_t *sem, int ms) {
     timespec deadline = utils::deadline_after(ms > 0 ? ms : 0);
+    auto wait = [&] { return pthread_cond_timedwait(&sem->positive, &sem->lock, &deadline); };
     RecordLock lock(sem->lock);
     while (sem->value <= 0) {
-        if (int error = pthread_cond_timedwait(&sem->positive, &sem->lock, &deadline); error != 0)
+        if (int error = utils::counted_wait(sem->wakeups, wait); error != 0)
             return error;
     }
     --sem->value;
@@ -34,9 +39,9 @@ int semaphore_down_to(semaphore_t *sem, int ms) {
 }
 
 int semaphore_up(semaphore_t *sem) {
-    RecordLock lock(sem->lock);
+    pthread_mutex_lock(&sem->lock);
     ++sem->value;
-    pthread_cond_signal(&sem->positive);
+    utils::unlock_and_wake(sem->lock, sem->positive, sem->wakeups);
     return 0;
 }
 
@@ -53,6 +58,7 @@ int semaphore_count(semaphore_t *sem, int n) {
 }
 
 int semaphore_destroy(semaphore_t *sem) {
+    utils::await_signallers(sem->wakeups);
     pthread_cond_destroy(&sem->positive);
     return pthread_mutex_destroy(&sem->lock);
 }

@@ -153,6 +153,18 @@ TEST(MsgQ, OutOfMemoryRefusesAndChangesNothing) {
 }
 #endif
 
+TEST(MsgQ, WhoReceivesMayDeleteTheQueueWhileItsSenderStillSignals) {
+    for (int i = 0; i < (support::emulated() ? 50 : 1000); ++i) {
+        msgQHandle queue = msgQCreate(1, 4, 0, "brief");
+        std::thread sender([queue] { msgQSend(queue, "now", 4); });
+        char text[4] = "";
+        EXPECT_EQ(msgQReceive(queue, text, 4, UTILS_WAIT_FOREVER), 0);
+        EXPECT_STREQ(text, "now");
+        msgQDelete(queue);
+        sender.join();
+    }
+}
+
 // Every message arrives once, and those of one sender in their order.
 TEST(MsgQ, FourSendersAndFourReceiversLoseAndDuplicateNothing) {
     const int kSenders = 4, kReceivers = 4, kEach = support::emulated() ? 10000 : 50000;

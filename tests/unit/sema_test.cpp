@@ -91,6 +91,30 @@ TEST(Sema, FlushReleasesEveryWaiterAndLeavesItAvailable) {
     semaDelete(sem);
 }
 
+TEST(Sema, WhoTakesMayDeleteItWhileItsGiverStillSignals) {
+    for (int i = 0; i < (support::emulated() ? 50 : 1000); ++i) {
+        semaHandle sem = semaCreate(SEMA_EMPTY);
+        std::thread giver([sem] { semaGive(sem); });
+        EXPECT_EQ(semaTake(sem, i % 2 == 0 ? UTILS_WAIT_FOREVER : 10000), 0);
+        EXPECT_EQ(semaDelete(sem), 0);
+        giver.join();
+    }
+}
+
+TEST(Sema, DeletionIsPatientWithGiversButNotInAChild) {
+    semaHandle sem = semaCreate(SEMA_EMPTY);
+    sem->wakeups.signalling = 1;  // a giver that never finishes
+    auto deletion_takes = [sem] {
+        int64_t begin = support::monotonic_ms();
+        semaDelete(sem);
+        return static_cast<int>(support::monotonic_ms() - begin);
+    };
+    EXPECT_LT(support::in_child(deletion_takes).status, 50);
+    int took = deletion_takes();
+    EXPECT_GE(took, 99);
+    EXPECT_LT(took, 5000);
+}
+
 TEST(Sema, CountsExactlyUnderContention) {
     semaHandle sem = semaCreate(SEMA_COUNTING_EMPTY);
     constexpr int kThreads = 4, kEach = 5000;

@@ -241,6 +241,27 @@ TEST(TimerR, WakesWhenTheFirstDueTimeChanges) {
 }
 #endif
 
+// Nobody wakes the thread for a first timer that falls due later: its time-out for the one before
+// must not fire it early.
+TEST(TimerR, AStaleTimeOutWaitsOnForTheNextTimer) {
+    EXPECT_TRUE(support::passes_in_child([] {
+        static int64_t begin = support::monotonic_ms();
+        static std::atomic<int> took{0};
+        timerHandle first = timer_create_r(nullptr, count, 0, 0);
+        timerHandle next = createTimerCB(
+            [](uintptr_t, uintptr_t) { took = static_cast<int>(support::monotonic_ms() - begin); },
+            0, 0, 0, 0);
+        timer_set_r(first, 100);
+        timer_set_r(next, 140);
+        // By then the thread waits for the first one.
+        EXPECT_TRUE(support::eventually([] { return support::monotonic_ms() - begin >= 10; }));
+        timer_cancel_r(first);
+        EXPECT_TRUE(support::eventually([] { return took != 0; }));
+        EXPECT_GE(took, 139);
+        EXPECT_EQ(calls, 0);
+    }));
+}
+
 TEST(TimerR, AfterAFlushTimersRunDownAndDeliverNothing) {
     EXPECT_TRUE(support::passes_in_child([] {
         ioss_loop *loop = ioss_loop_create();

@@ -17,6 +17,9 @@ typedef struct semaphore {
     int32_t value;           /**< the rest is the platform's own state */
     pthread_mutex_t lock;    /**< guards the value */
     pthread_cond_t positive; /**< signalled when the value rises */
+    struct {
+        int32_t waiting, woken, signalling, maker;
+    } wakeups; /**< who waits for that, and who signals */
 } semaphore_t;
 
 #endif
