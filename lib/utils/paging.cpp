@@ -59,13 +59,8 @@ char *put_byte(char *to, unsigned char byte) {
 // "%08x: "
 char *put_address(char *to, const void *address) {
     auto number = reinterpret_cast<uintptr_t>(address);
-    int digits = std::max(8, (static_cast<int>(std::bit_width(number)) + 3) / 4);
-    if (digits % 2 != 0)
+    for (int digits = std::max(8, (static_cast<int>(std::bit_width(number)) + 3) / 4); digits > 0;)
         *to++ = kHexDigits[number >> 4 * --digits & 0xF];
-    while (digits > 0) {
-        digits -= 2;
-        to = put_byte(to, static_cast<unsigned char>(number >> 4 * digits));
-    }
     *to++ = ':';
     *to++ = ' ';
     return to;
