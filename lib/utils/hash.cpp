@@ -31,7 +31,7 @@ namespace {
 
 constexpr unsigned kNoBucket = UINT_MAX;  // what the key functions answer for a key that is no key
 
-// What create_hash_table() really makes.
+// What create_hash_table() really makes, with the buckets behind it.
 struct Table {
     hash_table open;
     HashIndex index;
@@ -46,6 +46,7 @@ struct Record {
     uint64_t word;  // in the index, when the table had one
 };
 static_assert(offsetof(Record, header) == 0 && offsetof(Table, open) == 0);
+static_assert(alignof(LIST) <= alignof(Table));
 
 hash_header *as_header(NODE *node) {
     return reinterpret_cast<hash_header *>(node);
@@ -56,20 +57,28 @@ hash_block *as_block(NODE *node) {
 Record *as_record(hash_header *header) {
     return reinterpret_cast<Record *>(header);
 }
+// Null for a record that a program made itself, which has nothing behind it: told by the place of
+// its buckets.
 Table *as_whole(hash_table *table) {
-    return reinterpret_cast<Table *>(table);
+    auto behind = reinterpret_cast<uintptr_t>(table) + sizeof(Table);
+    bool own = reinterpret_cast<uintptr_t>(table->buckets) == behind;
+    return own ? reinterpret_cast<Table *>(table) : nullptr;
 }
 
 void start_index(Table *table) {
+    if (table == nullptr)
+        return;
     table->index.reset(kind_of(table->open.hashFn, table->open.cmpFn));
     table->hash = table->open.hashFn;
     table->compare = table->open.cmpFn;
 }
 
 // The index, or null when the chains must be walked: no built-in functions, no memory, or somebody
-// put other functions into the record.
+// made the record or put other functions into it.
 HashIndex *index_of(hash_table *table) {
     Table *whole = as_whole(table);
+    if (whole == nullptr)
+        return nullptr;
     if (whole->hash != table->hashFn || whole->compare != table->cmpFn)
         whole->index.reset(KeyKind::kUnknown);
     return whole->index.alive() ? &whole->index : nullptr;
@@ -253,20 +262,18 @@ void release_bucket(LIST *bucket) {
 hash_table *create_hash_table(hashFunction hash, hashCompare compare) {
     if (hash == nullptr || compare == nullptr)
         return nullptr;
-    utils::HeapBlock<utils::Table> whole(utils::allocate_zeroed<utils::Table>());
-    if (!whole)
+    auto *whole = utils::allocate_zeroed<utils::Table>(HASH_BUCKETS * sizeof(LIST));
+    if (whole == nullptr)
         return nullptr;
     hash_table *table = &whole->open;
-    table->buckets = static_cast<LIST *>(calloc(HASH_BUCKETS, sizeof(LIST)));
-    if (table->buckets == nullptr)
-        return nullptr;
+    table->buckets = reinterpret_cast<LIST *>(whole + 1);
     table->numBuckets = HASH_BUCKETS;
     for (int i = 0; i < HASH_BUCKETS; ++i)
         lstInit(&table->buckets[i]);
     table->hashFn = hash;
     table->cmpFn = compare;
-    utils::start_index(whole.get());
-    return &whole.release()->open;
+    utils::start_index(whole);
+    return table;
 }
 
 int add_to_hash(uintptr_t key, uintptr_t value, hash_table *table) {
@@ -386,9 +393,12 @@ void free_hash_handle(hash_table *table) {
         return;
     for (int i = 0; i < HASH_BUCKETS; ++i)
         utils::release_bucket(&table->buckets[i]);
-    free(table->buckets);
-    utils::as_whole(table)->index.reset(utils::KeyKind::kUnknown);
-    free(utils::as_whole(table));
+    utils::Table *whole = utils::as_whole(table);
+    if (whole != nullptr)
+        whole->index.reset(utils::KeyKind::kUnknown);
+    else
+        free(table->buckets);
+    free(table);
 }
 
 int copy_hash_table(hash_table *src, hash_table **dst) {
