@@ -112,6 +112,7 @@ bool is_built_in(Function given, Function ours, Function seen) {
     return given == ours || (given == seen && is_stub(reinterpret_cast<const void *>(seen)));
 }
 
+// NOLINTBEGIN(misc-definitions-in-headers): other names of what hash.cpp, the only user, defines.
 extern "C" {
 #define UTILS_OWN(name) __attribute__((alias(#name), visibility("hidden"))) utils_own_##name
 unsigned UTILS_OWN(pid_hash)(uintptr_t);
@@ -121,6 +122,7 @@ int UTILS_OWN(pid_cmp)(uintptr_t, uintptr_t);
 int UTILS_OWN(name_cmp)(uintptr_t, uintptr_t);
 int UTILS_OWN(wwn_cmp)(uintptr_t, uintptr_t);
 }
+// NOLINTEND(misc-definitions-in-headers)
 
 inline KeyKind kind_of(hashFunction hash, hashCompare compare) {
     if (is_built_in(hash, utils_own_pid_hash, pid_hash) &&

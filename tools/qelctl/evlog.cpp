@@ -232,7 +232,7 @@ void show(const Choice &choice) {
         }
     }
     if (failure)
-        throw *failure;
+        throw Failure(*failure);
 }
 
 }  // namespace
