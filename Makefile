@@ -16,15 +16,28 @@ test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netc
 target_packages := g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
 bench_packages := $(build_packages) bubblewrap binutils libbenchmark-dev libglib2.0-dev libevent-dev libspdlog-dev zlib1g-dev \
     libdeflate-dev libzstd-dev libuv1-dev libtbb-dev liblz4-dev python3 python3-matplotlib
+
+# The other processors and the other C library; ppc is "make target".
+corners := uchar s390x i686 aarch64 armhf riscv64 musl
+packages_s390x := g++-s390x-linux-gnu libc6-s390x-cross qemu-user
+packages_i686 := g++-i686-linux-gnu libc6-i386-cross
+packages_aarch64 := g++-aarch64-linux-gnu libc6-arm64-cross qemu-user
+packages_armhf := g++-arm-linux-gnueabihf libc6-armhf-cross qemu-user
+packages_riscv64 := g++-riscv64-linux-gnu libc6-riscv64-cross qemu-user
+packages_musl := musl-tools
+# One corner for each word size and byte order keeps a description of the binary interface.
+abi_corners := native ppc s390x i686
+abi_packages := $(build_packages) $(target_packages) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
+
 docs_packages := doxygen mandoc man-db
 package_packages := $(build_packages) $(docs_packages) help2man debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap
 with_docs := $(if $(and $(shell command -v doxygen),$(shell command -v mandoc),$(shell command -v help2man)),ON,OFF)
 
-# build PRESET: configures and builds it, quietly unless something is wrong.
+# build PRESET [option...]: configures and builds it, quietly unless something is wrong.
 define build
 	@echo "== $(1): building"
 	@mkdir -p build && cmake --preset $(1) > build/$(1).configure.log 2>&1 || { cat build/$(1).configure.log; exit 1; }
-	@cmake --build --preset $(1) --parallel $(JOBS)
+	@cmake --build --preset $(1) --parallel $(JOBS) $(2)
 endef
 
 # check PRESET [ctest option...]: builds it and runs its tests.
@@ -34,7 +47,8 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help demo test native target asan tsan clang fuzz bench bench-check lint format docs package install clean ci
+.PHONY: help demo test native target corners $(corners) asan tsan clang fuzz bench bench-check lint format docs package install \
+    abi abi-update $(abi_corners:%=libraries-%) reproducible clean ci
 
 help: ## This list
 	@grep -hE '^[a-z-]+:.*##' Makefile | sed -E 's/:.*## /|/' | column -t -s '|'
@@ -54,6 +68,26 @@ native: ## Run the tests on this machine
 target: ## Cross-build for 32-bit big-endian PowerPC and run the same tests under the emulator
 	@scripts/need $(test_packages) $(target_packages)
 	$(call check,ppc)
+
+corners: $(corners) ## Run the tests or the examples on every other processor and C library, each a target of its own
+
+$(corners):
+	@scripts/need $(test_packages) $(packages_$@)
+	$(call check,$@)
+
+abi: $(abi_corners:%=libraries-%) ## Hold the binary interface against its description below abi/
+	@scripts/abi check $(abi_corners)
+
+abi-update: $(abi_corners:%=libraries-%) ## Store the description of the binary interface after a deliberate change
+	@scripts/abi update $(abi_corners)
+
+$(abi_corners:%=libraries-%): libraries-%:
+	@scripts/need $(abi_packages)
+	$(call build,$*,--target utils utils-platform)
+
+reproducible: ## Build the libraries in two folders and compare them byte by byte
+	@scripts/need $(build_packages)
+	@scripts/reproducible
 
 asan: ## Run the tests under the address and undefined behaviour sanitizers
 	@scripts/need $(test_packages)

@@ -4,7 +4,9 @@
 // comes in time, whatever the way of the report waits for.
 #include "utils/assert.h"
 
+#if __has_include(<execinfo.h>)
 #include <execinfo.h>
+#endif
 #include <fcntl.h>
 
 #include <algorithm>
@@ -29,6 +31,15 @@ constexpr size_t kMessageSize = 256;
 constexpr size_t kValuesSize = 160;  // ten values of ten digits with their separators
 constexpr int kFrames = 20;
 constexpr int kConsoleMs = 1500;  // for a console that takes its time
+
+#if !__has_include(<execinfo.h>)
+// A C library that does not walk the stack: the report has no frames.
+int backtrace(void **, int) {
+    return 0;
+}
+
+void backtrace_symbols_fd(void *const *, int, int) {}
+#endif
 
 // One failed check, ready to be printed.
 struct Failure {

@@ -54,8 +54,9 @@ hash_header *as_header(NODE *node) {
 hash_block *as_block(NODE *node) {
     return reinterpret_cast<hash_block *>(node);
 }
-Record *as_record(hash_header *header) {
-    return reinterpret_cast<Record *>(header);
+// Allocated as a record, whatever less its header asks for.
+Record *as_record(void *header) {
+    return static_cast<Record *>(header);
 }
 // Null for a record that a program made itself, which has nothing behind it: told by the place of
 // its buckets.

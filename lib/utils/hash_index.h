@@ -86,7 +86,9 @@ class HashIndex {
     static constexpr size_t kHuge = size_t{2} << 20;  // from here on, pages as large as can be had
 
     size_t capacity() const { return entries_ != nullptr ? size_t{1} << bits_ : 0; }
-    HashEntry *at(size_t i) const { return reinterpret_cast<HashEntry *>(entries_ + i * stride_); }
+    // Whole strides into memory that is aligned for any type.
+    static HashEntry *entry_at(void *place) { return static_cast<HashEntry *>(place); }
+    HashEntry *at(size_t i) const { return entry_at(entries_ + i * stride_); }
     size_t home(uint64_t word) const {
         return static_cast<size_t>(spread_word(kind_, word) >> (64 - bits_));
     }
@@ -129,8 +131,8 @@ class HashIndex {
         const size_t old_size = capacity() * stride_;
         entries_ = room;
         bits_ = bits;
-        for (const char *from = old; from != old + old_size; from += stride_) {
-            auto *entry = reinterpret_cast<const HashEntry *>(from);
+        for (char *from = old; from != old + old_size; from += stride_) {
+            const HashEntry *entry = entry_at(from);
             if (entry->header != nullptr)
                 place(entry);
         }

@@ -91,7 +91,8 @@ void *attach(int id) {
 }
 
 // Gives a mapping all its pages in one call, where the kernel can, instead of one fault for each.
-void populate(void *at, uint32_t size, bool to_write) {
+void populate([[maybe_unused]] void *at, [[maybe_unused]] uint32_t size,
+              [[maybe_unused]] bool to_write) {
 #ifdef MADV_POPULATE_WRITE
     int error = errno;
     if (madvise(at, size, to_write ? MADV_POPULATE_WRITE : MADV_POPULATE_READ) != 0)

@@ -43,11 +43,13 @@ unsigned char *context_of(timer *t) {
 }
 
 TimerPlace *place_of(timer *t) {
-    return reinterpret_cast<TimerPlace *>(reinterpret_cast<unsigned char *>(t) + place_offset);
+    void *place = reinterpret_cast<unsigned char *>(t) + place_offset;  // aligned, see below
+    return static_cast<TimerPlace *>(place);
 }
 
 timer *timer_at(TimerPlace *place) {
-    return reinterpret_cast<timer *>(reinterpret_cast<unsigned char *>(place) - place_offset);
+    void *t = reinterpret_cast<unsigned char *>(place) - place_offset;
+    return static_cast<timer *>(t);
 }
 
 size_t aligned_for_place(size_t bytes) {

@@ -84,7 +84,9 @@ expect 1 'refused to redirect' qelctl redirect -s 7 portd 127.0.0.1:9
 expect 2 'not a port' qelctl redirect -s 7 portd 127.0.0.1:x
 expect 1 '^qelctl: portd still writes to /tmp/moved, not to /no/such/place$' qelctl redirect -s 7 portd /no/such/place
 mkdir /tmp/away && (cd /tmp/away && rmdir /tmp/away && expect 1 '^qelctl: cannot tell where' qelctl redirect -s 7 portd here)
-if [ -z "$emulated" ]; then # the emulator shows the machine's table of connections in the machine's byte order
+if [ "$emulated" ]; then
+    echo "qelctl.sh: skipped: redirection to a port and to a terminal: the emulator's table of connections has the machine's byte order"
+else
     socat -u TCP-LISTEN:7009,bind=127.0.0.1 CREATE:/tmp/served & server=$!
     await grep -q ':1B61 00000000:0000 0A' /proc/net/tcp
     expect 0 'to server\(127.0.0.1\), port\(7009\)' qelctl redirect -s 7 portd 127.0.0.1:7009

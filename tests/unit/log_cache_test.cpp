@@ -86,9 +86,10 @@ TEST(LogCache, WithoutABufferWritesAreIgnoredAndDumpsSaySo) {
 
 TEST(LogCache, FullCacheStartsAgainAndDumpsTheOlderLinesFirst) {
     // The last size is filled to its last byte.
-    for (auto [asked, size] : {std::pair(1000, 32768u), {200000, 131072u}, {40001, 40001u}}) {
-        expect_passes([asked = asked, size = size] {
-            ASSERT_EQ(log_cache_resize(asked), 0);
+    for (auto sizes : {std::pair(1000, 32768u), {200000, 131072u}, {40001, 40001u}}) {
+        expect_passes([sizes] {
+            ASSERT_EQ(log_cache_resize(sizes.first), 0);
+            size_t size = sizes.second;
             auto expect_copy = [&](const std::string &text) {
                 std::vector<char> buffer(size + 10);
                 auto length = static_cast<int>(text.size());

@@ -257,8 +257,8 @@ TEST(ProcRwlock, BrokenRecordIsFatal) {
     std::pair<Op, std::string> cases[] = {{kRead, "195: procrwlock_rdlock"},
                                           {kTryRead, "195: procrwlock_rdlock"},
                                           {kWrite, "358: procrwlock_wrlock"}};
-    for (auto &[take, where] : cases) {
-        auto ending = support::in_child([take = take] {
+    for (auto &[broken, where] : cases) {
+        auto ending = support::in_child([take = broken] {
             Lock lock;
             lock.l_readers = 1;
             lock.l_state = PROCRWLOCK_WRITE;

@@ -87,7 +87,7 @@ TEST(Signals, HandlerActsByNumber) {
         {SIGINT, true, 2},    {SIGQUIT, true, 3}, {SIGPIPE, true, 77}, {16, false, SIGABRT},
         {27, false, SIGABRT}, {28, true, 28},     {0, true, 0},        {SIGTERM, true, SIGTERM}};
     for (auto &[number, exits, status] : cases) {
-        support::Ending ending = support::in_child([number = number] {
+        support::Ending ending = support::in_child([raised = number] {
             dprintf(2, "%d", getpid());
             qel_sigdefaults("a name of more than thirty-one characters");
             signal(28, qel_sighandler);
@@ -98,7 +98,7 @@ TEST(Signals, HandlerActsByNumber) {
                 qel_sighandler(SIGQUIT);  // one that comes meanwhile
             });
             errno = 77;
-            number == 0 ? qel_sighandler(0) : static_cast<void>(raise(number));
+            raised == 0 ? qel_sighandler(0) : static_cast<void>(raise(raised));
             return errno;
         });
         ending.err = ending.err.substr(0, ending.err.find("qemu"));

@@ -32,14 +32,14 @@ TEST(Console, VerbosePrintsOnStandardOutputTooUnlessThatIsTheConsole) {
     std::pair<const char *, bool> cases[] = {{nullptr, true},       {"/dev/pts/0", true},
                                              {"/dev/ttyS2", true},  {"/dev/console", false},
                                              {"/dev/ttyS0", false}, {"/dev/ttyS1", false}};
-    for (auto [name, both] : cases) {
+    for (auto [name, on_both] : cases) {
         terminal = name;
         support::write_file(kConsole, "older text");
-        auto print = [both = both] {
+        auto print = [both = on_both] {
             EXPECT_EQ(console_printf("port %d\n", 7), 0);
             EXPECT_EQ(verbose_printf("x=%d\n", 5), both ? 4 : 0);
         };
-        EXPECT_EQ(support::captured(1, print), both ? "x=5\n" : "");
+        EXPECT_EQ(support::captured(1, print), on_both ? "x=5\n" : "");
         EXPECT_EQ(support::read_file(kConsole), "x=5\n");
     }
     terminal = nullptr;
