@@ -194,11 +194,14 @@ Answer ask(int code, std::string data, const uint32_t timeout[2] = kLong) {
 
 // Sends a block as it is; the answer's status.
 int32_t send_block(int fd, int code, const std::string &block) {
-    std::string packet = words({static_cast<uint32_t>(code)}) + block.substr(0, IPC_REQUEST_MAX);
-    int32_t reply[2] = {};
+    static uint32_t number = 0x80000000;
+    std::string head = words({static_cast<uint32_t>(code), ++number});
+    std::string packet = head + block.substr(0, IPC_REQUEST_MAX);
+    int32_t reply[3] = {};
     EXPECT_EQ(send(fd, packet.data(), packet.size(), 0), static_cast<ssize_t>(packet.size()));
-    EXPECT_EQ(recv(fd, reply, sizeof reply, 0), 8);
-    return reply[1];
+    EXPECT_EQ(recv(fd, reply, sizeof reply, 0), 12);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(reply), 8), head);
+    return reply[2];
 }
 
 std::string redirect(uint32_t kind, uint32_t offset, uint32_t length, std::string text,
@@ -528,7 +531,7 @@ TEST(Ipc, TruncatedAndMutatedInputLeavesTheDaemonServing) {
     }
     for (size_t kind = 0; kind < 40; ++kind) {
         int silent = packets_to_daemon();
-        std::string packet(kind % 2 != 0 ? 1 : 4 + IPC_REQUEST_MAX + 1, 'x');
+        std::string packet(kind % 2 != 0 ? 7 : 8 + IPC_REQUEST_MAX + 1, 'x');
         EXPECT_TRUE(kind % 3 == 0 || send(silent, packet.data(), packet.size(), 0) > 0);
         ASSERT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
     }
