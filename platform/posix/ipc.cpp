@@ -81,8 +81,8 @@ int send_reply(const ipc_address &address, int code, const void *data, uint32_t 
     if (connection.pending == number)
         connection.pending = 0;
     connection.last_ms = monotonic_ms();
-    Packet packet(code, number, const_cast<void *>(data), length);
-    if (sendmsg(connection.fd, &packet.header, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0)
+    Packet packet(code, number, data, length);
+    if (packet.send_on(connection.fd, MSG_DONTWAIT) >= 0)
         return 0;
     int error = errno;
     shutdown(connection.fd, SHUT_RDWR);
@@ -169,23 +169,25 @@ ipc_handler accept_request(int slot, const Packet &packet) {
 
 // Receives one request and runs its handler. False ends the connection.
 bool serve_request(int slot, const Connection &connection) {
-    struct {
-        uint32_t platform_word;
-        unsigned char body[IPC_MESSAGE_SIZE];
-    } message{};
-    Packet packet(0, 0, message.body, IPC_REQUEST_MAX);
-    ssize_t received = recvmsg(connection.fd, &packet.header, MSG_DONTWAIT);
+    alignas(8) Packet packet;
+    ssize_t received =
+        recv(connection.fd, packet.head, kHeadSize + IPC_REQUEST_MAX, MSG_DONTWAIT | MSG_TRUNC);
     if (received < 0)
         return errno == EAGAIN || errno == EINTR;
-    if (received < static_cast<ssize_t>(kHeadSize) || (packet.header.msg_flags & MSG_TRUNC) != 0)
+    size_t size = static_cast<size_t>(received);
+    if (size < kHeadSize || size > kHeadSize + IPC_REQUEST_MAX)
         return false;
     ipc_handler handler = accept_request(slot, packet);
     if (handler == nullptr)
         return false;
-    message.platform_word = static_cast<uint32_t>(received) - kHeadSize;
     ipc_address reply{kReplyNode, static_cast<uint16_t>(slot), {}};
     snprintf(reply.name, sizeof reply.name, "%u.%u", connection.serial, packet.number());
-    handler(&reply, packet.code(), message.platform_word > 0 ? &message : nullptr);
+    auto length = static_cast<uint32_t>(size - kHeadSize);
+    memset(packet.message + length, 0, IPC_MESSAGE_SIZE - length);
+    // The platform's word in front of the message takes the number's place.
+    unsigned char *message = packet.head + kHeadSize - sizeof length;
+    memcpy(message, &length, sizeof length);
+    handler(&reply, packet.code(), length > 0 ? message : nullptr);
     return true;
 }
 

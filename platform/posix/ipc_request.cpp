@@ -81,30 +81,33 @@ int check(const ipc_address &address, const void *data, uint32_t length) {
 // Any failure but a time-out comes before the daemon could receive anything.
 int send_request(Line &line, int code, const void *data, uint32_t length, const WaitLimit &limit) {
     line.number = line.number == UINT32_MAX ? 1 : line.number + 1;
-    Packet packet(code, line.number, const_cast<void *>(data), length);
-    if (sendmsg(line.fd, &packet.header, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0)
+    Packet packet(code, line.number, data, length);
+    if (packet.send_on(line.fd, MSG_DONTWAIT) >= 0)
         return 0;
     if (errno != EAGAIN && errno != EINTR)
         return -errno;
     line.wait_ms = kNoLimit;  // part of the limit is gone
-    return within(limit, line.fd, [&] { return sendmsg(line.fd, &packet.header, MSG_NOSIGNAL); });
+    return within(limit, line.fd, [&] { return packet.send_on(line.fd, 0); });
 }
 
-// Waits in recvmsg() first, where the wait costs least, and in poll() for what is left of the limit
+// Waits in recv() first, where the wait costs least, and in poll() for what is left of the limit
 // after a signal or a reply to an earlier request.
 int receive_reply(Line &line, void *reply, uint32_t *length, const WaitLimit &limit) {
-    Packet packet(0, 0, reply, *length);
+    Packet packet;
+    size_t room = kHeadSize + (*length < IPC_REPLY_MAX ? *length : IPC_REPLY_MAX);
     if (line.wait_ms != limit.total_ms())
         limit.apply_to(line.fd, SO_RCVTIMEO);
     line.wait_ms = limit.total_ms();
     for (int flags = 0;; flags = MSG_DONTWAIT) {
-        ssize_t received = recvmsg(line.fd, &packet.header, flags);
+        ssize_t received = recv(line.fd, packet.head, room, flags);
         if (received < 0 && errno != EAGAIN && errno != EINTR)
             return -errno;
         if (received >= 0 && received < static_cast<ssize_t>(kHeadSize))
             return -ECONNRESET;
         if (received >= 0 && packet.number() == line.number) {
             *length = static_cast<uint32_t>(received) - kHeadSize;
+            if (*length > 0)
+                memcpy(reply, packet.message, *length);
             return 0;
         }
         if (limit.is_over())
@@ -125,11 +128,10 @@ int send_one_way(const ipc_address &address, int code, const void *data, uint32_
     Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!fd)
         return -errno;
-    Packet packet(code, 0, const_cast<void *>(data), length);
+    Packet packet(code, 0, data, length);
     int result = connect_to(address, fd.get(), limit);
     if (result == 0)
-        result = within(limit, fd.get(),
-                        [&] { return sendmsg(fd.get(), &packet.header, MSG_NOSIGNAL); });
+        result = within(limit, fd.get(), [&] { return packet.send_on(fd.get(), 0); });
     return result;
 }
 
