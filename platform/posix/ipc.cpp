@@ -2,15 +2,13 @@
 // side. One thread accepts, receives and runs the handlers; it alone closes connections. `lock`
 // guards the tables, is never held while a handler runs or anything waits, and no other lock is
 // taken under it. A forked child drops its copies of the sockets, so that they end with the daemon.
-// A connection whose requester waits for an answer is the requester's to end; newcomers that find
-// no room wait in the listener's queue.
+// A connection whose requester waits for an answer is the requester's to end; of the others those
+// idle longest make room for newcomers, which wait in the listener's queue while there is none.
 #include "utils/platform/posix/ipc_server.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +17,7 @@
 #include "base/deadline.h"
 #include "base/descriptor.h"
 #include "base/thread.h"
+#include "ipc_name.h"
 #include "ipc_packet.h"
 #include "ipc_request.h"
 
@@ -31,18 +30,16 @@ using utils::Mutex;
 using utils::MutexLock;
 
 constexpr int kConnections = 32;
-constexpr int kBacklog = 128;
-constexpr int64_t kIdleLimitMs = 20000;  // then a connection without a request is ended
-constexpr int64_t kGraceMs = 500;        // that long it is safe from newcomers
-constexpr int64_t kRetryMs = 20;         // between looks for room, with newcomers waiting
-constexpr int64_t kNameLimitMs = 20000;  // for another process that opens the same name
-constexpr int kNamePollMs = 10;
-constexpr uint16_t kReplyNode = 0;  // marks a reply address: slot as switch, serial number as name
+constexpr int64_t kGraceMs = 500;   // a connection's time for its first request
+constexpr int64_t kRetryMs = 20;    // between looks for room, with newcomers waiting
+constexpr uint16_t kReplyNode = 0;  // marks a reply address: slot as switch, SERIAL.NUMBER as name
 
 struct Connection {
     int fd;
-    uint32_t serial;  // 0 in a free entry
-    uint32_t unanswered;
+    uint32_t serial;   // 0 in a free entry
+    uint32_t pending;  // the last request's number, until it is answered
+    bool asked;        // has had a request
+    bool ending;       // takes no more requests
     int64_t last_ms;
 };
 
@@ -72,31 +69,24 @@ sockaddr_un own_path UTILS_GUARDED_BY(lock);
 int send_reply(const ipc_address &address, int code, const void *data, uint32_t length) {
     if (length > IPC_REPLY_MAX)
         return -EMSGSIZE;
-    auto serial = static_cast<uint32_t>(strtoul(address.name, nullptr, 10));
+    char *rest;
+    auto serial = static_cast<uint32_t>(strtoul(address.name, &rest, 10));
+    uint32_t number = *rest == '.' ? static_cast<uint32_t>(strtoul(rest + 1, nullptr, 10)) : 0;
     MutexLock hold(lock);
     if (address.switch_no >= kConnections)
         return -EINVAL;
     Connection &connection = connections[address.switch_no];
     if (connection.serial != serial || serial == 0)
         return -ENOTCONN;
-    if (connection.unanswered > 0)
-        --connection.unanswered;
+    if (connection.pending == number)
+        connection.pending = 0;
     connection.last_ms = monotonic_ms();
-    Packet packet(code, const_cast<void *>(data), length);
-    if (sendmsg(connection.fd, &packet.header, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0)
+    Packet packet(code, number, data, length);
+    if (packet.send_on(connection.fd, MSG_DONTWAIT) >= 0)
         return 0;
     int error = errno;
     shutdown(connection.fd, SHUT_RDWR);
     return -error;
-}
-
-ipc_handler handler_of(int code) {
-    MutexLock hold(lock);
-    for (const Handler &entry : handlers) {
-        if (entry.function != nullptr && entry.code == code)
-            return entry.function;
-    }
-    return nullptr;
 }
 
 void drop(Connection &connection) UTILS_REQUIRES(lock) {
@@ -104,19 +94,30 @@ void drop(Connection &connection) UTILS_REQUIRES(lock) {
     connection = Connection{};
 }
 
-// Ends the connection that has been silent longest, of those that wait for no answer and have had
-// their time to ask. False when there is none.
-bool drop_oldest() UTILS_REQUIRES(lock) {
+// Ends a connection that waits for no answer. A request that has come before is served first; a
+// later one is refused where it is sent, so that its requester knows it has not arrived.
+void retire(Connection &connection) UTILS_REQUIRES(lock) {
+    char byte;
+    shutdown(connection.fd, SHUT_RD);
+    connection.ending = recv(connection.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+    if (!connection.ending)
+        drop(connection);
+}
+
+// Retires the connection that has been silent longest, of those that wait for no answer and have
+// had their time to ask. False when there is none.
+bool retire_oldest() UTILS_REQUIRES(lock) {
+    int64_t now = monotonic_ms();
     Connection *oldest = nullptr;
     for (Connection &connection : connections) {
-        if (connection.serial != 0 && connection.unanswered == 0 &&
+        if (connection.serial != 0 && connection.pending == 0 && !connection.ending &&
+            (connection.asked || now - connection.last_ms >= kGraceMs) &&
             (oldest == nullptr || connection.last_ms < oldest->last_ms))
             oldest = &connection;
     }
-    if (oldest == nullptr || monotonic_ms() - oldest->last_ms < kGraceMs)
-        return false;
-    drop(*oldest);
-    return true;
+    if (oldest != nullptr)
+        retire(*oldest);
+    return oldest != nullptr;
 }
 
 // A free entry, for which an old connection may have to go; null when none can.
@@ -126,7 +127,7 @@ Connection *free_entry() UTILS_REQUIRES(lock) {
             if (connection.serial == 0)
                 return &connection;
         }
-    } while (drop_oldest());
+    } while (retire_oldest());
     return nullptr;
 }
 
@@ -145,38 +146,48 @@ bool accept_requester(int listener) {
         return false;
     Descriptor fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
     if (!fd)
-        return errno == EAGAIN || errno == ECONNABORTED || drop_oldest();
+        return errno == EAGAIN || errno == ECONNABORTED || retire_oldest();
     if (!peer_is_trusted(fd.get()))
         return true;
-    *entry = {fd.release(), next_serial, 0, monotonic_ms()};
+    *entry = {fd.release(), next_serial, 0, false, false, monotonic_ms()};
     next_serial = next_serial == UINT32_MAX ? 1 : next_serial + 1;
     return true;
 }
 
+// The handler of a request, which is now its connection's pending one; null for an unknown code.
+ipc_handler accept_request(int slot, const Packet &packet) {
+    MutexLock hold(lock);
+    for (const Handler &entry : handlers) {
+        if (entry.function == nullptr || entry.code != packet.code())
+            continue;
+        connections[slot].asked = true;
+        connections[slot].pending = packet.number();
+        return entry.function;
+    }
+    return nullptr;
+}
+
 // Receives one request and runs its handler. False ends the connection.
 bool serve_request(int slot, const Connection &connection) {
-    struct {
-        uint32_t platform_word;
-        unsigned char body[IPC_MESSAGE_SIZE];
-    } message{};
-    Packet packet(0, message.body, IPC_REQUEST_MAX);
-    ssize_t received = recvmsg(connection.fd, &packet.header, MSG_DONTWAIT);
+    alignas(8) Packet packet;
+    ssize_t received =
+        recv(connection.fd, packet.head, kHeadSize + IPC_REQUEST_MAX, MSG_DONTWAIT | MSG_TRUNC);
     if (received < 0)
         return errno == EAGAIN || errno == EINTR;
-    if (received < static_cast<ssize_t>(kCodeSize) || (packet.header.msg_flags & MSG_TRUNC) != 0)
+    size_t size = static_cast<size_t>(received);
+    if (size < kHeadSize || size > kHeadSize + IPC_REQUEST_MAX)
         return false;
-    int code = static_cast<int>(utils::load_be32(packet.code));
-    ipc_handler handler = handler_of(code);
+    ipc_handler handler = accept_request(slot, packet);
     if (handler == nullptr)
         return false;
-    {
-        MutexLock hold(lock);
-        ++connections[slot].unanswered;
-    }
-    message.platform_word = static_cast<uint32_t>(received) - kCodeSize;
     ipc_address reply{kReplyNode, static_cast<uint16_t>(slot), {}};
-    snprintf(reply.name, sizeof reply.name, "%u", connection.serial);
-    handler(&reply, code, message.platform_word > 0 ? &message : nullptr);
+    snprintf(reply.name, sizeof reply.name, "%u.%u", connection.serial, packet.number());
+    auto length = static_cast<uint32_t>(size - kHeadSize);
+    memset(packet.message + length, 0, IPC_MESSAGE_SIZE - length);
+    // The platform's word in front of the message takes the number's place.
+    unsigned char *message = packet.head + kHeadSize - sizeof length;
+    memcpy(message, &length, sizeof length);
+    handler(&reply, packet.code(), length > 0 ? message : nullptr);
     return true;
 }
 
@@ -198,13 +209,15 @@ int list_work(const Sockets &own, bool accepting, Work &work) {
     int64_t now = monotonic_ms();
     for (int slot = 0; slot < kConnections; ++slot) {
         Connection &connection = connections[slot];
-        if (connection.serial != 0 && connection.unanswered == 0 &&
-            now - connection.last_ms > kIdleLimitMs)
-            drop(connection);
+        if (connection.serial != 0 && connection.pending == 0 && !connection.ending &&
+            now - connection.last_ms >= kIdleLimitMs)
+            retire(connection);
         if (connection.serial == 0)
             continue;
+        // One that is ending looks readable; while its answer is due, its requester alone ends it.
+        bool waits = connection.ending && connection.pending != 0;
         work.slot[work.count] = slot;
-        work.set[work.count++] = {connection.fd, POLLIN, 0};
+        work.set[work.count++] = {connection.fd, static_cast<short>(waits ? 0 : POLLIN), 0};
     }
     return !accepting ? static_cast<int>(kRetryMs) : work.count > 2 ? 1000 : -1;
 }
@@ -217,7 +230,7 @@ bool wait_for_work(const Sockets &own, bool accepting, Work &work) {
         if (errno != EINTR) {
             poll(nullptr, 0, static_cast<int>(kRetryMs));
             MutexLock hold(lock);
-            drop_oldest();
+            retire_oldest();
         }
         for (pollfd &entry : work.set)
             entry.revents = 0;
@@ -272,97 +285,6 @@ void *serve(void *) {
     unlink(own_path.sun_path);
     close_all();
     return nullptr;
-}
-
-// The lock that one process holds while it takes a name, so that two daemons that start at once do
-// not remove each other's socket. A file that nobody else can open, and that its holder removes: it
-// counts as locked only while it still stands in its place.
-class NameLock {
-  public:
-    explicit NameLock(const sockaddr_un &socket) {
-        snprintf(path_, sizeof path_, "%s.lock", socket.sun_path);
-    }
-    ~NameLock() {
-        if (file_)
-            unlink(path_);
-    }
-    NameLock(const NameLock &) = delete;
-    NameLock &operator=(const NameLock &) = delete;
-
-    // Waits for the lock. Returns 0, or a negated errno value.
-    int acquire() {
-        struct flock whole {};
-        whole.l_type = F_WRLCK;
-        whole.l_whence = SEEK_SET;
-        for (int64_t end_ms = monotonic_ms() + kNameLimitMs;;) {
-            int error = file_ ? 0 : open_file();
-            if (error == 0 && fcntl(file_.get(), F_SETLK, &whole) == 0) {
-                if (is_in_place())
-                    return 0;
-                file_.reset();
-                continue;
-            }
-            if (error == 0 && errno != EAGAIN && errno != EACCES)
-                error = -errno;
-            if (error == 0 && monotonic_ms() >= end_ms)
-                error = -ETIMEDOUT;
-            if (error != 0) {
-                file_.reset();
-                return error;
-            }
-            poll(nullptr, 0, kNamePollMs);
-        }
-    }
-
-  private:
-    // What another user has put in the file's place, to hold us up, is removed.
-    int open_file() {
-        int error = 0;
-        for (int attempt = 0; attempt < 3; ++attempt) {
-            file_.reset(open(path_, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-            struct stat status {};
-            if (file_ && fstat(file_.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                status.st_uid == geteuid() && (status.st_mode & 077) == 0)
-                return 0;
-            error = file_ ? EACCES : errno;
-            file_.reset();
-            if ((error != EACCES && error != ELOOP && error != ENXIO) || unlink(path_) != 0)
-                break;
-        }
-        return -error;
-    }
-    bool is_in_place() const {
-        struct stat held {
-        }, named{};
-        return fstat(file_.get(), &held) == 0 && stat(path_, &named) == 0 &&
-               held.st_ino == named.st_ino && held.st_dev == named.st_dev;
-    }
-
-    char path_[sizeof sockaddr_un::sun_path + 8];
-    Descriptor file_;
-};
-
-// A listening socket at `path`, in the place of a dead daemon's. The name is locked.
-int listen_at(const sockaddr_un &path) {
-    Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd)
-        return -errno;
-    auto *name = reinterpret_cast<const sockaddr *>(&path);
-    if (bind(fd.get(), name, sizeof path) != 0) {
-        if (errno != EADDRINUSE)
-            return -errno;
-        Descriptor probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (!probe)
-            return -errno;
-        if (connect(probe.get(), name, sizeof path) == 0 || errno != ECONNREFUSED)
-            return -EADDRINUSE;
-        unlink(path.sun_path);
-        if (bind(fd.get(), name, sizeof path) != 0)
-            return -errno;
-    }
-    if (listen(fd.get(), kBacklog) != 0)
-        return -errno;
-    return fd.release();
 }
 
 // Starts the thread with every signal blocked: signals belong to the daemon's own threads.

@@ -34,7 +34,7 @@ using support::eventually;
 using support::inline_block;
 using support::words;
 
-enum Code { kSum = 1, kPoke, kDie, kEcho, kNothing, kDefer, kRelease, kRecord, kUnknown };
+enum Code { kSum = 1, kPoke, kDie, kEcho, kNothing, kDefer, kRelease, kRecord, kTwice, kUnknown };
 
 constexpr int kRedirect = IPC_CODE_REDIRECT_OUTPUT, kExit = IPC_CODE_EXIT;
 const uint32_t kLong[2] = {20, 0}, kBrief[2] = {0, 50000};
@@ -70,6 +70,13 @@ std::string socket_of_testd() {
 
 int packets_to_daemon() {
     return stream_at(socket_of_testd(), SOCK_SEQPACKET, connect);
+}
+
+int open_descriptors() {
+    int count = 0;
+    for (int fd = 0; fd < 64; ++fd)
+        count += fcntl(fd, F_GETFD) != -1;
+    return count;
 }
 
 int answer(void *to, int code, const std::string &data) {
@@ -118,6 +125,9 @@ void serve_everything() {
     ipc_register(kRecord, [](void *to, int code, void *message) {
         support::write_file("/tmp/request", received(message));
         return answer(to, code, native(-11));
+    });
+    ipc_register(kTwice, [](void *to, int code, void *) {
+        return answer(to, code, native(1)) + answer(to, code, native(2));
     });
 }
 
@@ -194,11 +204,14 @@ Answer ask(int code, std::string data, const uint32_t timeout[2] = kLong) {
 
 // Sends a block as it is; the answer's status.
 int32_t send_block(int fd, int code, const std::string &block) {
-    std::string packet = words({static_cast<uint32_t>(code)}) + block.substr(0, IPC_REQUEST_MAX);
-    int32_t reply[2] = {};
+    static uint32_t number = 0x80000000;
+    std::string head = words({static_cast<uint32_t>(code), ++number});
+    std::string packet = head + block.substr(0, IPC_REQUEST_MAX);
+    int32_t reply[3] = {};
     EXPECT_EQ(send(fd, packet.data(), packet.size(), 0), static_cast<ssize_t>(packet.size()));
-    EXPECT_EQ(recv(fd, reply, sizeof reply, 0), 8);
-    return reply[1];
+    EXPECT_EQ(recv(fd, reply, sizeof reply, 0), 12);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(reply), 8), head);
+    return reply[2];
 }
 
 std::string redirect(uint32_t kind, uint32_t offset, uint32_t length, std::string text,
@@ -306,12 +319,6 @@ TEST(Ipc, OutputOfADaemonGoesToAFileATerminalAndAServer) {
 }
 
 TEST(Ipc, RedirectionAppendsWhateverIsOpenAndNeverBlocks) {
-    auto open_descriptors = [] {
-        int count = 0;
-        for (int fd = 0; fd < 64; ++fd)
-            count += fcntl(fd, F_GETFD) != -1;
-        return count;
-    };
     for (int closed : {-1, 1, 2}) {
         unlink("/tmp/output");
         for (int round = 0; round < 2; ++round) {
@@ -425,14 +432,103 @@ TEST(Ipc, DaemonMayCloseAndOpenAgain) {
     EXPECT_EQ(ipc_unregister(kEcho), -ENOENT);
 }
 
+// Those that have had an answer go at once, those that have not asked yet after their time.
 TEST(Ipc, FewDescriptorsAreSharedByManyRequesters) {
-    Daemon daemon(32);
-    int silent[40];
-    for (int &fd : silent)
-        fd = packets_to_daemon();
-    EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
-    for (int fd : silent)
-        close(fd);
+    for (rlim_t descriptors : {24, 0}) {
+        Daemon daemon(descriptors);
+        const uint32_t short_of_grace[2] = {0, 450000};
+        int served[40], silent[40];
+        for (int &fd : served) {
+            fd = packets_to_daemon();
+            send_block(fd, kExit, "");
+        }
+        EXPECT_EQ(ask(kSum, "a", short_of_grace), (Answer{0, 'a'}));
+        for (int &fd : silent)
+            fd = packets_to_daemon();
+        EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
+        EXPECT_EQ(send(served[0], "", 0, MSG_NOSIGNAL), -1);
+        for (int i = 0; i < 40; ++i)
+            EXPECT_EQ(close(served[i]) + close(silent[i]), 0);
+    }
+}
+
+TEST(Ipc, ConnectionsAreKeptUntilIdleAndForTheirThreadAlone) {
+    Daemon daemon;
+    ipc_address nobody = testd();
+    nobody.name[0] = 'n';
+    const Answer kGotA{0, 'a'};
+    auto ask_a = [&] { EXPECT_EQ(ask(kSum, "a"), kGotA); };
+    auto ask_nobody = [&] {
+        uint32_t length = 0;
+        EXPECT_EQ(ipcSendRcv(&nobody, kSum, nullptr, 0, nullptr, &length, kLong), -ENOENT);
+    };
+    support::ahead_s += 5;
+    ask_nobody();
+    int before = open_descriptors(), kept = dup(0);
+    close(kept);
+    for (int i = 0; i < 3; ++i) {
+        ask_a();
+        EXPECT_EQ(open_descriptors(), before + 1);
+        std::thread(ask_a).join();
+        EXPECT_EQ(open_descriptors(), before + 1) << "a thread leaves its connection behind";
+        EXPECT_TRUE(support::passes_in_child([&] {
+            EXPECT_EQ(fcntl(kept, F_GETFD), -1) << "a child has its parent's connection";
+            ask_a();
+        }));
+    }
+    EXPECT_EQ(dup2(0, kept), kept);  // what the program puts in its place is the program's
+    ask_a();
+    EXPECT_EQ(open_descriptors(), before + 2);
+    close(kept);
+    support::ahead_s += 5;
+    EXPECT_EQ(ipcSend(&nobody, kSum, nullptr, 0, kLong), -ENOENT);
+    EXPECT_EQ(open_descriptors(), before + 1) << "a message is no request";
+    ask_nobody();
+    EXPECT_EQ(open_descriptors(), before) << "idle for 5 seconds";
+    ask_a();
+    int raw = packets_to_daemon();
+    char byte;
+    std::thread([] { EXPECT_EQ(ask(kDefer, "", kBrief), (Answer{-ETIMEDOUT, 0})); }).join();
+    EXPECT_EQ(recv(raw, &byte, 1, 0), 0);  // the daemon has ended what was idle
+    close(raw);
+    ask_a();
+    EXPECT_EQ(ask(kTwice, ""), (Answer{0, 1}));
+    ask_a();
+    EXPECT_EQ(open_descriptors(), before + 1);
+    EXPECT_EQ(ask(kUnknown, ""), (Answer{-ECONNRESET, 0}));
+    EXPECT_EQ(open_descriptors(), before) << "after an error";
+}
+
+// The daemon's side by hand: what is refused comes again over a new connection, what was received
+// does not, and an answer with a foreign number is none.
+TEST(Ipc, RequestsThatMayHaveArrivedAreNotRepeated) {
+    unlink(socket_of_testd().c_str());
+    int listener = stream_at(socket_of_testd(), SOCK_SEQPACKET, bind);
+    listen(listener, 1);
+    std::thread server([&] {
+        char packet[64];
+        for (int last : {SHUT_RD, SHUT_RDWR}) {
+            int fd = accept(listener, nullptr, nullptr);
+            EXPECT_EQ(recv(fd, packet, sizeof packet, 0), 8 + 20);
+            std::string number(packet + 4, 4), foreign = native(~0) + native(~0) + native(1);
+            EXPECT_EQ(send(fd, foreign.data(), 12, 0), 12);
+            std::string own = native(0) + number + native(2);
+            shutdown(fd, last == SHUT_RD ? SHUT_RD : -1);
+            EXPECT_EQ(send(fd, own.data(), 12, 0), 12);
+            if (last == SHUT_RDWR) {
+                EXPECT_EQ(recv(fd, packet, sizeof packet, 0), 8 + 20);
+                close(fd);
+            }
+        }
+    });
+    EXPECT_EQ(ask(kSum, ""), (Answer{0, 2}));
+    EXPECT_EQ(ask(kSum, ""), (Answer{0, 2}));
+    EXPECT_EQ(ask(kSum, "", kLong), (Answer{-ECONNRESET, 0}));
+    server.join();
+    EXPECT_EQ(fcntl(listener, F_SETFL, O_NONBLOCK), 0);
+    EXPECT_EQ(accept(listener, nullptr, nullptr), -1) << "the request came twice";
+    close(listener);
+    EXPECT_EQ(ask(kSum, "", kLong), (Answer{-ECONNREFUSED, 0}));
 }
 
 TEST(Ipc, SignalsDoNotProlongARequest) {
@@ -528,7 +624,7 @@ TEST(Ipc, TruncatedAndMutatedInputLeavesTheDaemonServing) {
     }
     for (size_t kind = 0; kind < 40; ++kind) {
         int silent = packets_to_daemon();
-        std::string packet(kind % 2 != 0 ? 1 : 4 + IPC_REQUEST_MAX + 1, 'x');
+        std::string packet(kind % 2 != 0 ? 7 : 8 + IPC_REQUEST_MAX + 1, 'x');
         EXPECT_TRUE(kind % 3 == 0 || send(silent, packet.data(), packet.size(), 0) > 0);
         ASSERT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
     }

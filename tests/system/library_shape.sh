@@ -21,4 +21,7 @@ grep 'GNU_STACK' <<<"$headers" | grep -q 'RWE' && fail "executable stack"
 unbound=$(readelf -rW "$library" | sed -n 's/.*_JU\?MP_SLOT .* \([^@]*\)@@\?LIBUTILS_1.0.*/\1/p' |
     grep -vxF -f <(sed -n 's/^    \([a-z_]*\);$/\1/p' "$compared") || true)
 [ -z "$unbound" ] || fail "calls its own" "${unbound//$'\n'/ }" "through names that programs can take"
+# The target's flash and memory are small.
+text=$(size "$library" | awk 'NR == 2 {print $1}')
+[ "$text" -lt 131072 ] || ! readelf -h "$library" | grep -q 'Machine: *PowerPC$' || fail "$text bytes of text"
 echo "library_shape: $(wc -l <<<"$exported") exports, needs $needed"

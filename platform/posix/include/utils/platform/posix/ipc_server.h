@@ -10,7 +10,12 @@
  * which has all signals blocked, one at a time. A child made by fork() serves nothing.
  *
  * At most 32 requesters are connected, fewer when descriptors run short; further ones wait in the
- * queue, within their own time limits. A connection is kept while its request waits for an answer.
+ * queue, within their own time limits. A requesting thread keeps its connection for its next
+ * request; either side ends it after 5 seconds without one, and the daemon ends those idle longest
+ * earlier when others need the room. A connection is kept while its request waits for an answer. A
+ * request that the daemon has not received when it ends the connection goes over a new one; a
+ * request that it may have received is never sent again. The connections of a requester end with
+ * their thread, and are not passed on to a child made by fork().
  */
 #ifndef UTILS_PLATFORM_POSIX_IPC_SERVER_H
 #define UTILS_PLATFORM_POSIX_IPC_SERVER_H

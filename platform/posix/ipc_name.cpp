@@ -1,0 +1,103 @@
+// Taking a daemon's name, with two daemons that start at once and strangers in mind.
+#include "ipc_name.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "base/deadline.h"
+
+namespace utils::ipc {
+namespace {
+
+constexpr int64_t kNameLimitMs = 20000;  // for another process that opens the same name
+constexpr int kNamePollMs = 10;
+constexpr int kBacklog = 128;
+
+}  // namespace
+
+NameLock::NameLock(const sockaddr_un &socket) {
+    snprintf(path_, sizeof path_, "%s.lock", socket.sun_path);
+}
+
+NameLock::~NameLock() {
+    if (file_)
+        unlink(path_);
+}
+
+int NameLock::acquire() {
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    for (int64_t end_ms = monotonic_ms() + kNameLimitMs;;) {
+        int error = file_ ? 0 : open_file();
+        if (error == 0 && fcntl(file_.get(), F_SETLK, &whole) == 0) {
+            if (is_in_place())
+                return 0;
+            file_.reset();
+            continue;
+        }
+        if (error == 0 && errno != EAGAIN && errno != EACCES)
+            error = -errno;
+        if (error == 0 && monotonic_ms() >= end_ms)
+            error = -ETIMEDOUT;
+        if (error != 0) {
+            file_.reset();
+            return error;
+        }
+        poll(nullptr, 0, kNamePollMs);
+    }
+}
+
+// What another user has put in the file's place, to hold us up, is removed.
+int NameLock::open_file() {
+    int error = 0;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        file_.reset(open(path_, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        struct stat status {};
+        if (file_ && fstat(file_.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+            status.st_uid == geteuid() && (status.st_mode & 077) == 0)
+            return 0;
+        error = file_ ? EACCES : errno;
+        file_.reset();
+        if ((error != EACCES && error != ELOOP && error != ENXIO) || unlink(path_) != 0)
+            break;
+    }
+    return -error;
+}
+
+bool NameLock::is_in_place() const {
+    struct stat held {
+    }, named{};
+    return fstat(file_.get(), &held) == 0 && stat(path_, &named) == 0 &&
+           held.st_ino == named.st_ino && held.st_dev == named.st_dev;
+}
+
+int listen_at(const sockaddr_un &path) {
+    Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd)
+        return -errno;
+    auto *name = reinterpret_cast<const sockaddr *>(&path);
+    if (bind(fd.get(), name, sizeof path) != 0) {
+        if (errno != EADDRINUSE)
+            return -errno;
+        Descriptor probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (!probe)
+            return -errno;
+        if (connect(probe.get(), name, sizeof path) == 0 || errno != ECONNREFUSED)
+            return -EADDRINUSE;
+        unlink(path.sun_path);
+        if (bind(fd.get(), name, sizeof path) != 0)
+            return -errno;
+    }
+    if (listen(fd.get(), kBacklog) != 0)
+        return -errno;
+    return fd.release();
+}
+
+}  // namespace utils::ipc
