@@ -1,0 +1,228 @@
+// A daemon for tests, in a process of its own, and what a requester needs to talk to it.
+#pragma once
+
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <thread>
+#include <tuple>
+
+#include "base/big_endian.h"
+#include "support/clock.h"
+#include "support/wire.h"
+#include "utils/daemon_codes.h"
+#include "utils/daemon_ctl.h"
+#include "utils/identity.h"
+#include "utils/ipc_args.h"
+#include "utils/platform/posix/ipc_server.h"
+#include "utils/tnet_cmd.h"
+
+namespace support {
+
+enum Code { kSum = 1, kPoke, kDie, kEcho, kNothing, kDefer, kRelease, kRecord, kTwice, kUnknown };
+
+constexpr int kRedirect = IPC_CODE_REDIRECT_OUTPUT, kExit = IPC_CODE_EXIT;
+inline const uint32_t kLong[2] = {20, 0}, kBrief[2] = {0, 50000};
+inline const std::string kCommands = "/run/korin/testd.0.cmd",
+                         kGood = inline_block(words({0xCAFEF00D}));
+
+// Whether loops are to be cut down: each exchange costs much more here.
+inline bool slow() {
+#ifdef __SANITIZE_THREAD__
+    return true;
+#else
+    return support::emulated();
+#endif
+}
+
+inline ipc_address testd() {
+    return {myNode(), static_cast<uint16_t>(getMySwitch()), "testd"};
+}
+
+inline int stream_at(const std::string &path, int type,
+                     int (*attach)(int, const sockaddr *, socklen_t)) {
+    sockaddr_un name{AF_UNIX, {}};
+    path.copy(name.sun_path, sizeof name.sun_path - 1);
+    int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    EXPECT_TRUE(eventually([&] {
+        return attach(fd, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0;
+    })) << path;
+    return fd;
+}
+
+inline std::string socket_of_testd() {
+    return "/run/korin/" + std::to_string(myNode()) + "." + std::to_string(getMySwitch()) +
+           ".testd.ipc";
+}
+
+inline int packets_to_daemon() {
+    return stream_at(socket_of_testd(), SOCK_SEQPACKET, connect);
+}
+
+inline int open_descriptors() {
+    int count = 0;
+    for (int fd = 0; fd < 64; ++fd)
+        count += fcntl(fd, F_GETFD) != -1;
+    return count;
+}
+
+inline int answer(void *to, int code, const std::string &data) {
+    return ipcSend(to, code, data.data(), static_cast<uint32_t>(data.size()), nullptr);
+}
+
+inline std::string native(int32_t word) {
+    return {reinterpret_cast<char *>(&word), sizeof word};
+}
+
+// The payload of a request, or its status.
+inline std::string received(void *message) {
+    auto *block = reinterpret_cast<qelIpcArgBlock *>(static_cast<char *>(message) + 4);
+    qelIpcArgsReceived(block);
+    if (int status = qelIpcArgsDecode(block); status != 0)
+        return std::to_string(status);
+    std::string data(static_cast<char *>(qelIpcArgsData(block)), qelIpcArgsDataLength(block));
+    qelIpcArgsDestroy(block);
+    return data;
+}
+
+inline void serve_everything() {
+    static ipc_address deferred;
+    ipc_register(kRedirect, ipcCbQelDRedirectOutput);
+    ipc_register(kExit, ipcCbQelDExitHandler);
+    ipc_register(kSum, [](void *to, int code, void *message) {
+        int32_t total = 0;
+        for (char byte : received(message))
+            total += static_cast<unsigned char>(byte);
+        return answer(to, code, native(total));
+    });
+    ipc_register(kPoke, [](void *to, int code, void *) {
+        return answer(to, code, native(write(1, "out\n", 4) == 4 && write(2, "err\n", 4) == 4));
+    });
+    ipc_register(kDie, [](void *, int, void *) { return kill(getpid(), SIGKILL); });
+    ipc_register(kEcho, [](void *to, int code, void *m) { return answer(to, code, received(m)); });
+    ipc_register(kNothing, [](void *, int, void *) { return 0; });
+    ipc_register(kDefer, [](void *to, int, void *) {
+        deferred = *static_cast<ipc_address *>(to);
+        return support::ahead_s += 100, 0;  // longer than a connection may be idle
+    });
+    ipc_register(kRelease, [](void *to, int code, void *) {
+        answer(&deferred, code, kGood);
+        return answer(to, code, "");
+    });
+    ipc_register(kRecord, [](void *to, int code, void *message) {
+        support::write_file("/tmp/request", received(message));
+        return answer(to, code, native(-11));
+    });
+    ipc_register(kTwice, [](void *to, int code, void *) {
+        return answer(to, code, native(1)) + answer(to, code, native(2));
+    });
+}
+
+inline void serve_commands() {
+    unlink(kCommands.c_str());
+    int listener = stream_at(kCommands, SOCK_STREAM, bind);
+    listen(listener, 128);
+    std::thread([listener] {
+        for (;;) {
+            std::thread([fd = accept(listener, nullptr, nullptr)] {
+                qelTnetCmdCB(fd, [](int argc, char **argv, FILE *out) {
+                    for (int i = 0; i < argc; ++i)
+                        fprintf(out, "%zu ", strlen(argv[i]));
+                    return fprintf(out, "%d", argc);
+                });
+                close(fd);
+            }).detach();
+        }
+    }).detach();
+}
+
+// A daemon in a process of its own, ready when the constructor returns; it dies with the object.
+struct Daemon {
+    pid_t pid;
+    bool ready;
+    int status = -1;
+
+    explicit Daemon(rlim_t descriptors = 0) {
+        int ends[2];
+        char byte;
+        EXPECT_EQ(pipe(ends), 0);
+        fflush(nullptr);
+        pid = fork();
+        if (pid == 0) {
+            ipc_address own = testd();
+            rlimit few{descriptors, descriptors};
+            serve_everything();
+            if (descriptors != 0)
+                setrlimit(RLIMIT_NOFILE, &few);
+            else
+                serve_commands();
+            int result = ipc_open(&own);
+            if (result != 0 || write(ends[1], "r", 1) != 1)
+                _exit(-result);
+            for (;;)
+                pause();
+        }
+        close(ends[1]);
+        ready = read(ends[0], &byte, 1) == 1;
+        close(ends[0]);
+    }
+    ~Daemon() {
+        if (status == -1)
+            kill(pid, SIGKILL);
+        ending();
+    }
+    int ending() {
+        if (status == -1)
+            waitpid(pid, &status, 0);
+        return status;
+    }
+};
+
+// The result of an exchange, and the first word of the answer.
+using Answer = std::pair<int, int32_t>;
+inline Answer ask(int code, std::string data, const uint32_t timeout[2] = kLong) {
+    ipc_address to = testd();
+    int32_t word = 0;
+    uint32_t length = sizeof word;
+    int result = qelIpcSendOne(&to, code, data.data(), static_cast<uint32_t>(data.size()), &word,
+                               &length, timeout);
+    return {result, word};
+}
+
+// Sends a block as it is; the answer's status.
+inline int32_t send_block(int fd, int code, const std::string &block) {
+    static uint32_t number = 0x80000000;
+    std::string head = words({static_cast<uint32_t>(code), ++number});
+    std::string packet = head + block.substr(0, IPC_REQUEST_MAX);
+    int32_t reply[3] = {};
+    EXPECT_EQ(send(fd, packet.data(), packet.size(), 0), static_cast<ssize_t>(packet.size()));
+    EXPECT_EQ(recv(fd, reply, sizeof reply, 0), 12);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(reply), 8), head);
+    return reply[2];
+}
+
+inline std::string redirect(uint32_t kind, uint32_t offset, uint32_t length, std::string text,
+                            uint32_t port = 0) {
+    return words({kind, offset, length, port}) + text.append(4 - text.size() % 4, '\0');
+}
+
+inline std::string send_command(const std::string &message) {
+    int fd = stream_at(kCommands, SOCK_STREAM, connect);
+    send(fd, message.data(), message.size(), MSG_NOSIGNAL);
+    shutdown(fd, SHUT_WR);
+    std::string reply(256, '\0');
+    ssize_t n = recv(fd, reply.data(), reply.size(), MSG_WAITALL);
+    close(fd);
+    return reply.substr(0, n > 0 ? static_cast<size_t>(n) : 0);
+}
+
+}  // namespace support
