@@ -1,6 +1,7 @@
 #include "utils/evlog.h"
 
 #include <dlfcn.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <csignal>
