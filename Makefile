@@ -14,6 +14,7 @@ export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev
 test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
 target_packages := g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
+system_packages := $(target_packages) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
 docs_packages := doxygen mandoc man-db
 package_packages := $(build_packages) $(docs_packages) help2man debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap
 with_docs := $(if $(and $(shell command -v doxygen),$(shell command -v mandoc),$(shell command -v help2man)),ON,OFF)
@@ -32,7 +33,7 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help demo test native target asan tsan clang fuzz bench lint format docs package install clean ci
+.PHONY: help demo test native target target-system asan tsan clang fuzz bench lint format docs package install clean ci
 
 help: ## This list
 	@grep -hE '^[a-z-]+:.*##' Makefile | sed -E 's/:.*## /|/' | column -t -s '|'
@@ -52,6 +53,11 @@ native: ## Run the tests on this machine
 target: ## Cross-build for 32-bit big-endian PowerPC and run the same tests under the emulator
 	@scripts/need $(test_packages) $(target_packages)
 	$(call check,ppc)
+
+target-system: ## Run the test programs on a kernel of the target in an emulated machine
+	@scripts/need $(test_packages) $(system_packages)
+	$(call build,ppc)
+	@scripts/target-system
 
 asan: ## Run the tests under the address and undefined behaviour sanitizers
 	@scripts/need $(test_packages)
@@ -87,9 +93,9 @@ docs: ## Make the API reference (build/docs/html) and the manual pages (build/do
 	@scripts/need $(docs_packages)
 	@scripts/docs build/docs
 
-package: ## Build the Debian packages into dist/ and check them in a clean root
-	@scripts/need $(package_packages)
-	@scripts/package
+package: ## Build the Debian packages into dist/ and check them; ARCH=powerpc for the target's
+	@scripts/need $(package_packages) $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
+	@scripts/package $(ARCH)
 
 install: ## Install into DESTDIR and PREFIX (default /usr/local)
 	@scripts/need $(build_packages)
