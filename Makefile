@@ -29,6 +29,7 @@ packages_musl := musl-tools
 abi_corners := native ppc s390x i686
 abi_packages := $(build_packages) $(target_packages) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
 
+system_packages := $(target_packages) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
 docs_packages := doxygen mandoc man-db
 package_packages := $(build_packages) $(docs_packages) help2man debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap
 with_docs := $(if $(and $(shell command -v doxygen),$(shell command -v mandoc),$(shell command -v help2man)),ON,OFF)
@@ -47,7 +48,7 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help demo test native target corners $(corners) asan tsan clang fuzz bench bench-check lint format docs package install \
+.PHONY: help demo test native target target-system corners $(corners) asan tsan clang fuzz bench bench-check lint format docs package install \
     abi abi-update $(abi_corners:%=libraries-%) reproducible clean ci
 
 help: ## This list
@@ -89,6 +90,11 @@ reproducible: ## Build the libraries in two folders and compare them byte by byt
 	@scripts/need $(build_packages)
 	@scripts/reproducible
 
+target-system: ## Run the test programs on a kernel of the target in an emulated machine
+	@scripts/need $(test_packages) $(system_packages)
+	$(call build,ppc)
+	@scripts/target-system
+
 asan: ## Run the tests under the address and undefined behaviour sanitizers
 	@scripts/need $(test_packages)
 	$(call check,asan)
@@ -128,9 +134,9 @@ docs: ## Make the API reference (build/docs/html) and the manual pages (build/do
 	@scripts/need $(docs_packages)
 	@scripts/docs build/docs
 
-package: ## Build the Debian packages into dist/ and check them in a clean root
-	@scripts/need $(package_packages)
-	@scripts/package
+package: ## Build the Debian packages into dist/ and check them; ARCH=powerpc for the target's
+	@scripts/need $(package_packages) $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
+	@scripts/package $(ARCH)
 
 install: ## Install into DESTDIR and PREFIX (default /usr/local)
 	@scripts/need $(build_packages)

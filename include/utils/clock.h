@@ -75,8 +75,27 @@ int msClock(void);
 /** Not ported; prints that. @return the print's result */
 int rtClock(void);
 
+/** @cond On a 32-bit host the exported functions take 32 bits of seconds, whatever time_t a program
+ * chose. */
+#if defined(__TIMESIZE) && __TIMESIZE == 32 && defined(__USE_TIME_BITS64)
+#define UTILS_TIME_NARROWED
+typedef struct utils_timeval32 {
+    uint32_t tv_sec;
+    int32_t tv_usec;
+} utils_timeval32;
+int utils_get_time32(uint32_t seconds, char *text) __asm__("get_time");
+int utils_get_ms_time32(const utils_timeval32 *time, char *text) __asm__("get_ms_time");
+/* Names of their own for copies out of line, which would otherwise be taken for the exported ones.
+ */
+static inline int get_time(time_t seconds, char *text) __asm__("utils_get_time64");
+static inline int get_ms_time(const struct timeval *time,
+                              char *text) __asm__("utils_get_ms_time64");
+#endif
+/** @endcond */
+
 /**
- * Writes local time as "Jan 31 14:03:27".
+ * Writes local time as "Jan 31 14:03:27". On a 32-bit host 32 bits of the seconds count, read as
+ * unsigned: right from 1970 to 2106, also in a program built with 64-bit time_t.
  * @param seconds since 1970
  * @param text room for CLOCK_TIME_ROOM characters
  * @return its length; 0, with an empty text, for a time that no calendar has
@@ -91,6 +110,22 @@ int get_time(time_t seconds, char *text);
  * @return the length of what was appended
  */
 int get_ms_time(const struct timeval *time, char *text);
+
+/** @cond */
+#ifdef UTILS_TIME_NARROWED
+static inline int get_time(time_t seconds, char *text) {
+    return utils_get_time32(UTILS_AS(uint32_t, seconds), text);
+}
+static inline int get_ms_time(const struct timeval *time, char *text) {
+    utils_timeval32 narrow;
+    if (!time)
+        return utils_get_ms_time32(0, text);
+    narrow.tv_sec = UTILS_AS(uint32_t, time->tv_sec);
+    narrow.tv_usec = UTILS_AS(int32_t, time->tv_usec);
+    return utils_get_ms_time32(&narrow, text);
+}
+#endif
+/** @endcond */
 
 /** Clears @p record. */
 void perf_init(perf_record *record);

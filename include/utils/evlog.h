@@ -40,7 +40,7 @@ UTILS_BEGIN_DECLS
 
 /** One event; 76 bytes. */
 typedef struct qel_evlog_entry {
-    int32_t seconds;                /**< time of day, seconds */
+    int32_t seconds;                /**< time of day, seconds; read as unsigned */
     int32_t microseconds;           /**< time of day, microseconds */
     char text[QEL_EVLOG_TEXT_SIZE]; /**< the event, terminated; empty when the entry was never
                                        written */

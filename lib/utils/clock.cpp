@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cctype>
+#include <cinttypes>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -60,6 +61,25 @@ char *first_line_of(const char *command, char (&answer)[kAnswerSize]) {
         answer[0] = '\0';
     pclose(pipe);
     return answer;
+}
+
+int write_time(time_t seconds, char *text) {
+    if (text == nullptr)
+        return 0;
+    text[0] = '\0';
+    tzset();  // the caller may have changed TZ a moment ago
+    tm local;
+    if (!local_time(seconds, local))
+        return 0;
+    return static_cast<int>(strftime(text, CLOCK_TIME_ROOM, "%b %d %H:%M:%S", &local));
+}
+
+int write_ms_time(time_t seconds, int64_t microseconds, char *text) {
+    if (text == nullptr)
+        return 0;
+    auto length = static_cast<size_t>(write_time(seconds, text));
+    return snprintf(text + length, CLOCK_MS_TIME_ROOM - length, ".%03" PRId64,
+                    microseconds / 1000000);
 }
 
 }  // namespace
@@ -140,24 +160,25 @@ int rtClock(void) {
     return printf("rtClock() not ported\n");
 }
 
+// The exported functions take the C library's first time_t of the host: 32 bits on a 32-bit one,
+// where they are read as unsigned.
+#ifdef UTILS_TIME_NARROWED
+int utils_get_time32(uint32_t seconds, char *text) {
+    return utils::write_time(seconds, text);
+}
+
+int utils_get_ms_time32(const utils_timeval32 *time, char *text) {
+    return time != nullptr ? utils::write_ms_time(time->tv_sec, time->tv_usec, text) : 0;
+}
+#else
 int get_time(time_t seconds, char *text) {
-    if (text == nullptr)
-        return 0;
-    text[0] = '\0';
-    tzset();  // the caller may have changed TZ a moment ago
-    tm local;
-    if (!utils::local_time(seconds, local))
-        return 0;
-    return static_cast<int>(strftime(text, CLOCK_TIME_ROOM, "%b %d %H:%M:%S", &local));
+    return utils::write_time(seconds, text);
 }
 
 int get_ms_time(const struct timeval *time, char *text) {
-    if (time == nullptr || text == nullptr)
-        return 0;
-    auto length = static_cast<size_t>(get_time(time->tv_sec, text));
-    return snprintf(text + length, CLOCK_MS_TIME_ROOM - length, ".%03ld",
-                    static_cast<long>(time->tv_usec / 1000000));
+    return time != nullptr ? utils::write_ms_time(time->tv_sec, time->tv_usec, text) : 0;
 }
+#endif
 
 void perf_init(perf_record *record) {
     if (record != nullptr)

@@ -306,7 +306,8 @@ void qel_evlog_entry_dump(FILE *stream, char *line, qel_evlog_entry *entry, int 
         return;
     constexpr size_t kCutText = 65;
     tm local;
-    utils::local_time(entry->seconds, local);
+    // Kept in 32 bits; unsigned they reach to 2106.
+    utils::local_time(static_cast<uint32_t>(entry->seconds), local);
     size_t length = strftime(line, utils::kTimeSize, "%H:%M:%S", &local);
     length += static_cast<size_t>(snprintf(line + length, QEL_EVLOG_LINE_SIZE - length, ".%03ld ",
                                            static_cast<long>(entry->microseconds / 1000)));

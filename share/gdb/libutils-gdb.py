@@ -376,7 +376,7 @@ class EvlogCommand(gdb.Command):
     def show_entry(event):
         text = bytes(int(event["text"][i]) & 0xFF for i in range(event["text"].type.sizeof)).split(b"\0")[0]
         if text:
-            clock = time.strftime("%H:%M:%S", time.localtime(int(event["seconds"])))
+            clock = time.strftime("%H:%M:%S", time.localtime(int(event["seconds"]) & 0xFFFFFFFF))
             print(f"{clock}.{int(event['microseconds']) // 1000:03d} "
                   f"{text.decode('utf-8', 'backslashreplace').rstrip()}")
 

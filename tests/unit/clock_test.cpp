@@ -44,8 +44,7 @@ clock_t fake_times(tms *) {
     ++times_calls;
     return static_cast<clock_t>(ticks_now);
 }
-time_t fake_time(time_t *) __asm__("time");
-time_t fake_time(time_t *) {
+time_t time(time_t *) noexcept {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     return set_time != 0 ? set_time : now.tv_sec;
@@ -190,6 +189,8 @@ TEST(Clock, QelTimesFollowsTimesWithOneCallInTwelveThousandTicks) {
     }
 }
 
+constexpr bool k32BitHost = sizeof(void *) == 4;
+
 TEST(Clock, CountersPrintAndFormat) {
     auto now = static_cast<uint32_t>(time(nullptr)) * 1000U;
     EXPECT_LT(msSysClk() - now, 5000U);
@@ -200,7 +201,12 @@ TEST(Clock, CountersPrintAndFormat) {
     char text[CLOCK_MS_TIME_ROOM];
     const std::tuple<const char *, timeval, const char *> times[] = {
         {"XYZ-2", {86399, 999999}, "Jan 02 01:59:59.000"},
-        {"UTC0", {0, 2500000}, "Jan 01 00:00:00.002"}};  // a changed zone is noticed
+        {"UTC0", {0, 2500000}, "Jan 01 00:00:00.002"},  // a changed zone is noticed
+        {"UTC0", {INT64_C(0x80000000), 1}, "Jan 19 03:14:08.000"},
+        // Exported, it takes 32 bits of the seconds where a pointer has no more.
+        {"UTC0",
+         {INT64_C(0x100015180), 0},
+         k32BitHost ? "Jan 02 00:00:00.000" : "Feb 08 06:28:16.000"}};
     for (const auto &[zone, moment, expected] : times) {
         setenv("TZ", zone, 1);
         EXPECT_EQ(get_ms_time(&moment, text), 4);
@@ -216,6 +222,10 @@ TEST(Clock, BootDateIsNowLessTheUptimeInWholeSeconds) {
     EXPECT_NE(dateBooted(), nullptr);
     set_time = 1000;
     EXPECT_STREQ(dateCurrent(), "Thu Jan  1 00:16:40 1970\n");
+    set_time = INT64_C(0x80000000);
+    EXPECT_STREQ(dateCurrent(), "Tue Jan 19 03:14:08 2038\n");
+    EXPECT_EQ(std::string(dateBooted()).substr(20), "2038\n");
+    set_time = 1000;
     instead = "/tmp/uptime";
     EXPECT_EQ(dateBooted(), nullptr) << "no such file";
     const std::pair<const char *, const char *> cases[] = {

@@ -1,6 +1,7 @@
 #include "utils/evlog.h"
 
 #include <dlfcn.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -246,9 +247,10 @@ TEST(EvlogInAChild, NeitherItsDeathNorItsFreeStopsTheParent) {
 }
 
 TEST(EvlogEntry, IsShownInTheZoneOfTheMoment) {
-    qel_evlog_entry entry{0, 0, "x\n"};
-    for (auto [zone, shown] :
-         {std::pair("EAST-3", "03:00:00.000 x\n"), {"WEST+5", "19:00:00.000 x\n"}}) {
+    for (auto [zone, seconds, shown] : {std::tuple("EAST-3", 0, "03:00:00.000 x\n"),
+                                        {"WEST+5", 0, "19:00:00.000 x\n"},
+                                        {"UTC0", INT32_MIN, "03:14:08.000 x\n"}}) {  // in 2038
+        qel_evlog_entry entry{seconds, 0, "x\n"};
         char line[QEL_EVLOG_LINE_SIZE];
         setenv("TZ", zone, 1);
         qel_evlog_entry_dump(stdout, line, &entry, 0);

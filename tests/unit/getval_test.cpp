@@ -7,6 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,8 +15,11 @@
 
 #ifdef __powerpc__
 // The emulator has no old-style terminal requests: they are served from the terminal attributes.
-extern "C" int fake_ioctl(int fd, unsigned long request, void *record) __asm__("ioctl");
-extern "C" int fake_ioctl(int fd, unsigned long request, void *record) {
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list values;
+    va_start(values, request);
+    void *record = va_arg(values, void *);
+    va_end(values);
     if (request != 0x40067408 && request != 0x80067409)
         return static_cast<int>(syscall(SYS_ioctl, fd, request, record));
     auto *erase = static_cast<unsigned char *>(record) + 2;
