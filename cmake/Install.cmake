@@ -51,9 +51,16 @@ function(utils_install_qelctl)
     install(TARGETS qelctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
     install(FILES share/bash-completion/qelctl DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
     if(UTILS_DOCS)
+        set(shown $<TARGET_FILE:qelctl>)
+        if(UTILS_EMULATOR)
+            list(JOIN UTILS_EMULATOR " " emulator)
+            set(shown ${PROJECT_BINARY_DIR}/docs/run/qelctl)
+            file(GENERATE OUTPUT ${shown} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:qelctl> \"$@\"\n"
+                 FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+        endif()
         add_custom_command(OUTPUT docs/man/man1/qelctl.1 DEPENDS qelctl
                            COMMAND ${CMAKE_COMMAND} -E make_directory docs/man/man1
-                           COMMAND ${PROJECT_SOURCE_DIR}/scripts/qelctl-man $<TARGET_FILE:qelctl> docs/man/man1/qelctl.1
+                           COMMAND ${PROJECT_SOURCE_DIR}/scripts/qelctl-man ${shown} docs/man/man1/qelctl.1
                            VERBATIM)
         add_custom_target(qelctl_man ALL DEPENDS docs/man/man1/qelctl.1)
     endif()
