@@ -11,6 +11,8 @@
 #include <cstdio>
 
 #include "base/deadline.h"
+#include "base/trusted.h"
+#include "ipc_packet.h"
 
 namespace utils::ipc {
 namespace {
@@ -31,6 +33,8 @@ NameLock::~NameLock() {
 }
 
 int NameLock::acquire() {
+    if (!Descriptor(open_trusted_directory(AT_FDCWD, kDirectory, 0)))
+        return -errno;
     struct flock whole {};
     whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;

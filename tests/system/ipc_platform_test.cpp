@@ -247,6 +247,11 @@ TEST(Ipc, OpeningHoldsNobodyUpAndIsHeldUpByNoStranger) {
         thread.join();
     EXPECT_EQ(results, -EALREADY);
     ipc_close();
+    EXPECT_EQ(fchmod(directory, 0777), 0);
+    EXPECT_EQ(ipc_open(&own), -EPERM) << "anyone could put a socket in place of ours";
+    EXPECT_EQ(fchmod(directory, 01777), 0);
+    EXPECT_EQ(ipc_open(&own), 0);
+    ipc_close();
     for (int fd : {directory, ends[0], ends[1]})
         close(fd);
 }

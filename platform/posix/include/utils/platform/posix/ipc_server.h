@@ -44,8 +44,8 @@ typedef int (*ipc_handler)(void *reply_address, int code, void *message);
  * left there is replaced. The socket goes with ipc_close() or exit(). Waits for a process of the
  * same user that is opening the same name, 20 seconds at most; the other calls do not wait for it.
  * @return 0, or a negated errno value: -98 when a living daemon has the name, -114 when this
- * process is open or opening already, -110 when the wait has been too long, -22 for a bad name, and
- * those of the system
+ * process is open or opening already, -110 when the wait has been too long, -22 for a bad name, -1
+ * when "/run/korin" is another user's, or open to others and not sticky, and those of the system
  */
 int ipc_open(const ipc_address *own);
 
