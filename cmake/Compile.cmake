@@ -41,8 +41,8 @@ set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 set(reproducible "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
 
 # Failed checks show who called them. Some processors have no other way to walk the stack than these tables, which
-# their compilers leave out of programs without exceptions.
-set(walkable -fasynchronous-unwind-tables)
+# their compilers leave out of programs without exceptions. UTILS_SMALL has the back chain for it.
+set(walkable $<$<NOT:$<BOOL:${UTILS_SMALL}>>:-fasynchronous-unwind-tables>)
 
 # The library and the platform stand-in: C++ inside, C outside, no C++ runtime.
 add_library(utils_cxx_inside INTERFACE)
