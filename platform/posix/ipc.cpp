@@ -171,7 +171,7 @@ ipc_handler accept_request(int slot, const Packet &packet) {
 bool serve_request(int slot, const Connection &connection) {
     alignas(8) Packet packet;
     ssize_t received =
-        recv(connection.fd, packet.head, kHeadSize + IPC_REQUEST_MAX, MSG_DONTWAIT | MSG_TRUNC);
+        recv(connection.fd, packet.bytes, kHeadSize + IPC_REQUEST_MAX, MSG_DONTWAIT | MSG_TRUNC);
     if (received < 0)
         return errno == EAGAIN || errno == EINTR;
     size_t size = static_cast<size_t>(received);
@@ -183,9 +183,9 @@ bool serve_request(int slot, const Connection &connection) {
     ipc_address reply{kReplyNode, static_cast<uint16_t>(slot), {}};
     snprintf(reply.name, sizeof reply.name, "%u.%u", connection.serial, packet.number());
     auto length = static_cast<uint32_t>(size - kHeadSize);
-    memset(packet.message + length, 0, IPC_MESSAGE_SIZE - length);
+    memset(packet.message() + length, 0, IPC_MESSAGE_SIZE - length);
     // The platform's word in front of the message takes the number's place.
-    unsigned char *message = packet.head + kHeadSize - sizeof length;
+    unsigned char *message = packet.message() - sizeof length;
     memcpy(message, &length, sizeof length);
     handler(&reply, packet.code(), length > 0 ? message : nullptr);
     return true;

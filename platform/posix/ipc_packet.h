@@ -40,19 +40,19 @@ inline bool socket_path(const ipc_address &address, sockaddr_un &path) {
 
 // A packet in one piece, which costs less than parts do. The message stays uninitialized.
 struct Packet {
-    unsigned char head[kHeadSize];
-    unsigned char message[IPC_MESSAGE_SIZE];
+    unsigned char bytes[kHeadSize + IPC_MESSAGE_SIZE];  // code, number, message
 
     Packet() {}
     Packet(int code, uint32_t number, const void *data, size_t length) : size(kHeadSize + length) {
-        utils::store_be32(head, static_cast<uint32_t>(code));
-        utils::store_be32(head + 4, number);
+        utils::store_be32(bytes, static_cast<uint32_t>(code));
+        utils::store_be32(bytes + 4, number);
         if (length > 0)
-            memcpy(message, data, length);
+            memcpy(message(), data, length);
     }
-    ssize_t send_on(int fd, int flags) const { return send(fd, head, size, MSG_NOSIGNAL | flags); }
-    int code() const { return static_cast<int>(utils::load_be32(head)); }
-    uint32_t number() const { return utils::load_be32(head + 4); }
+    ssize_t send_on(int fd, int flags) const { return send(fd, bytes, size, MSG_NOSIGNAL | flags); }
+    int code() const { return static_cast<int>(utils::load_be32(bytes)); }
+    unsigned char *message() { return bytes + kHeadSize; }
+    uint32_t number() const { return utils::load_be32(bytes + 4); }
 
     size_t size = 0;
 };

@@ -99,7 +99,7 @@ int receive_reply(Line &line, void *reply, uint32_t *length, const WaitLimit &li
         limit.apply_to(line.fd, SO_RCVTIMEO);
     line.wait_ms = limit.total_ms();
     for (int flags = 0;; flags = MSG_DONTWAIT) {
-        ssize_t received = recv(line.fd, packet.head, room, flags);
+        ssize_t received = recv(line.fd, packet.bytes, room, flags);
         if (received < 0 && errno != EAGAIN && errno != EINTR)
             return -errno;
         if (received >= 0 && received < static_cast<ssize_t>(kHeadSize))
@@ -107,7 +107,7 @@ int receive_reply(Line &line, void *reply, uint32_t *length, const WaitLimit &li
         if (received >= 0 && packet.number() == line.number) {
             *length = static_cast<uint32_t>(received) - kHeadSize;
             if (*length > 0)
-                memcpy(reply, packet.message, *length);
+                memcpy(reply, packet.message(), *length);
             return 0;
         }
         if (limit.is_over())
