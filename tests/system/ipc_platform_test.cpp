@@ -98,7 +98,7 @@ TEST(Ipc, DaemonMayCloseAndOpenAgain) {
 
 // Those that have had an answer go at once, those that have not asked yet after their time.
 TEST(Ipc, FewDescriptorsAreSharedByManyRequesters) {
-    for (rlim_t descriptors : {24, 0}) {
+    for (rlim_t descriptors : {24U, 0U}) {
         Daemon daemon(descriptors);
         const timeval short_of_grace{0, 450000};
         int served[40], silent[40];

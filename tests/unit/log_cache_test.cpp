@@ -177,7 +177,7 @@ TEST(LogCache, DumpThatFindsNoRoomKeepsTheOldFileAndAResizeGoesOn) {
         std::string old = dumped();
         log_cache_write("new\n");
         // The limit's signal, which would end the process, is held back.
-        for (rlim_t limit : {20, 0, 20}) {
+        for (rlim_t limit : {20U, 0U, 20U}) {
             rlimit limits{limit, RLIM_INFINITY};
             setrlimit(RLIMIT_FSIZE, &limits);
             int result = limit == 0 ? log_cache_resize(50000) : log_cache_dump();
