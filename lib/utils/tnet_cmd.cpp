@@ -5,7 +5,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -20,6 +19,7 @@
 #include "base/big_endian.h"
 #include "base/deadline.h"
 #include "base/heap.h"
+#include "base/held_signal.h"
 #include "tnet_relay.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
@@ -168,32 +168,6 @@ bool receive_command(int socket, Command &command) {
     return true;
 }
 
-// Holds SIGPIPE back from this thread, and takes one that arises meanwhile.
-class PipeSignalBlock {
-  public:
-    PipeSignalBlock() {
-        sigset_t pending;
-        sigpending(&pending);
-        was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-        sigemptyset(&pipe_);
-        sigaddset(&pipe_, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
-    }
-    ~PipeSignalBlock() {
-        timespec no_wait{};
-        while (!was_pending_ && sigtimedwait(&pipe_, nullptr, &no_wait) == -1 && errno == EINTR) {
-        }
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    PipeSignalBlock(const PipeSignalBlock &) = delete;
-    PipeSignalBlock &operator=(const PipeSignalBlock &) = delete;
-
-  private:
-    bool was_pending_;
-    sigset_t pipe_;
-    sigset_t before_;
-};
-
 // Runs the command with a stream on a copy of the socket. Returns the text of an internal failure,
 // or null.
 const char *run_command(int socket, Command &command, qelTnetCommand function) {
@@ -261,7 +235,8 @@ void qelTnetCmd(int socket, int argc, char **argv, int out) {
 void qelTnetCmdCB(int socket, qelTnetCommand command) {
     if (command == nullptr)
         return;
-    PipeSignalBlock no_signal;
+    HeldSignal sigpipe(SIGPIPE);
+    sigpipe.raised();  // for all we know: the command writes as it likes
     Command received;
     if (!receive_command(socket, received))
         return;
