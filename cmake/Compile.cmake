@@ -57,7 +57,17 @@ function(utils_c_shared_library target map)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:utils_cxx_inside>)
     target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C LINK_DEPENDS ${map}
-                          VERSION 1.0 SOVERSION 1.0)
+                          VERSION ${UTILS_SOVERSION} SOVERSION ${UTILS_SOVERSION})
     # CMake would add the C++ runtime for the C++ sources: without it, a use of it is a link error.
     set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "" PARENT_SCOPE)
+endfunction()
+
+# Makes the archive of the objects that the shared library `target` is linked from, as target `target`-static. In an
+# archive the internal names are the program's, too: a program's own function named like one of ours replaces ours.
+function(utils_static_archive target)
+    add_library(${target}-static STATIC $<TARGET_OBJECTS:${target}>)
+    set_target_properties(${target}-static PROPERTIES OUTPUT_NAME ${target} LINKER_LANGUAGE C
+                          ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+    target_include_directories(${target}-static
+        INTERFACE $<TARGET_PROPERTY:${target},INTERFACE_INCLUDE_DIRECTORIES>)
 endfunction()

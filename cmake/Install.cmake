@@ -11,7 +11,12 @@ if(UTILS_PLATFORM STREQUAL "posix")
 endif()
 install(TARGETS ${libraries} EXPORT libutils
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+if(UTILS_STATIC)
+    list(TRANSFORM libraries APPEND -static OUTPUT_VARIABLE archives)
+    install(TARGETS ${archives} EXPORT libutils ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+endif()
 install(DIRECTORY include/utils DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/include/utils/version.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/utils)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/libutils)
 install(EXPORT libutils FILE libutils-targets.cmake NAMESPACE utils:: DESTINATION ${package_dir})
@@ -28,7 +33,7 @@ install(FILES ${PROJECT_BINARY_DIR}/libutils.pc DESTINATION ${CMAKE_INSTALL_LIBD
 
 # gdb loads the extension together with the library: its path is the library's, below auto-load.
 # The prefix is the one of the installation, known only then.
-install(FILES share/gdb/libutils-gdb.py RENAME libutils.so.${PROJECT_VERSION}-gdb.py
+install(FILES share/gdb/libutils-gdb.py RENAME libutils.so.${UTILS_SOVERSION}-gdb.py
         DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
 
 if(UTILS_DOCS)

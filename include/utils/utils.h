@@ -55,6 +55,7 @@
 #include <utils/timer.h>
 #include <utils/timer_r.h>
 #include <utils/tnet_cmd.h>
+#include <utils/version.h>
 #include <utils/wwn.h>
 
 #endif

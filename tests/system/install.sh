@@ -17,7 +17,7 @@ LD_LIBRARY_PATH=$library /tmp/first/by-pkg-config
 cat >/tmp/first/CMakeLists.txt <<'CMAKE'
 cmake_minimum_required(VERSION 3.25)
 project(first C)
-find_package(libutils 1.0 REQUIRED)
+find_package(libutils 1.0 REQUIRED COMPONENTS platform)
 add_executable(first first.c)
 target_link_libraries(first PRIVATE utils::utils)
 CMAKE
