@@ -33,10 +33,10 @@ UTILS_BEGIN_DECLS
 
 /** @name Switch files
  *  @{ */
-#define QEL_SUPPRESS_ASSERTS_FILE \
-    "/etc/config/suppress_asserts" /**< on: no console reports, but before a crash */
-#define QEL_SUPPRESS_PANIC_FILE \
-    "/etc/config/suppress_panic_mode" /**< on: a failed ASSERT returns */
+/** on: no console reports, but before a crash */
+#define QEL_SUPPRESS_ASSERTS_FILE "/etc/config/suppress_asserts"
+/** on: a failed ASSERT returns */
+#define QEL_SUPPRESS_PANIC_FILE "/etc/config/suppress_panic_mode"
 /** @} */
 
 /** @name Fields of the info word of do_assert()
@@ -148,8 +148,8 @@ UTILS_END_DECLS
 #define QEL_ASSERT(expr) \
     ((expr) ? (void)0 : (void)do_assert(#expr, __FILE__, QEL_CHECK_INFO(QEL_CHECK_ASSERT, 0)))
 
-/** A check to recover from: @return 1 when @p expr holds; otherwise it is reported and the value is
- * 0 */
+/** A check to recover from: @return 1 when @p expr holds;
+ * otherwise it is reported and the value is 0 */
 #define QEL_VERIFY(expr) \
     ((expr) ? 1 : do_assert(#expr, __FILE__, QEL_CHECK_INFO(QEL_CHECK_VERIFY, 0)))
 

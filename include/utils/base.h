@@ -30,8 +30,8 @@
 #endif
 /** @endcond */
 
-/** Lets the compiler check a printf-like call: position of the text, of the first value (0: a
- * va_list). */
+/** Lets the compiler check a printf-like call: position of the text,
+ * of the first value (0: a va_list). */
 #define UTILS_PRINTF(text, values) __attribute__((__format__(__printf__, text, values)))
 
 /** @name Results that several families share

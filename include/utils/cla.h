@@ -33,8 +33,8 @@ UTILS_BEGIN_DECLS
  * utils/identity.h have exactly this type.
  * @param text the value; it points into the caller's argv, so it may be kept as long as that lives
  * @param arg  the record's @c arg
- * @return 0 when the value is accepted, which consumes the option; anything else: not for this
- * record
+ * @return 0 when the value is accepted, which consumes the option;
+ * anything else: not for this record
  */
 typedef int (*claHandler)(const char *text, void *arg);
 
@@ -48,8 +48,8 @@ typedef struct claFltrEntry {
 
 /**
  * Takes every option of @p table, with its value, out of @p argv: "-s 2", "-s2" and "--switch 2"
- * are the forms. What no record accepts stays where it is. A path in argv[0] is cut to its last
- * name.
+ * are the forms. What no record accepts stays where it is.
+ * A path in argv[0] is cut to its last name.
  *
  * Each argument that begins with '-' is compared with the records in their order. A record whose
  * letter matched but whose handler refused leaves the comparison one character further on, so that

@@ -75,8 +75,8 @@ int msClock(void);
 /** Not ported; prints that. @return the print's result */
 int rtClock(void);
 
-/** @cond On a 32-bit host the exported functions take 32 bits of seconds, whatever time_t a program
- * chose. */
+/** @cond On a 32-bit host the exported functions take 32 bits of seconds,
+ * whatever time_t a program chose. */
 #if defined(__TIMESIZE) && __TIMESIZE == 32 && defined(__USE_TIME_BITS64)
 #define UTILS_TIME_NARROWED
 typedef struct utils_timeval32 {

@@ -15,8 +15,8 @@
  * When the server closes the connection the next output raises SIGPIPE, which ends a daemon that
  * neither ignores nor handles it (qel_sigdefaults(), signals.h, does): POSIX's write().
  *
- * An exit request waits for a reader of the daemon's output no longer than a signal does
- * (signals.h).
+ * An exit request waits for a reader of the daemon's
+ * output no longer than a signal does (signals.h).
  *
  * Threads: the requests may be made from any thread; the handlers run on the platform's.
  */
@@ -78,8 +78,7 @@ int qelDExitRequest(const char *daemon, int code, int mode);
  * answered UTILS_EINVAL; its segment, if it came with one, is removed.
  * @param reply_address where the answer goes
  * @param code          the message code
- * @param message       the platform's word, then the argument block in at least 2044 bytes; may be
- * null
+ * @param message       the platform's word, then the argument block in at least 2044 bytes; or null
  * @return the result of the answer's ipcSend()
  */
 int ipcCbQelDRedirectOutput(void *reply_address, int code, void *message);
@@ -91,8 +90,8 @@ int ipcCbQelDExitHandler(void *reply_address, int code, void *message);
 /**
  * Appends this process's standard output and error to @p path, which is created with mode 0666
  * (less the umask) when it does not exist.
- * @return 0 (also when the path is null or cannot be opened), or -1 when a descriptor cannot be
- * duplicated
+ * @return 0 (also when the path is null or cannot be opened),
+ * or -1 when a descriptor cannot be duplicated
  */
 int qelDRedirectOutput_impl(const char *path);
 

@@ -123,12 +123,12 @@ int qel_evlog_dump(FILE *stream, qel_evlog_handle *handle, int level);
  */
 void qel_evlog_entry_dump(FILE *stream, char *line, qel_evlog_entry *entry, int level);
 
-/** Appends @p handle to the logs of @p db, whose lock the caller holds. @return 0, or -22 for a
- * null argument */
+/** Appends @p handle to the logs of @p db. REQUIRES: the caller holds the lock of @p db.
+ * @return 0, or -22 for a null argument */
 int qel_evlog_dbInsert(qel_evlog_db *db, qel_evlog_handle *handle);
 
-/** Dumps every log of @p db on @p stream in the order of creation; @p level as for
- * qel_evlog_dump(). */
+/** Dumps every log of @p db on @p stream in the order of creation;
+ * @p level as for qel_evlog_dump(). */
 void qel_evlog_db_dump(FILE *stream, qel_evlog_db *db, int level);
 
 /** Prints name and shortcut of every log of @p db on @p stream. */
@@ -143,8 +143,8 @@ void qel_evlog_db_clear(qel_evlog_db *db);
 /** Empties one log; null is ignored. */
 void qel_evlog_clear(qel_evlog_handle *handle);
 
-/** Releases every log of @p db; their section numbers are not given out again. @return 0, or -22
- * for null */
+/** Releases every log of @p db; their section numbers are
+ * not given out again. @return 0, or -22 for null */
 int qel_evlog_free(qel_evlog_db *db);
 
 /** Releases one log without taking it off its database; null is ignored. */

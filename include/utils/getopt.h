@@ -44,8 +44,8 @@ typedef int (*qelGetOptCallback)(void *cbArg, qelGetOptState *state);
  * dashes; qelGetOpt_ind() tells the final callback where the program's arguments begin. A lone '-'
  * that is not among the letters ends scanning too.
  *
- * Unknown options and missing arguments are reported on standard error and given to the callback
- * as QELGETOPT_UNKNOWN.
+ * Unknown options and missing arguments are reported on standard
+ * error and given to the callback as QELGETOPT_UNKNOWN.
  * @param argc      number of arguments
  * @param argv      the arguments
  * @param optstring option letters, each followed by ':' when it takes an argument (the rest of the

@@ -1,7 +1,7 @@
 /**
  * @file hash.h
- * @brief Hash tables from a key word to any number of value words, with keys for process ids, names
- * and WWNs.
+ * @brief Hash tables from a key word to any number of value words,
+ * with keys for process ids, names and WWNs.
  *
  * A table has HASH_BUCKETS chains, always. With both functions of one of the key kinds below it
  * finds a key in the same time at any size, by an index beside the chains; with other functions,
@@ -23,9 +23,7 @@
 
 UTILS_BEGIN_DECLS
 
-#define HASH_BUCKETS                                                            \
-    503 /**< buckets of every table; what a hash function answers is below this \
-         */
+#define HASH_BUCKETS 503    /**< buckets of every table; a hash function's answer is below this */
 #define HASH_BLOCK_VALUES 5 /**< values that share one block */
 
 /**

@@ -48,22 +48,23 @@ int iot_start(void);
  * @param descriptor 0 to 1023
  * @param handler    called when it is readable
  * @param watch      non-zero: watched at once and after every rebuild; 0: only after
- * IOT_NOTIFY_WATCH_ALL
+ *                   IOT_NOTIFY_WATCH_ALL
  * @return 0, or -1 when all entries are in use or the descriptor is out of range
  */
 int iot_add(int descriptor, iot_handler handler, unsigned watch);
 
-/** Stops watching @p descriptor and frees its first entry; does not close it. Unknown ones are
- * ignored. */
+/** Stops watching @p descriptor and frees its first entry;
+ * does not close it. Unknown ones are ignored. */
 void iot_del(int descriptor);
 
 /**
  * Changes what is watched, or forwards a message.
- * @param kind IOT_NOTIFY_REBUILD: entries that are free are passed over. IOT_NOTIFY_WATCH_ALL: of
- * the registered descriptors, those up to the highest one added since the last rebuild, or watched
- * by it, are waited for and served.
- * IOT_NOTIFY_FORWARD: the notification function is called on this thread with 2 and up to seven
- * further integers or pointers of at most a machine word. Others do nothing.
+ * @param kind IOT_NOTIFY_REBUILD: entries that are free are passed over.
+ *             IOT_NOTIFY_WATCH_ALL: of the registered descriptors, those up to the highest one
+ *             added since the last rebuild, or watched by it, are waited for and served.
+ *             IOT_NOTIFY_FORWARD: the notification function is called on this thread with 2 and
+ *             up to seven further integers or pointers of at most a machine word.
+ *             Others do nothing.
  */
 void iot_notify(int kind, ...);
 

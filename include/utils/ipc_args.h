@@ -64,7 +64,7 @@ typedef struct qelIpcArgBlock qelIpcArgBlock;
  * Packs @p args into a new block.
  * @param args  the pieces
  * @param block receives the block, which the caller releases with free() once it is sent; null on
- * error. A shared-memory segment stays for the receiver.
+ *              error. A shared-memory segment stays for the receiver.
  * @return the bytes to send (20 and the payload, or 28), UTILS_EINVAL when @p args is null or empty
  *         or a piece with a length has no data, UTILS_ENOMEM when memory, the segment or its
  *         attachment cannot be had or the sum exceeds 32 bits
@@ -74,8 +74,8 @@ int qelIpcArgsEncode(qelIpcArgs *args, qelIpcArgBlock **block);
 /**
  * Makes a received block readable in this process. The memory behind @p block must hold at least
  * 2044 bytes, or the whole block when that is shorter and comes from a trusted sender. A segment
- * that cannot be attached, or is smaller than the block says, is removed. Decoding twice is
- * harmless.
+ * that cannot be attached, or is smaller than the block says,
+ * is removed. Decoding twice is harmless.
  * @return 0, UTILS_EINVAL for a null or malformed block, UTILS_EAGAIN when it is held
  */
 int qelIpcArgsDecode(qelIpcArgBlock *block);
@@ -111,7 +111,7 @@ static inline void qelIpcArgsReceived(qelIpcArgBlock *block) {
  * @param code    the request's message code
  * @param block   the request; stays the caller's
  * @param reply   receives the decoded reply, to be released with qelIpcArgsDestroy() and then
- * free(); null on error
+ *                free(); null on error
  * @param timeout seconds and microseconds
  * @return 0, UTILS_ENOMEM, UTILS_EINVAL when the reply is shorter than 20 bytes or malformed (or an
  *         argument is null), or the platform's non-zero result. In that last case the reply buffer
@@ -129,8 +129,8 @@ int qelIpcSendRcv(void *address, int code, qelIpcArgBlock *block, qelIpcArgBlock
  * @param reply       receives the reply
  * @param replyLength room in @p reply on entry, bytes received on return
  * @param timeout     seconds and microseconds
- * @return what the platform's ipcSendRcv() returned, or a result of qelIpcArgsEncode() with nothing
- * sent
+ * @return what the platform's ipcSendRcv() returned,
+ * or a result of qelIpcArgsEncode() with nothing sent
  */
 int qelIpcSendOne(void *address, int code, void *data, uint32_t length, void *reply,
                   uint32_t *replyLength, const uint32_t timeout[2]);

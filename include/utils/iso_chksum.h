@@ -1,7 +1,7 @@
 /**
  * @file iso_chksum.h
- * @brief The two-byte ISO 8473 checksum (Fletcher, modulo 255) of data units, and a test for zero
- * bytes.
+ * @brief The two-byte ISO 8473 checksum (Fletcher,
+ * modulo 255) of data units, and a test for zero bytes.
  *
  * The checksum finds accidental changes; it is no protection against deliberate ones.
  *

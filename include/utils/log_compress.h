@@ -84,8 +84,8 @@ int log_decompressGetLine(log_decompressor *decompressor, char *out);
 /** Releases the decompressor, not its buffer; null is ignored. */
 void log_deleteDecompressor(log_decompressor *decompressor);
 
-/** Prints the lines of a whole stream, @p length bytes at @p ibuf, between two headings on standard
- * output. */
+/** Prints the lines of a whole stream, @p length bytes at @p ibuf,
+ * between two headings on standard output. */
 void log_showDecompressedData(const unsigned char *ibuf, int length);
 
 UTILS_END_DECLS

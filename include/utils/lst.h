@@ -44,8 +44,8 @@ void lstInsert(LIST *list, NODE *prev, NODE *node);
 
 /**
  * Unlinks @p node and clears its links. The list is searched first, so this takes time in
- * proportion to its length. A node that is not on the list is reported on standard error and
- * nothing changes.
+ * proportion to its length. A node that is not on the list
+ * is reported on standard error and nothing changes.
  */
 void lstDelete(LIST *list, NODE *node);
 
@@ -101,13 +101,13 @@ int lstConcat(LIST *dst, LIST *src);
 /**
  * Empties the list, destroys its mutex and passes every node to free(). Use it only on lists of
  * heap blocks that begin with their NODE. Call lstInit() to use the header again.
- * Threads: takes no lock; nobody else may use the list.
+ * REQUIRES: nobody else uses the list; no lock is taken.
  */
 void lstFree(LIST *list);
 
 /**
  * Lets @p dst show the nodes of @p src: head, tail and count are copied, the mutex is not.
- * Threads: takes no lock; nobody else may use the lists.
+ * REQUIRES: nobody else uses the lists; no lock is taken.
  */
 void lstShallowCopy(LIST *dst, LIST *src);
 

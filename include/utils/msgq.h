@@ -64,6 +64,10 @@ msgQHandle msgQCreate(int maxMsgs, unsigned maxMsgLength, int options, const cha
  * @param msg   the bytes; may be null only when @p len is 0
  * @param len   number of bytes, at most maxMsgLength and MSGQ_LENGTH_MAX
  * @return 0, or -1 when the queue is full, the message too long, or memory runs out
+ *
+ * Memory ordering: what the sender wrote before msgQSend() returned 0 is visible to the thread
+ * whose msgQReceive() takes this message; a refused send orders nothing. (Both lock the queue's
+ * mutex, whose synchronisation POSIX.1-2017 XBD 4.12 promises.)
  */
 int msgQSend(msgQHandle queue, const void *msg, unsigned len, ...);
 
@@ -76,6 +80,9 @@ int msgQSend(msgQHandle queue, const void *msg, unsigned len, ...);
  * @param timeout_ms milliseconds; -1 waits without limit, 0 does not wait. The wait is made once:
  *                   when another receiver is quicker, the call ends early with 1.
  * @return 0 when a message was taken, 1 when not
+ *
+ * Memory ordering: after 0 everything that the sender of this message, and of each older one,
+ * wrote before its msgQSend() is visible.
  */
 int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms);
 

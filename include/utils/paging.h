@@ -42,8 +42,8 @@ int kbhit(int seconds);
 
 /**
  * Dumps memory: lines of 16 bytes, each with its address, the units in hexadecimal, and the
- * characters between stars. The last line is filled with blank fields, but its characters are
- * shown.
+ * characters between stars. The last line is filled
+ * with blank fields, but its characters are shown.
  * @param address first byte; null prints nothing
  * @param count   number of units; 0 or less counts as 256
  * @param width   bytes in a unit: 1, 2 or 4, in the machine's byte order; 0 or less counts as 1.
@@ -59,8 +59,8 @@ void memDump(void *address, int count, int width);
 void display_mem(void *address, int count, int width);
 
 /**
- * Dumps memory as 32-bit words in the machine's byte order and as characters, 16 bytes a line,
- * without addresses.
+ * Dumps memory as 32-bit words in the machine's byte order
+ * and as characters, 16 bytes a line, without addresses.
  * @param address first byte; null prints nothing
  * @param len     number of bytes
  * @warning @p len is rounded up to a multiple of 4, so up to 3 bytes more are read and shown

@@ -16,8 +16,7 @@
 
 UTILS_BEGIN_DECLS
 
-#define QEL_STRING_DEFAULT_SIZE \
-    4 /**< bytes of a string that is asked for with a size of 0 or less */
+#define QEL_STRING_DEFAULT_SIZE 4 /**< bytes of a string whose size was given as 0 or less */
 
 typedef struct qelString qelString;       /**< text that grows */
 typedef struct qelStringOps qelStringOps; /**< what can be done with it */
@@ -28,8 +27,8 @@ typedef struct qelStringOps qelStringOps; /**< what can be done with it */
  * A null object is refused with null or -1 (0 from length). When memory runs out in the
  * middle of growing, and the string does not retry, the old text is lost: get() is null then, every
  * appending operation fails, and set() starts the string anew. A string never grows beyond 2^31 - 1
- * bytes: that is refused and the text stays. A text to append or set may be part of the string's
- * own.
+ * bytes: that is refused and the text stays.
+ * A text to append or set may be part of the string's own.
  */
 struct qelStringOps {
     /** Appends a text. @return the whole text, or null */
@@ -66,7 +65,7 @@ struct qelString {
 /**
  * Makes an empty string.
  * @param size  bytes to begin with, the terminator included; 0 or less means
- * QEL_STRING_DEFAULT_SIZE
+ *              QEL_STRING_DEFAULT_SIZE
  * @param retry non-zero: never fail for lack of memory, try again instead
  * @return the string, or null when memory runs out
  */

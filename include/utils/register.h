@@ -25,13 +25,11 @@ UTILS_BEGIN_DECLS
 #define CB_UNCLASSIFIED (-1) /**< the identifier of an event in a group that cannot classify */
 #define CB_TABLE_FULL (-351) /**< result: all groups are taken */
 
-/** How a group classifies events; belongs to the registrant and must outlive the process's last
- * dispatch. */
+/** How a group classifies events; belongs to the registrant
+ * and must outlive the process's last dispatch. */
 typedef struct cb_ops {
-    int (*hook)(
-        void *argument); /**< called before classification, or null; its result is ignored */
-    int32_t (*classify)(
-        void *argument); /**< returns the event's identifier, or null: CB_UNCLASSIFIED */
+    int (*hook)(void *argument);         /**< called first, or null; its result is ignored */
+    int32_t (*classify)(void *argument); /**< gives the identifier, or null: CB_UNCLASSIFIED */
 } cb_ops;
 
 /** Consumes an event; its result is ignored. */
@@ -48,6 +46,9 @@ typedef int (*cb_callback)(void *argument);
  * @param callback   called with the dispatch argument, or null
  * @param queue      receives the event's message, or null
  * @return 0, CB_TABLE_FULL, or UTILS_ENOMEM
+ *
+ * Memory ordering: what was written before cb_register() is visible to the callback of a
+ * cb_dispatch() that finds the entry; a dispatch sees an entry whole or not at all.
  */
 int cb_register(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t id,
                 cb_callback callback, msgQHandle queue);
@@ -68,6 +69,9 @@ int cb_unregister(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t
  * @param argument handed to hook, classifier and callback
  * @return 0 when the event was delivered or nobody wants it, 1 when the queue refused the message
  *         (the callback has been called then)
+ *
+ * Memory ordering: pairs with the cb_register() whose entry it finds; the message's receiver is
+ * ordered by its queue (msgQReceive()).
  */
 int cb_dispatch(uint32_t key1, int32_t key2, void *message, void *argument);
 

@@ -27,16 +27,22 @@ typedef struct semaphore *semaHandle;
 /**
  * Makes a semaphore.
  * @param initial 0 and 1 make a binary one that is empty or available, -1 a counting one of value
- * 0, any other number a counting one of that value (negative values included)
+ *                0, any other number a counting one of that value (negative values included)
  * @return the handle, which semaDelete() releases, or null when memory runs out
  */
 semaHandle semaCreate(int initial);
 
-/** Destroys and frees the semaphore. Nobody may wait on it. @return the platform's status, 0 on
- * success */
+/** Destroys and frees the semaphore. Nobody may wait on it.
+ * @return the platform's status, 0 on success */
 int semaDelete(semaHandle sem);
 
-/** Raises the value by one and wakes one waiter. @return 0, or -1 when the platform refuses */
+/**
+ * Raises the value by one and wakes one waiter.
+ * @return 0, or -1 when the platform refuses
+ *
+ * Memory ordering: what was written before semaGive() is visible to the thread whose semaTake()
+ * takes this unit, as with POSIX sem_post() and sem_wait().
+ */
 int semaGive(semaHandle sem);
 
 /**
@@ -45,6 +51,9 @@ int semaGive(semaHandle sem);
  * @param timeout_ms milliseconds; -1 waits without limit, 0 does not wait. With 0 the look and the
  *                   take are two steps: another taker in between makes this call wait.
  * @return 0, or non-zero when the time ran out or nothing was there to take
+ *
+ * Memory ordering: 0 pairs with the semaGive() whose unit was taken; any other result orders
+ * nothing.
  */
 int semaTake(semaHandle sem, int timeout_ms);
 

@@ -9,8 +9,8 @@
  * Threads: the table has no lock. A daemon that serves requests on several threads guards its
  * records itself, and lets no thread write them while serviceStat_stop() runs. Reports of several
  * processes never mix. Anyone who may read the report can lock it: serviceStat_stop() waits 2
- * seconds for the lock and then appends without it, so that two new reports may both have a
- * heading.
+ * seconds for the lock and then appends without it,
+ * so that two new reports may both have a heading.
  */
 #ifndef UTILS_SERVICE_STAT_H
 #define UTILS_SERVICE_STAT_H
@@ -19,12 +19,12 @@
 
 UTILS_BEGIN_DECLS
 
-#define SERVICE_STAT_FILE \
-    "/var/log/serviceStat.sw%d"       /**< the report; a printf format of the switch number */
+/** the report; a printf format of the switch number */
+#define SERVICE_STAT_FILE "/var/log/serviceStat.sw%d"
 #define SERVICE_STAT_UNSET UINT64_MAX /**< lowest service time before the first measurement */
 
-/** Counters of one request code. Service times in ticks of the time base, queue times in
- * milliseconds. */
+/** Counters of one request code. Service times in ticks
+ * of the time base, queue times in milliseconds. */
 typedef struct serviceStat {
     uint64_t total_service_time;   /**< sum of the service times */
     uint64_t highest_service_time; /**< longest service time */
@@ -40,8 +40,8 @@ typedef struct serviceStat {
 /** The table, one record per request code; null before serviceStat_init(). */
 extern serviceStat *serviceStats;
 
-/** Non-zero while the daemon collects; set by the daemon, cleared by serviceStat_init() and
- * serviceStat_stop(). */
+/** Non-zero while the daemon collects; set by the daemon,
+ * cleared by serviceStat_init() and serviceStat_stop(). */
 extern int32_t serviceStatIsOn;
 
 /**
@@ -53,8 +53,8 @@ int serviceStat_init(int count);
 
 /**
  * Switches collection off, appends the report and clears the table. When the file cannot be opened
- * that is printed and the counters are lost; the lowest service times are 0 then, not
- * SERVICE_STAT_UNSET.
+ * that is printed and the counters are lost;
+ * the lowest service times are 0 then, not SERVICE_STAT_UNSET.
  * @param label    name of the service, in every row
  * @param names    name of each request code, as many as the table has records
  * @param switchNo logical switch number, selects the file

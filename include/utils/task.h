@@ -4,8 +4,8 @@
  *
  * A tick is 1/60 second throughout this family.
  *
- * Threads: taskInit() belongs to start-up, before other threads run; the rest may be called
- * anywhere.
+ * Threads: taskInit() belongs to start-up,
+ * before other threads run; the rest may be called anywhere.
  */
 #ifndef UTILS_TASK_H
 #define UTILS_TASK_H

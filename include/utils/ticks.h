@@ -4,8 +4,8 @@
  *
  * Set when the library is loaded, before any code of the program runs, and never changed later, so
  * every thread may read them. The file "/etc/korin/tb_ticks_per_jiffy" (one native 32-bit integer)
- * gives the rate of the time base; without it, 2000000 ticks a jiffy. Values beyond 32 bits are
- * saturated.
+ * gives the rate of the time base; without it,
+ * 2000000 ticks a jiffy. Values beyond 32 bits are saturated.
  */
 #ifndef UTILS_TICKS_H
 #define UTILS_TICKS_H

@@ -117,8 +117,8 @@ int timer_modhandler(timerHandle timer, timerHandler handler);
 int timer_ticking(timerHandle timer);
 
 /**
- * Lets @p wrapper be called with @p ulhArg in place of the handler. A null timer or wrapper aborts
- * the process.
+ * Lets @p wrapper be called with @p ulhArg in place of the handler.
+ * A null timer or wrapper aborts the process.
  */
 void timer_setulh(timerHandle timer, uintptr_t ulhArg, timerWrapper wrapper);
 

@@ -1,7 +1,7 @@
 /**
  * @file timer_r.h
- * @brief Timers for threads: the engine of utils/timer.h behind one mutex, with a service that
- * fires them.
+ * @brief Timers for threads: the engine of utils/timer.h
+ * behind one mutex, with a service that fires them.
  *
  * The service is a thread of the library, started by the first create, or the I/O subsystem of the
  * platform when the daemon already runs such a loop (timer_ioss_create()). A timer made with a
@@ -76,8 +76,8 @@ timerHandle timer_create_periodic_r(msgQHandle queue, timerHandler handler, uint
 timerHandle createTimer(msgQHandle queue, uintptr_t ignored, timerHandler handler, uintptr_t arg1,
                         uintptr_t arg2, int periodic);
 
-/** As createTimer(), with a handler that is called directly. @return the timer, or null, also for a
- * null handler */
+/** As createTimer(), with a handler that is called directly.
+ * @return the timer, or null, also for a null handler */
 timerHandle createTimerCB(timerHandler handler, uintptr_t ignored, uintptr_t arg1, uintptr_t arg2,
                           int periodic);
 

@@ -31,8 +31,8 @@ UTILS_BEGIN_DECLS
 #define QEL_TNET_COMMAND_MAX 65536 /**< most bytes behind the length word of a command message */
 #define QEL_TNET_CHUNK_SIZE 512    /**< bytes that the relay reads at a time */
 
-/** A command: writes its output to @p out, which it leaves open; argv[argc] is null. Its result is
- * ignored. */
+/** A command: writes its output to @p out, which it leaves open;
+ * argv[argc] is null. Its result is ignored. */
 typedef int (*qelTnetCommand)(int argc, char **argv, FILE *out);
 
 /** A command of a daemon, and how the ready-made handlers reach the daemon they act on. */
@@ -55,8 +55,8 @@ typedef struct qelTnetRedirArgs {
  * Sends a command and copies what the daemon writes to @p out until the connection ends. While the
  * socket has data a slow @p out never holds it up: output is queued without limit. In the end the
  * rest is written with the flags that @p out had; one that was non-blocking is waited for, up to
- * 100 ms at a time, and given up when it takes nothing for 100 such times. Prints nothing of its
- * own.
+ * 100 ms at a time, and given up when it takes nothing
+ * for 100 such times. Prints nothing of its own.
  * @param socket connected stream socket, below 1024; stays open
  * @param argc   number of arguments
  * @param argv   the arguments
@@ -74,8 +74,8 @@ void qelTnetCmdCB(int socket, qelTnetCommand command);
 void qelTnetCmdCBwrapper(int socket, qelTnetCmdDesc *descriptor);
 
 /**
- * Asks the descriptor's daemon to redirect its output; says so on standard output, failures on
- * standard error.
+ * Asks the descriptor's daemon to redirect its output;
+ * says so on standard output, failures on standard error.
  * @param descriptor the daemon's name and code
  * @param args       a qelTnetRedirArgs
  * @return the result of qelDRedirectOutput() or qelDRedirOutputToSocket(); -1 when a file named in

@@ -24,8 +24,8 @@ UTILS_BEGIN_DECLS
 
 /** @name Failures of getStrElement()
  *  @{ */
-#define STR_ELEMENT_BAD_ARGUMENT \
-    (-2) /**< null argument, empty start tag, or no room for prefix and suffix */
+/** null argument, empty start tag, or no room for prefix and suffix */
+#define STR_ELEMENT_BAD_ARGUMENT (-2)
 #define STR_ELEMENT_NO_START (-3) /**< no start tag before the end tag */
 #define STR_ELEMENT_NO_END (-4)   /**< no end tag */
 #define STR_ELEMENT_UNCLOSED (-5) /**< the value is not closed before the end tag */

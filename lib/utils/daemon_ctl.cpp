@@ -93,8 +93,8 @@ qelIpcArgBlock *block_in(void *message) {
     return block;
 }
 
-// Copies the record's text, if it lies inside the payload and ends in NUL. `text` is null without
-// one.
+// Copies the record's text, if it lies inside the payload
+// and ends in NUL. `text` is null without one.
 bool copy_request_text(const qelIpcArgBlock *block, const RedirectRecord &record, Text &room,
                        const char *&text) {
     uint32_t offset = load_be32(record.text_offset);

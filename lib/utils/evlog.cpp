@@ -76,8 +76,8 @@ void copy_field(char (&to)[size], const char *text) {
 }
 
 // The mutex of a log in shared memory works between processes, for children that go on logging, and
-// a child that is killed while it holds the mutex hands it on. A system without such mutexes has
-// plain ones.
+// a child that is killed while it holds the mutex hands it on.
+// A system without such mutexes has plain ones.
 void init_lock(pthread_mutex_t *lock, bool shared) {
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
@@ -95,8 +95,8 @@ void init_lock(pthread_mutex_t *lock, bool shared) {
     pthread_mutexattr_destroy(&attributes);
 }
 
-// Holds a log's mutex. What a dead holder has left of the ring is in order at any moment: the index
-// moves last.
+// Holds a log's mutex. What a dead holder has left of the ring
+// is in order at any moment: the index moves last.
 class LogLock {
   public:
     explicit LogLock(qel_evlog_handle &log) : mutex_(log.lock) {

@@ -58,8 +58,8 @@ hash_block *as_block(NODE *node) {
 Record *as_record(void *header) {
     return static_cast<Record *>(header);
 }
-// Null for a record that a program made itself, which has nothing behind it: told by the place of
-// its buckets.
+// Null for a record that a program made itself,
+// which has nothing behind it: told by the place of its buckets.
 Table *as_whole(hash_table *table) {
     auto behind = reinterpret_cast<uintptr_t>(table) + sizeof(Table);
     bool own = reinterpret_cast<uintptr_t>(table->buckets) == behind;

@@ -1,7 +1,7 @@
 // The I/O watch thread. `lock` guards the sets and the table, which daemon threads change and the
 // watch thread copies; it is held for copying only, never while the thread waits or calls a
-// handler. So a round sees whole sets: one that saw a set half rebuilt could wait for nothing, for
-// ever.
+// handler. So a round sees whole sets: one that saw a set
+// half rebuilt could wait for nothing, for ever.
 #include "utils/iot.h"
 
 #include <pthread.h>

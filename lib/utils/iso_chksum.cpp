@@ -1,5 +1,5 @@
-// The ISO 8473 checksum. Both directions take the running sums in the fastest way that the
-// processor has.
+// The ISO 8473 checksum. Both directions take the running
+// sums in the fastest way that the processor has.
 #include "utils/iso_chksum.h"
 
 #include <cstddef>

@@ -1,7 +1,7 @@
 // The log cache of the process: a ring of whole lines. One mutex guards the buffer and its
 // counters; stamps are made and failures printed outside of it. The buffer has one byte more than
-// its size, so that the two bytes which a copy takes behind the last line are always there, and are
-// zero.
+// its size, so that the two bytes which a copy takes behind
+// the last line are always there, and are zero.
 #include "utils/log_cache.h"
 
 #include <unistd.h>

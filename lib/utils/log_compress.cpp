@@ -70,8 +70,8 @@ struct log_decompressor {
     bool decode(char *out, int *column);
 };
 
-// Appends characters and copies up to the end of the line or of the stream; false when one cannot
-// be.
+// Appends characters and copies up to the end of the line
+// or of the stream; false when one cannot be.
 bool log_decompressor::decode(char *out, int *column) {
     const unsigned char *from = ibuf + position;
     const unsigned char *end = ibuf + length;

@@ -26,8 +26,8 @@ constexpr int kDefaultUnits = 256;
 
 std::atomic<bool> paging_off{false};
 
-// The unit of `width` bytes at `from`, in the machine's byte order; 0 for a width that is no
-// word's.
+// The unit of `width` bytes at `from`, in the machine's byte order;
+// 0 for a width that is no word's.
 uint32_t load_unit(const unsigned char *from, int width) {
     uint16_t half = 0;
     uint32_t word = 0;

@@ -31,8 +31,7 @@ bool local_address(const char *line, long inode, in_addr &address) {
     long found = -1;
     int conversions =
         sscanf(line,
-               "%d: %64[0-9A-Fa-f]:%X %64[0-9A-Fa-f]:%X %X %lX:%lX %X:%lX %lX %d %d %ld "
-               "%512s\n",
+               "%d: %64[0-9A-Fa-f]:%X %64[0-9A-Fa-f]:%X %X %lX:%lX %X:%lX %lX %d %d %ld %512s\n",
                &slot, local, &local_port, remote, &remote_port, &state, &tx_queue, &rx_queue,
                &timer, &expiry, &retransmits, &uid, &timeout, &found, rest);
     if (conversions < kEnoughConversions || found != inode)

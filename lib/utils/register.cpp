@@ -94,8 +94,8 @@ int slot_of(uint32_t key1, int32_t key2) {
     return slot;
 }
 
-// Puts a copy with room for four more entries into the slot. Null when there is no memory or no
-// room.
+// Puts a copy with room for four more entries into the slot.
+// Null when there is no memory or no room.
 cb_group *grow(int slot, cb_group *group) {
     if (group->capacity > std::numeric_limits<uint16_t>::max() - kGrowth)
         return nullptr;

@@ -44,8 +44,8 @@ size_t command_length(int argc, char **argv) {
     return length <= QEL_TNET_COMMAND_MAX ? length : 0;
 }
 
-// Fills the message of `length` bytes and its length word. False when a text changed its length
-// meanwhile.
+// Fills the message of `length` bytes and its length word.
+// False when a text changed its length meanwhile.
 bool frame_command(unsigned char *message, size_t length, int argc, char **argv) {
     store_be32(message, static_cast<uint32_t>(length));
     unsigned char *block = message + kWord;
@@ -168,8 +168,8 @@ bool receive_command(int socket, Command &command) {
     return true;
 }
 
-// Runs the command with a stream on a copy of the socket. Returns the text of an internal failure,
-// or null.
+// Runs the command with a stream on a copy of the socket.
+// Returns the text of an internal failure, or null.
 const char *run_command(int socket, Command &command, qelTnetCommand function) {
     int copy = fcntl(socket, F_DUPFD_CLOEXEC, 0);
     if (copy < 0)

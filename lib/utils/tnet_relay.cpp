@@ -97,8 +97,8 @@ bool write_ready(Queue &queue, int out) {
 
 enum class Relay { finished, write_failed, select_failed };
 
-// Moves data until the daemon has finished. The output is waited for only while there is something
-// to write.
+// Moves data until the daemon has finished.
+// The output is waited for only while there is something to write.
 Relay relay(Queue &queue, int socket, int out) {
     for (;;) {
         fd_set readable, writable;
@@ -130,8 +130,8 @@ void wait_for_room(int out) {
     }
 }
 
-// Writes the rest with the output's own flags; gives up after more than 100 attempts without
-// progress.
+// Writes the rest with the output's own flags;
+// gives up after more than 100 attempts without progress.
 void drain(Queue &queue, int out) {
     int attempts = 0;
     while (holds_data(queue) && attempts <= kDrainAttempts) {

@@ -22,8 +22,8 @@ constexpr const char *kConsoleLines[] = {"/dev/console", "/dev/ttyS0", "/dev/tty
 constexpr size_t kPathSize = 4351;
 constexpr size_t kSwitchSize = 4096;
 
-// A stream as fopen() makes it in mode "w", that neither creates the device nor becomes the
-// controlling terminal.
+// A stream as fopen() makes it in mode "w",
+// that neither creates the device nor becomes the controlling terminal.
 FILE *open_console() {
     Descriptor console(open(kConsole, O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY));
     FILE *stream = console ? fdopen(console.get(), "w") : nullptr;

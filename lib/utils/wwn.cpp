@@ -1,6 +1,6 @@
 // Values out of tagged text, and World Wide Names in their two spellings. Everything that is read
-// lies between the caller's cursor and the record's end tag, so the end of the text is never
-// passed.
+// lies between the caller's cursor and the record's end tag,
+// so the end of the text is never passed.
 #include "utils/wwn.h"
 
 #include <cstdint>
@@ -18,8 +18,8 @@ struct ValueSpan {
     char closing;
 };
 
-// Looks for the value behind the opener at `start`; false when it does not open before the record
-// ends.
+// Looks for the value behind the opener at `start`;
+// false when it does not open before the record ends.
 bool find_value(char *start, const char *startTag, char *end, ValueSpan *span) {
     bool element = startTag[strlen(startTag) - 1] == '>';
     span->limit = element ? end + 1 : end;

@@ -1,7 +1,7 @@
 // The pool of kept connections. `lock` guards it, and that no other thread's descriptor escapes the
 // child of a fork; a line in use belongs to its owner. A program may close descriptors that it does
-// not know, or put others in their place: a kept one is used and closed only while it is still the
-// same socket.
+// not know, or put others in their place: a kept one is used
+// and closed only while it is still the same socket.
 #include "ipc_kept.h"
 
 #include <fcntl.h>

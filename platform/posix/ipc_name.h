@@ -28,8 +28,8 @@ class NameLock {
     Descriptor file_;
 };
 
-// A listening socket at `path`, in the place of a dead daemon's, or a negated errno value. The name
-// is locked.
+// A listening socket at `path`, in the place of a dead daemon's,
+// or a negated errno value. The name is locked.
 int listen_at(const sockaddr_un &path);
 
 }  // namespace utils::ipc

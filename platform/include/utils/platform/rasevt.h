@@ -9,8 +9,8 @@
 
 UTILS_BEGIN_DECLS
 
-#define RASEVT_ASSERT_MESSAGE \
-    0x0141000Du                   /**< a failed check; further argument: its message (text) */
+/** a failed check; further argument: its message (text) */
+#define RASEVT_ASSERT_MESSAGE 0x0141000Du
 #define RASEVT_ASSERT 0x00410005u /**< a failed ASSERT was reported */
 #define RASEVT_VERIFY 0x00410004u /**< a failed VERIFY was reported */
 

@@ -9,8 +9,7 @@
 
 UTILS_BEGIN_DECLS
 
-#define TRACE_KIND_EVENT_LOG \
-    136 /**< kind of a section that holds an event log, see utils/evlog.h */
+#define TRACE_KIND_EVENT_LOG 136 /**< kind of a section that holds an event log (utils/evlog.h) */
 
 /**
  * Obtains a zero-filled section.

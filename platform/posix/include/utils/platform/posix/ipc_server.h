@@ -33,7 +33,7 @@ UTILS_BEGIN_DECLS
  *                      later, from any thread, as long as the requester waits
  * @param code          the request's message code
  * @param message       a word that belongs to the platform, then IPC_MESSAGE_SIZE bytes: the
- * request, filled up with zeros. Valid and writable until the handler returns. Null for a request
+ *                      request, filled up with zeros. Valid and writable until the handler returns. Null for a request
  * without any bytes.
  * @return ignored
  */
@@ -56,8 +56,8 @@ int ipc_register(int code, ipc_handler handler);
 /** Refuses requests of @p code from now on. @return 0, or -2 when it was not registered */
 int ipc_unregister(int code);
 
-/** Closes the socket; waits for the handler that runs, unless it is called from there.
- * Registrations stay. */
+/** Closes the socket; waits for the handler that runs,
+ * unless it is called from there. Registrations stay. */
 void ipc_close(void);
 
 UTILS_END_DECLS

@@ -2,8 +2,8 @@
  * @file trace_files.h
  * @brief The stand-in's trace sections: a file each, mapped shared.
  *
- * Other processes can read a section while its writer runs and after it has ended, however it
- * ended.
+ * Other processes can read a section while its writer
+ * runs and after it has ended, however it ended.
  *
  * A section is the file "PID.SECTION.PROGRAM.NAME" in TRACE_DIRECTORY: the writing process, the
  * section's number, the program's name with every '.', '/' and blank replaced by '_', and the
@@ -26,8 +26,8 @@
 
 #include <utils/platform/trace.h>
 
-#define TRACE_DIRECTORY \
-    "/dev/shm/trace"          /**< directory of the section files; world-writable and sticky */
+/** directory of the section files; world-writable and sticky */
+#define TRACE_DIRECTORY "/dev/shm/trace"
 #define TRACE_FILES_KEPT 16   /**< section files kept of a program's dead processes on a switch */
 #define TRACE_PROGRAM_SIZE 32 /**< room for a program's name and its terminator */
 #define TRACE_NAME_SIZE 64    /**< room for a section's name and its terminator */
