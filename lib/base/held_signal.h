@@ -8,6 +8,8 @@
 #include <csignal>
 #include <ctime>
 
+#include "base/retry.h"
+
 namespace utils {
 
 // Takes away what a write of its own raised; a signal that was pending before stays pending.
@@ -23,9 +25,8 @@ class HeldSignal {
     }
     ~HeldSignal() {
         timespec at_once{};
-        while (raised_ && !pending_before_ && sigtimedwait(&held_, nullptr, &at_once) < 0 &&
-               errno == EINTR) {
-        }
+        if (raised_ && !pending_before_)
+            retry([&] { return sigtimedwait(&held_, nullptr, &at_once); });
         pthread_sigmask(SIG_SETMASK, &before_, nullptr);
     }
     HeldSignal(const HeldSignal &) = delete;

@@ -18,6 +18,7 @@
 #include "base/deadline.h"
 #include "base/descriptor.h"
 #include "base/held_signal.h"
+#include "base/retry.h"
 #include "base/text.h"
 
 // The C library's name for this field is younger than the systems we run on.
@@ -88,9 +89,8 @@ inline int start_timer(int64_t ms, int again_ms, void (*action)()) {
     timer_action.store(action);
     struct sigaction how {};
     how.sa_handler = [](int) {
-        int error = errno;
+        KeptErrno error;
         timer_action.load()();
-        errno = error;
     };
     sigaction(SIGSYS, &how, nullptr);
     sigset_t set;

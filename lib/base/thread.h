@@ -34,6 +34,30 @@ class UTILS_TSA(capability("mutex")) Mutex {
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
+// Makes the mutex of a public record: of a POSIX type, and for one process or several, which hand it
+// on when its holder dies, where the system can do that. 0, or an error number.
+inline int init_mutex(pthread_mutex_t *mutex, int type = PTHREAD_MUTEX_DEFAULT,
+                      bool shared = false) {
+    if (type == PTHREAD_MUTEX_DEFAULT && !shared)
+        return pthread_mutex_init(mutex, nullptr);
+    pthread_mutexattr_t attributes;
+    if (int error = pthread_mutexattr_init(&attributes); error != 0)
+        return error;
+    int error = pthread_mutexattr_settype(&attributes, type);
+    if (shared) {
+        pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    }
+    if (error == 0)
+        error = pthread_mutex_init(mutex, &attributes);
+    if (error != 0 && shared) {
+        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_STALLED);
+        error = pthread_mutex_init(mutex, &attributes);
+    }
+    pthread_mutexattr_destroy(&attributes);
+    return error;
+}
+
 class UTILS_TSA(scoped_lockable) MutexLock {
   public:
     explicit MutexLock(Mutex &mutex) UTILS_ACQUIRE(mutex) : mutex_(mutex) {

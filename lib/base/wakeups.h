@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include "base/memory_order.h"
+
 namespace utils {
 
 // Waits once, `wait` being a wait of pthread's; returns what it does.
@@ -35,7 +37,7 @@ void unlock_and_wake(pthread_mutex_t &lock, pthread_cond_t &condition, Wakeups &
     --wakeups.waiting;
     ++wakeups.woken;
     std::atomic_ref<int32_t> signalling(wakeups.signalling);
-    signalling.fetch_add(1, std::memory_order_relaxed);
+    signalling.fetch_add(1, kRelaxed);
     pthread_mutex_unlock(&lock);
     pthread_cond_signal(&condition);
     signalling.fetch_sub(1, std::memory_order_release);

@@ -17,6 +17,7 @@
 
 #include "base/descriptor.h"
 #include "base/last_words.h"
+#include "base/retry.h"
 #include "utils/platform/rasevt.h"
 
 namespace utils {
@@ -144,9 +145,10 @@ void run_verify_tests() {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int do_assert(const char *expr, const char *file, unsigned info, ...) {
-    using namespace utils;
-    int saved_errno = errno;
+    KeptErrno error;
     void *frames[kFrames];
     int depth = backtrace(frames, kFrames);
     unsigned flags = suppression_flags();
@@ -176,9 +178,7 @@ int do_assert(const char *expr, const char *file, unsigned info, ...) {
         echo_on_console(failure, frames, depth);
     rasevt_log(kModule, "do_assert", __LINE__, 0, 0, fatal ? RASEVT_ASSERT : RASEVT_VERIFY);
 
-    int result = finish(fatal, crashes, flags);
-    errno = saved_errno;
-    return result;
+    return finish(fatal, crashes, flags);
 }
 
 // Each wrapper reports the line on which it stands here; its caller's line is not used.
@@ -220,7 +220,6 @@ UTILS_VERIFY_N(10, (HEAD, U a, U b, U c, U d, U e, U f, U g, U h, U i, U j), a, 
 // clang-format on
 
 int dbg_test_assert(int count) {
-    using namespace utils;
     printf("user dbg_test_assert entry: count = %d\n", count);
     if (count >= 0 && count < kFatalTestCount) {
         const SelfTest &test = kFatalTests[count];

@@ -141,6 +141,8 @@ int parse_place(char *text, Place *place) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int claFltr(claFltrEntry *table, int *argc, char **argv) {
     if (table == nullptr || table->handler == nullptr || argc == nullptr || argv == nullptr)
         return CLA_ERR_FORM;
@@ -150,7 +152,7 @@ int claFltr(claFltrEntry *table, int *argc, char **argv) {
     }
     for (int at = 1; at < *argc && argv[at] != nullptr;) {
         const char *next = at + 1 < *argc ? argv[at + 1] : nullptr;
-        int taken = argv[at][0] == '-' ? utils::taken_at(table, argv[at], next) : 0;
+        int taken = argv[at][0] == '-' ? taken_at(table, argv[at], next) : 0;
         if (taken == 0) {
             ++at;
             continue;
@@ -163,10 +165,10 @@ int claFltr(claFltrEntry *table, int *argc, char **argv) {
 }
 
 int clafGetInt(const char *text, void *out) {
-    if (text == nullptr || !utils::is_digit(*text))
+    if (text == nullptr || !is_digit(*text))
         return CLA_NOT_A_NUMBER;
-    utils::Number number = utils::parse_number(const_cast<char *>(text));
-    if (!utils::ends_number(*number.end))
+    Number number = parse_number(const_cast<char *>(text));
+    if (!ends_number(*number.end))
         return CLA_NOT_A_NUMBER;
     if (out != nullptr)
         *static_cast<int32_t *>(out) = number.value;
@@ -197,7 +199,7 @@ int clafSlotSlashPort(int argc, char **argv, int *slot) {
         return CLA_ERR_FORM;
     int32_t found = 0;
     for (int at = 0; at < argc; ++at) {
-        char *port = argv[at] != nullptr ? utils::split_slot_port(argv[at], &found) : nullptr;
+        char *port = argv[at] != nullptr ? split_slot_port(argv[at], &found) : nullptr;
         if (port == nullptr)
             continue;
         argv[at] = port;
@@ -216,8 +218,8 @@ int clafSlotSlashPicSlashPort(int argc, char **argv, int *slot, int *pic) {
     for (int at = 0; at < examined; ++at) {
         if (argv[at] == nullptr || strchr(argv[at], '/') == nullptr)
             continue;
-        utils::Place place{};
-        if (int result = utils::parse_place(argv[at], &place); result != 0)
+        Place place{};
+        if (int result = parse_place(argv[at], &place); result != 0)
             return result;
         argv[at] = place.port;
         if (place.has_slot && slot != nullptr)

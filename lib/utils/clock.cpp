@@ -16,6 +16,7 @@
 
 #include "base/descriptor.h"
 #include "base/local_time.h"
+#include "base/memory_order.h"
 #include "time_base.h"
 #include "utils/identity.h"
 #include "utils/platform/release.h"
@@ -45,7 +46,6 @@ constexpr const char *kStoreNode6 = "/usr/bin/rsh " UTILS_NODE6_ADDRESS " /sbin/
 std::atomic<bool> resync{true};
 std::atomic<uint32_t> anchor{0};
 std::atomic<uint32_t> offset{0};
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 uint32_t time_base_jiffies() {
     return static_cast<uint32_t>(time_base() / tick_divisor(tb_ticks_per_jiffy));
@@ -85,6 +85,8 @@ int write_ms_time(time_t seconds, int64_t microseconds, char *text) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int sysProbe(uintptr_t x) {
     return x != 0 ? 1 : 0;
 }
@@ -96,7 +98,7 @@ char *dateCurrent(void) {
 
 char *dateBooted(void) {
     auto now = static_cast<double>(time(nullptr));
-    FILE *file = fopen(utils::kUptimeFile, "re");
+    FILE *file = fopen(kUptimeFile, "re");
     if (file == nullptr)
         return nullptr;
     double up = 0;
@@ -110,17 +112,17 @@ char *dateBooted(void) {
 }
 
 char *dateBootProm(void) {
-    static char answer[utils::kAnswerSize];
-    return utils::first_line_of(utils::kPromQuery, answer);
+    static char answer[kAnswerSize];
+    return first_line_of(kPromQuery, answer);
 }
 
 char *dateFirmwareLoaded(void) {
-    static char answer[utils::kAnswerSize];
-    return utils::first_line_of(utils::kFirmwareQuery, answer);
+    static char answer[kAnswerSize];
+    return first_line_of(kFirmwareQuery, answer);
 }
 
 char *getFirmwareVersion(void) {
-    static char version[utils::kAnswerSize];
+    static char version[kAnswerSize];
     memset(version, 0, sizeof version);
     version[0] = 'v';
     release_info release{};
@@ -138,10 +140,10 @@ char *getFirmwareVersion(void) {
 
 int syncDateAndTime(void) {
     bool peer_is_5 = peerNode() == IDENTITY_NODE_A;
-    int status = system(peer_is_5 ? utils::kSetNode5 : utils::kSetNode6);
+    int status = system(peer_is_5 ? kSetNode5 : kSetNode6);
     if (status == -1 || status == 1)
         return -1;
-    return system(peer_is_5 ? utils::kStoreNode5 : utils::kStoreNode6);
+    return system(peer_is_5 ? kStoreNode5 : kStoreNode6);
 }
 
 uint32_t msSysClk(void) {
@@ -164,19 +166,19 @@ int rtClock(void) {
 // where they are read as unsigned.
 #ifdef UTILS_TIME_NARROWED
 int utils_get_time32(uint32_t seconds, char *text) {
-    return utils::write_time(seconds, text);
+    return write_time(seconds, text);
 }
 
 int utils_get_ms_time32(const utils_timeval32 *time, char *text) {
-    return time != nullptr ? utils::write_ms_time(time->tv_sec, time->tv_usec, text) : 0;
+    return time != nullptr ? write_ms_time(time->tv_sec, time->tv_usec, text) : 0;
 }
 #else
 int get_time(time_t seconds, char *text) {
-    return utils::write_time(seconds, text);
+    return write_time(seconds, text);
 }
 
 int get_ms_time(const struct timeval *time, char *text) {
-    return time != nullptr ? utils::write_ms_time(time->tv_sec, time->tv_usec, text) : 0;
+    return time != nullptr ? write_ms_time(time->tv_sec, time->tv_usec, text) : 0;
 }
 #endif
 
@@ -187,13 +189,13 @@ void perf_init(perf_record *record) {
 
 void perf_start(perf_record *record) {
     if (record != nullptr)
-        record->start = utils::now_ms();
+        record->start = now_ms();
 }
 
 uint32_t perf_stop(perf_record *record) {
     if (record == nullptr)
         return 0;
-    uint32_t interval = utils::now_ms() - record->start;
+    uint32_t interval = now_ms() - record->start;
     record->total += interval;
     ++record->count;
     if (record->min == 0 || record->min > interval)
@@ -204,7 +206,6 @@ uint32_t perf_stop(perf_record *record) {
 }
 
 int32_t qel_times(void) {
-    using namespace utils;
     if (resync.load(std::memory_order_acquire)) {
         clock_t ticks = times(nullptr);
         if (ticks == static_cast<clock_t>(-1))

@@ -22,6 +22,7 @@
 
 #include "base/format.h"
 #include "base/local_time.h"
+#include "base/memory_order.h"
 #include "base/text.h"
 #include "base/thread.h"
 #include "utils/platform/trace.h"
@@ -43,7 +44,6 @@ namespace {
 
 constexpr const char *kSystemDevice = "/dev/moxsys";
 constexpr unsigned long kReadPlatformCode = 0x4004DF06;
-constexpr auto kRelaxed = std::memory_order_relaxed;
 constexpr size_t kTimeSize = 26;
 
 std::atomic<int32_t> platform_code{0};
@@ -78,21 +78,9 @@ void copy_field(char (&to)[size], const char *text) {
 // The mutex of a log in shared memory works between processes, for children that go on logging, and
 // a child that is killed while it holds the mutex hands it on.
 // A system without such mutexes has plain ones.
-void init_lock(pthread_mutex_t *lock, bool shared) {
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    if (shared) {
-        pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-    }
-    int error = pthread_mutex_init(lock, &attributes);
-    if (error != 0 && shared) {
-        pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_STALLED);
-        error = pthread_mutex_init(lock, &attributes);
-    }
-    if (error != 0)
-        pthread_mutex_init(lock, nullptr);
-    pthread_mutexattr_destroy(&attributes);
+void init_log_mutex(pthread_mutex_t *mutex, bool shared) {
+    if (init_mutex(mutex, PTHREAD_MUTEX_DEFAULT, shared) != 0)
+        pthread_mutex_init(mutex, nullptr);
 }
 
 // Holds a log's mutex. What a dead holder has left of the ring
@@ -209,22 +197,21 @@ void run_self_test(qel_evlog_db &db) {
 }  // namespace
 }  // namespace utils
 
-using utils::LogLock;
-using utils::RecordLock;
+using namespace utils;
 
 int qel_evlog_init(qel_evlog_db *db) {
     if (db == nullptr)
         return UTILS_EINVAL;
-    pthread_mutex_init(&db->lock, nullptr);
+    init_mutex(&db->lock);
     db->head = nullptr;
     db->tail = nullptr;
     db->next_section = 1;
-    utils::current_db.store(db, std::memory_order_release);
-    int device = open(utils::kSystemDevice, O_RDONLY | O_CLOEXEC);
+    current_db.store(db, std::memory_order_release);
+    int device = open(kSystemDevice, O_RDONLY | O_CLOEXEC);
     int32_t code = 0;
-    if (device < 0 || ioctl(device, utils::kReadPlatformCode, &code) < 0)
+    if (device < 0 || ioctl(device, kReadPlatformCode, &code) < 0)
         return UTILS_ERROR;
-    utils::platform_code.store(code, utils::kRelaxed);
+    platform_code.store(code, kRelaxed);
     return 0;
 }
 
@@ -244,15 +231,15 @@ qel_evlog_handle *qel_evlog_newHandle(qel_evlog_db *db, int entries, const char 
         printf("Exceed supported trace section section=%d\n", db->next_section);
         return nullptr;
     }
-    qel_evlog_handle *log = utils::new_block(entries, name, db->next_section);
+    qel_evlog_handle *log = new_block(entries, name, db->next_section);
     if (log == nullptr)
         return nullptr;
-    utils::init_lock(&log->lock, log->trace_handle != QEL_EVLOG_HEAP);
+    init_log_mutex(&log->lock, log->trace_handle != QEL_EVLOG_HEAP);
     log->total = entries;
-    utils::set_position(*log, 0, 0);
+    set_position(*log, 0, 0);
     log->entries = reinterpret_cast<qel_evlog_entry *>(log + 1);
-    utils::copy_field(log->name, name);
-    utils::copy_field(log->shortcut, shortcut);
+    copy_field(log->name, name);
+    copy_field(log->shortcut, shortcut);
     log->next = nullptr;
     log->echo = 0;
     log->magic = QEL_EVLOG_MAGIC;
@@ -266,10 +253,10 @@ char *qel_evlog(qel_evlog_handle *handle, const char *format, ...) {
     if (handle == nullptr || format == nullptr)
         return nullptr;
     LogLock lock(*handle);
-    qel_evlog_entry &entry = handle->entries[utils::current_of(*handle)];
+    qel_evlog_entry &entry = handle->entries[current_of(*handle)];
     va_list values;
     va_start(values, format);
-    utils::store_event(*handle, entry, format, values);
+    store_event(*handle, entry, format, values);
     va_end(values);
     if (handle->echo != 0)
         printf("%.*s:%s\n", QEL_EVLOG_NAME_SIZE, handle->name, entry.text);
@@ -286,15 +273,15 @@ int qel_evlog_dump(FILE *stream, qel_evlog_handle *handle, int level) {
     fprintf(stream, "evt log            :%.*s\n", QEL_EVLOG_NAME_SIZE, handle->name);
     fprintf(stream, "shortcut           :%.*s\n", QEL_EVLOG_SHORTCUT_SIZE, handle->shortcut);
     fprintf(stream, "total entries      :%d\n", handle->total);
-    fprintf(stream, "current            :%d\n", utils::current_of(*handle));
-    fprintf(stream, "wrapped            :%d\n", utils::wrapped_of(*handle));
+    fprintf(stream, "current            :%d\n", current_of(*handle));
+    fprintf(stream, "wrapped            :%d\n", wrapped_of(*handle));
     fprintf(stream, "trace hndl         :%d\n", handle->trace_handle);
     {
         LogLock lock(*handle);
-        int32_t current = utils::current_of(*handle);
-        if (utils::wrapped_of(*handle) != 0)
-            utils::dump_entries(stream, *handle, current, handle->total, level);
-        utils::dump_entries(stream, *handle, 0, current, level);
+        int32_t current = current_of(*handle);
+        if (wrapped_of(*handle) != 0)
+            dump_entries(stream, *handle, current, handle->total, level);
+        dump_entries(stream, *handle, 0, current, level);
     }
     fprintf(stream, "------------------------------------------------------\n");
     fflush(stream);
@@ -307,8 +294,8 @@ void qel_evlog_entry_dump(FILE *stream, char *line, qel_evlog_entry *entry, int 
     constexpr size_t kCutText = 65;
     tm local;
     // Kept in 32 bits; unsigned they reach to 2106.
-    utils::local_time(static_cast<uint32_t>(entry->seconds), local);
-    size_t length = strftime(line, utils::kTimeSize, "%H:%M:%S", &local);
+    local_time(static_cast<uint32_t>(entry->seconds), local);
+    size_t length = strftime(line, kTimeSize, "%H:%M:%S", &local);
     length += static_cast<size_t>(snprintf(line + length, QEL_EVLOG_LINE_SIZE - length, ".%03ld ",
                                            static_cast<long>(entry->microseconds / 1000)));
     size_t text = strnlen(entry->text, sizeof entry->text);
@@ -320,7 +307,7 @@ void qel_evlog_entry_dump(FILE *stream, char *line, qel_evlog_entry *entry, int 
         line[QEL_EVLOG_LINE_SIZE - 1] = '\0';
         return;
     }
-    utils::copy_text(line + length, QEL_EVLOG_LINE_SIZE - length, entry->text);
+    copy_text(line + length, QEL_EVLOG_LINE_SIZE - length, entry->text);
     line[strlen(line) - 1] = '\n';
 }
 
@@ -379,7 +366,7 @@ void qel_evlog_clear(qel_evlog_handle *handle) {
         return;
     LogLock lock(*handle);
     memset(handle->entries, 0, static_cast<size_t>(handle->total) * sizeof(qel_evlog_entry));
-    utils::set_position(*handle, 0, 0);
+    set_position(*handle, 0, 0);
 }
 
 int qel_evlog_free(qel_evlog_db *db) {
@@ -416,16 +403,16 @@ void qel_evlog_handle_toggleShow(qel_evlog_handle *handle) {
 void qel_evlog_private_toggleShow(int argc, char **argv) {
     if (argc > 2 && argv != nullptr)
         qel_evlog_handle_toggleShow(
-            qel_evlog_findByShortCut(utils::current_db.load(std::memory_order_acquire), argv[2]));
+            qel_evlog_findByShortCut(current_db.load(std::memory_order_acquire), argv[2]));
 }
 
 void qel_evlog_test(void) {
     // The test's database lives here, so the program's own becomes the current one again.
-    qel_evlog_db *before = utils::current_db.load(std::memory_order_acquire);
+    qel_evlog_db *before = current_db.load(std::memory_order_acquire);
     qel_evlog_db db;
     if (qel_evlog_init(&db) == 0)
-        utils::run_self_test(db);
+        run_self_test(db);
     else
         printf("error in eventlog init()\n");
-    utils::current_db.store(before, std::memory_order_release);
+    current_db.store(before, std::memory_order_release);
 }

@@ -89,15 +89,17 @@ int step(Scan &scan) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int qelGetOpt(int argc, char **argv, const char *optstring, qelGetOptCallback callback,
               void *cbArg) {
     if (callback == nullptr)
         return UTILS_ERROR;
     char nothing = '\0';
-    utils::Scan scan{argv != nullptr ? argc : 0, argv, optstring != nullptr ? optstring : "",
-                     qelGetOptState{1, 1, 0, nullptr, &nothing}};
+    Scan scan{argv != nullptr ? argc : 0, argv, optstring != nullptr ? optstring : "",
+              qelGetOptState{1, 1, 0, nullptr, &nothing}};
     for (;;) {
-        scan.state.opt = utils::step(scan);
+        scan.state.opt = step(scan);
         int result = callback(cbArg, &scan.state);
         if (scan.state.opt == QELGETOPT_END)
             return result;

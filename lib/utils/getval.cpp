@@ -377,21 +377,23 @@ int accept(const getvalDesc &desc, Line &line) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int getval(const char *label, getvalDesc *desc) {
     if (label == nullptr || desc == nullptr || desc->value == nullptr || desc->min > desc->max)
         return -1;
     if (feof(stdin) != 0)
         return 0;
-    utils::set_erase_character();
-    if (!utils::is_known(desc->type))
+    set_erase_character();
+    if (!is_known(desc->type))
         return 0;
-    utils::Line line;
-    int result = utils::kAgain;
-    while (result == utils::kAgain) {
-        utils::prompt(label, *desc);
-        if (!utils::read_line(line) || line.text[0] == '\n')
+    Line line;
+    int result = kAgain;
+    while (result == kAgain) {
+        prompt(label, *desc);
+        if (!read_line(line) || line.text[0] == '\n')
             return 0;
-        result = utils::accept(*desc, line);
+        result = accept(*desc, line);
     }
     return result;
 }

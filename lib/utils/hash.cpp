@@ -261,10 +261,12 @@ void release_bucket(LIST *bucket) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 hash_table *create_hash_table(hashFunction hash, hashCompare compare) {
     if (hash == nullptr || compare == nullptr)
         return nullptr;
-    auto *whole = utils::allocate_zeroed<utils::Table>(HASH_BUCKETS * sizeof(LIST));
+    auto *whole = allocate_zeroed<Table>(HASH_BUCKETS * sizeof(LIST));
     if (whole == nullptr)
         return nullptr;
     hash_table *table = &whole->open;
@@ -274,31 +276,31 @@ hash_table *create_hash_table(hashFunction hash, hashCompare compare) {
         lstInit(&table->buckets[i]);
     table->hashFn = hash;
     table->cmpFn = compare;
-    utils::start_index(whole);
+    start_index(whole);
     return table;
 }
 
 int add_to_hash(uintptr_t key, uintptr_t value, hash_table *table) {
     if (table == nullptr)
         return UTILS_ERROR;
-    const utils::HashIndex *index = utils::index_of(table);
-    const utils::HashEntry *entry = nullptr;
+    const HashIndex *index = index_of(table);
+    const HashEntry *entry = nullptr;
     uint64_t word = 0;
     if (index != nullptr && (entry = index->find(key, &word)) != nullptr)
-        return utils::append_value(entry->header, value) ? UTILS_OK : UTILS_ERROR;
-    LIST *bucket = utils::bucket_of(key, table);
-    hash_header *header = index == nullptr ? utils::walk(key, bucket, table) : nullptr;
+        return append_value(entry->header, value) ? UTILS_OK : UTILS_ERROR;
+    LIST *bucket = bucket_of(key, table);
+    hash_header *header = index == nullptr ? walk(key, bucket, table) : nullptr;
     if (header != nullptr)
-        return utils::append_value(header, value) ? UTILS_OK : UTILS_ERROR;
-    if (bucket == nullptr || (header = utils::new_header(key, word)) == nullptr)
+        return append_value(header, value) ? UTILS_OK : UTILS_ERROR;
+    if (bucket == nullptr || (header = new_header(key, word)) == nullptr)
         return UTILS_ERROR;
-    utils::append_value(header, value);
-    utils::link_header(table, bucket, header);
+    append_value(header, value);
+    link_header(table, bucket, header);
     return UTILS_OK;
 }
 
 int get_from_hash(uintptr_t key, uintptr_t **out, hash_table *table) {
-    hash_header *header = utils::place_of(key, table).header;
+    hash_header *header = place_of(key, table).header;
     if (header == nullptr || header->count == 0 || out == nullptr)
         return 0;
     auto *values =
@@ -307,7 +309,7 @@ int get_from_hash(uintptr_t key, uintptr_t **out, hash_table *table) {
         return UTILS_ERROR;
     *out = values;
     for (NODE *n = header->elements.head; n != nullptr; n = n->next) {
-        hash_block *block = utils::as_block(n);
+        hash_block *block = as_block(n);
         memcpy(values, block->values, static_cast<size_t>(block->used) * sizeof(uintptr_t));
         values += block->used;
     }
@@ -317,15 +319,15 @@ int get_from_hash(uintptr_t key, uintptr_t **out, hash_table *table) {
 hash_header *get_header(uintptr_t key, LIST *bucket, hash_table *table) {
     if (bucket == nullptr || table == nullptr)
         return nullptr;
-    if (const utils::HashIndex *index = utils::index_of(table)) {
-        const utils::HashEntry *entry = utils::entry_of(key, index);
-        if (entry != nullptr && bucket == &table->buckets[utils::bucket_in(*index, *entry, key)])
+    if (const HashIndex *index = index_of(table)) {
+        const HashEntry *entry = entry_of(key, index);
+        if (entry != nullptr && bucket == &table->buckets[bucket_in(*index, *entry, key)])
             return entry->header;
         bool own = bucket >= table->buckets && bucket < table->buckets + HASH_BUCKETS;
         if (entry == nullptr && own)
             return nullptr;
     }
-    return utils::walk(key, bucket, table);
+    return walk(key, bucket, table);
 }
 
 int get_all_headers(uintptr_t **out, hash_table *table) {
@@ -343,31 +345,31 @@ int get_all_headers(uintptr_t **out, hash_table *table) {
     *out = keys;
     for (int i = 0; i < HASH_BUCKETS; ++i) {
         for (NODE *n = table->buckets[i].head; n != nullptr; n = n->next)
-            *keys++ = utils::as_header(n)->key;
+            *keys++ = as_header(n)->key;
     }
     return count;
 }
 
 int delete_from_hash(uintptr_t key, hash_table *table) {
-    utils::Place place = utils::place_of(key, table);
+    Place place = place_of(key, table);
     if (place.header == nullptr)
         return UTILS_ERROR;
-    utils::remove_header(place, table);
+    remove_header(place, table);
     return UTILS_OK;
 }
 
 int delete_hash_ele_from_hash(uintptr_t key, uintptr_t value, hash_table *table) {
-    utils::Place place = utils::place_of(key, table);
+    Place place = place_of(key, table);
     if (place.header == nullptr)
         return UTILS_ERROR;
-    uintptr_t *slot = utils::find_value(place.header, value);
+    uintptr_t *slot = find_value(place.header, value);
     if (slot == nullptr)
         return UTILS_OK;
-    const hash_block *last = utils::as_block(place.header->elements.tail);
+    const hash_block *last = as_block(place.header->elements.tail);
     *slot = last->values[last->used - 1];
-    utils::drop_last_value(place.header);
+    drop_last_value(place.header);
     if (place.header->count == 0)
-        utils::remove_header(place, table);
+        remove_header(place, table);
     return UTILS_OK;
 }
 
@@ -383,21 +385,21 @@ int is_hashlist_empty(hash_table *table) {
 
 void free_hash_eles(hash_table *table) {
     for (int i = 0; table != nullptr && i < HASH_BUCKETS; ++i) {
-        utils::release_bucket(&table->buckets[i]);
+        release_bucket(&table->buckets[i]);
         lstInit(&table->buckets[i]);
     }
     if (table != nullptr)
-        utils::start_index(utils::as_whole(table));
+        start_index(as_whole(table));
 }
 
 void free_hash_handle(hash_table *table) {
     if (table == nullptr)
         return;
     for (int i = 0; i < HASH_BUCKETS; ++i)
-        utils::release_bucket(&table->buckets[i]);
-    utils::Table *whole = utils::as_whole(table);
+        release_bucket(&table->buckets[i]);
+    Table *whole = as_whole(table);
     if (whole != nullptr)
-        whole->index.reset(utils::KeyKind::kUnknown);
+        whole->index.reset(KeyKind::kUnknown);
     else
         free(table->buckets);
     free(table);
@@ -410,16 +412,16 @@ int copy_hash_table(hash_table *src, hash_table **dst) {
     hash_table *copy = create_hash_table(src->hashFn, src->cmpFn);
     if (copy == nullptr)
         return UTILS_ERROR;
-    if (utils::index_of(src) == nullptr)
-        utils::as_whole(copy)->index.reset(utils::KeyKind::kUnknown);
+    if (index_of(src) == nullptr)
+        as_whole(copy)->index.reset(KeyKind::kUnknown);
     for (int i = 0; i < HASH_BUCKETS; ++i) {
         for (NODE *n = src->buckets[i].head; n != nullptr; n = n->next) {
-            hash_header *header = utils::copy_header(utils::as_header(n));
+            hash_header *header = copy_header(as_header(n));
             if (header == nullptr) {
                 free_hash_handle(copy);
                 return UTILS_ERROR;
             }
-            utils::link_header(copy, &copy->buckets[i], header);
+            link_header(copy, &copy->buckets[i], header);
         }
     }
     *dst = copy;
@@ -436,8 +438,8 @@ int print_hash_table(hash_table *table) {
         int blocks = 0;
         int values = 0;
         for (NODE *n = table->buckets[i].head; n != nullptr; n = n->next) {
-            blocks += utils::as_header(n)->elements.count;
-            values += utils::as_header(n)->count;
+            blocks += as_header(n)->elements.count;
+            values += as_header(n)->count;
         }
         if (values > 1)
             printf("  buck %d, lst cnt %d, ele cnt %d\n", i, blocks, values);
@@ -446,11 +448,11 @@ int print_hash_table(hash_table *table) {
 }
 
 uint32_t ElfHash(const unsigned char *bytes, int len) {
-    return utils::elf_hash(bytes, len);
+    return elf_hash(bytes, len);
 }
 
 unsigned pid_hash(uintptr_t pid) {
-    return utils::pid_bucket(pid);
+    return pid_bucket(pid);
 }
 
 int pid_cmp(uintptr_t stored, uintptr_t lookedUp) {
@@ -460,9 +462,9 @@ int pid_cmp(uintptr_t stored, uintptr_t lookedUp) {
 unsigned name_hash(uintptr_t name) {
     auto *text = reinterpret_cast<const char *>(name);
     if (text == nullptr)
-        return utils::kNoBucket;
+        return kNoBucket;
     int length = static_cast<int>(strnlen(text, INT_MAX));
-    return utils::elf_hash(reinterpret_cast<const unsigned char *>(text), length) % HASH_BUCKETS;
+    return elf_hash(reinterpret_cast<const unsigned char *>(text), length) % HASH_BUCKETS;
 }
 
 int name_cmp(uintptr_t stored, uintptr_t lookedUp) {
@@ -473,12 +475,12 @@ int name_cmp(uintptr_t stored, uintptr_t lookedUp) {
 
 unsigned wwn_hash(uintptr_t wwn) {
     if (wwn == 0)
-        return utils::kNoBucket;
-    return utils::wwn_bucket(wwn);
+        return kNoBucket;
+    return wwn_bucket(wwn);
 }
 
 int wwn_cmp(uintptr_t stored, uintptr_t lookedUp) {
     return stored != 0 && lookedUp != 0 &&
            memcmp(reinterpret_cast<const void *>(stored), reinterpret_cast<const void *>(lookedUp),
-                  utils::kWwnLength) == 0;
+                  kWwnLength) == 0;
 }

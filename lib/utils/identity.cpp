@@ -14,6 +14,8 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/memory_order.h"
+#include "base/retry.h"
 #include "base/write_all.h"
 #include "utils/cla.h"
 
@@ -25,7 +27,6 @@ constexpr const char *kUptimeFile = "/proc/uptime";
 constexpr const char *kDateFiles[] = {"/etc/korin/datefile0", "/etc/korin/datefile1"};
 constexpr int32_t kNodeUnread = 245;
 constexpr int32_t kUnread = -1;
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 std::atomic<int32_t> node{kNodeUnread};
 std::atomic<int32_t> switch_number{kUnread};
@@ -74,9 +75,7 @@ __attribute__((format(printf, 1, 2))) int format_variable(const char *format, ..
 bool copy_file(int from, int to) {
     char chunk[256];
     for (;;) {
-        ssize_t got = read(from, chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR)
-            continue;
+        ssize_t got = retry([&] { return read(from, chunk, sizeof chunk); });
         if (got <= 0)
             return got == 0;
         if (!write_all(to, chunk, static_cast<size_t>(got)))
@@ -87,11 +86,13 @@ bool copy_file(int from, int to) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 uint16_t myNode(void) {
-    int32_t known = utils::node.load(utils::kRelaxed);
-    if (known == utils::kNodeUnread) {
-        known = utils::node_from_file();
-        utils::node.store(known, utils::kRelaxed);
+    int32_t known = node.load(kRelaxed);
+    if (known == kNodeUnread) {
+        known = node_from_file();
+        node.store(known, kRelaxed);
     }
     return static_cast<uint16_t>(known);
 }
@@ -101,37 +102,37 @@ uint16_t peerNode(void) {
 }
 
 int getMySwitch(void) {
-    return utils::cached(utils::switch_number, IDENTITY_ENV_SWITCH, IDENTITY_SWITCH_MAX);
+    return cached(switch_number, IDENTITY_ENV_SWITCH, IDENTITY_SWITCH_MAX);
 }
 
 int setMySwitch(int n) {
     constexpr const char *kFormat = "%s=%d";
-    if (utils::within(n, IDENTITY_SWITCH_MAX) != n)
+    if (within(n, IDENTITY_SWITCH_MAX) != n)
         return IDENTITY_ERR_RANGE;
-    int length = utils::format_variable(kFormat, IDENTITY_ENV_SWITCH, n);
+    int length = format_variable(kFormat, IDENTITY_ENV_SWITCH, n);
     if (length < 1) {
         printf("setMySwitch: snprintf(%s, %s, %d) returned %d\n", kFormat, IDENTITY_ENV_SWITCH, n,
                length);
         return length;
     }
-    putenv(utils::switch_variable);
-    utils::switch_number.store(n, utils::kRelaxed);
+    putenv(switch_variable);
+    switch_number.store(n, kRelaxed);
     return 0;
 }
 
 int exportMySwitch(int n) {
-    if (utils::within(n, IDENTITY_SWITCH_MAX) != n)
+    if (within(n, IDENTITY_SWITCH_MAX) != n)
         return IDENTITY_ERR_RANGE;
     printf("export %s=%d", IDENTITY_ENV_SWITCH, n);
     return 0;
 }
 
 int getMySlot(void) {
-    return utils::cached(utils::slot, IDENTITY_ENV_SLOT, IDENTITY_SLOT_MAX);
+    return cached(slot, IDENTITY_ENV_SLOT, IDENTITY_SLOT_MAX);
 }
 
 int getMyPic(void) {
-    return utils::cached(utils::pic, IDENTITY_ENV_PIC, IDENTITY_PIC_MAX);
+    return cached(pic, IDENTITY_ENV_PIC, IDENTITY_PIC_MAX);
 }
 
 int clafMySwitch(const char *text, void *out) {
@@ -156,14 +157,14 @@ int clafMyPic(const char *text, void *out) {
 int setSwitchStarttime(int which) {
     if (which != 0 && which != 1)
         return -1;
-    utils::Descriptor source(open(utils::kUptimeFile, O_RDONLY | O_CLOEXEC));
+    Descriptor source(open(kUptimeFile, O_RDONLY | O_CLOEXEC));
     if (!source)
         return -1;
     // A link is followed: only root can have made it in this directory.
-    utils::Descriptor target(open(utils::kDateFiles[which], O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    Descriptor target(open(kDateFiles[which], O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!target)
         return -1;
-    return utils::copy_file(source.get(), target.get()) ? 0 : -1;
+    return copy_file(source.get(), target.get()) ? 0 : -1;
 }
 
 int setStartall(void) {

@@ -1,4 +1,4 @@
-// The I/O watch thread. `lock` guards the sets and the table, which daemon threads change and the
+// The I/O watch thread. `watch_mutex` guards the sets and the table, which daemon threads change and the
 // watch thread copies; it is held for copying only, never while the thread waits or calls a
 // handler. So a round sees whole sets: one that saw a set
 // half rebuilt could wait for nothing, for ever.
@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kFree = -1;
 
-struct iot_entry {
+struct Entry {
     int32_t descriptor = kFree;
     iot_handler handler = nullptr;
     uint32_t watch = 0;
@@ -32,26 +32,26 @@ struct WatchState {
     fd_set registered{};
     pthread_t thread{};
     int32_t highest = 0;
-    iot_entry table[IOT_ENTRIES_MAX];
+    Entry table[IOT_ENTRIES_MAX];
 };
 
-Mutex lock;
-WatchState state UTILS_GUARDED_BY(lock);
-iot_notification notification UTILS_GUARDED_BY(lock) = nullptr;
+Mutex watch_mutex;
+WatchState state UTILS_GUARDED_BY(watch_mutex);
+iot_notification notification UTILS_GUARDED_BY(watch_mutex) = nullptr;
 
 bool in_range(int descriptor) {
     return descriptor >= 0 && descriptor < IOT_DESCRIPTOR_LIMIT;
 }
 
-void raise_highest(int descriptor) UTILS_REQUIRES(lock) {
+void raise_highest(int descriptor) UTILS_REQUIRES(watch_mutex) {
     if (descriptor > state.highest)
         state.highest = descriptor;
 }
 
-void rebuild() UTILS_REQUIRES(lock) {
+void rebuild() UTILS_REQUIRES(watch_mutex) {
     FD_ZERO(&state.watched);
     state.highest = 0;
-    for (const iot_entry &entry : state.table) {
+    for (const Entry &entry : state.table) {
         if (entry.watch == 0 || entry.descriptor == kFree)
             continue;
         FD_SET(entry.descriptor, &state.watched);
@@ -63,7 +63,7 @@ void rebuild() UTILS_REQUIRES(lock) {
 // words beyond its range as they were, where a watched descriptor would pass for a readable one.
 int copy_watched(fd_set &set) {
     FD_ZERO(&set);
-    MutexLock hold(lock);
+    MutexLock lock(watch_mutex);
     for (int descriptor = 0; descriptor <= state.highest; ++descriptor) {
         if (FD_ISSET(descriptor, &state.watched))
             FD_SET(descriptor, &set);
@@ -71,8 +71,8 @@ int copy_watched(fd_set &set) {
     return state.highest;
 }
 
-iot_entry entry_at(int index) {
-    MutexLock hold(lock);
+Entry entry_at(int index) {
+    MutexLock lock(watch_mutex);
     return state.table[index];
 }
 
@@ -86,7 +86,7 @@ void *watch(void *) {
             return nullptr;
         }
         for (int i = 0; i < IOT_ENTRIES_MAX; ++i) {
-            iot_entry entry = entry_at(i);
+            Entry entry = entry_at(i);
             if (entry.descriptor >= 0 && FD_ISSET(entry.descriptor, &ready) &&
                 entry.handler != nullptr)
                 entry.handler(entry.descriptor);
@@ -100,14 +100,14 @@ void *watch(void *) {
 using namespace utils;
 
 int iot_init(iot_notification function) {
-    MutexLock hold(lock);
+    MutexLock lock(watch_mutex);
     state = WatchState{};
     notification = function;
     return 0;
 }
 
 int iot_start(void) {
-    MutexLock hold(lock);
+    MutexLock lock(watch_mutex);
     if (pthread_create(&state.thread, nullptr, watch, nullptr) != 0)
         return -1;
     pthread_detach(state.thread);
@@ -117,8 +117,8 @@ int iot_start(void) {
 int iot_add(int descriptor, iot_handler handler, unsigned watch) {
     if (!in_range(descriptor))
         return -1;
-    MutexLock hold(lock);
-    for (iot_entry &entry : state.table) {
+    MutexLock lock(watch_mutex);
+    for (Entry &entry : state.table) {
         if (entry.descriptor != kFree)
             continue;
         FD_SET(descriptor, &state.registered);
@@ -134,8 +134,8 @@ int iot_add(int descriptor, iot_handler handler, unsigned watch) {
 void iot_del(int descriptor) {
     if (!in_range(descriptor))
         return;
-    MutexLock hold(lock);
-    for (iot_entry &entry : state.table) {
+    MutexLock lock(watch_mutex);
+    for (Entry &entry : state.table) {
         if (entry.descriptor != descriptor)
             continue;
         FD_CLR(descriptor, &state.registered);
@@ -149,7 +149,7 @@ void iot_notify(int kind, ...) {
     if (kind == IOT_NOTIFY_FORWARD) {
         iot_notification function;
         {
-            MutexLock hold(lock);
+            MutexLock lock(watch_mutex);
             function = notification;
         }
         if (function == nullptr)
@@ -163,7 +163,7 @@ void iot_notify(int kind, ...) {
         function(kind, words[0], words[1], words[2], words[3], words[4], words[5], words[6]);
         return;
     }
-    MutexLock hold(lock);
+    MutexLock lock(watch_mutex);
     if (kind == IOT_NOTIFY_REBUILD)
         rebuild();
     else if (kind == IOT_NOTIFY_WATCH_ALL)
@@ -171,7 +171,7 @@ void iot_notify(int kind, ...) {
 }
 
 void iot_exit(void) {
-    MutexLock hold(lock);
-    for (iot_entry &entry : state.table)
+    MutexLock lock(watch_mutex);
+    for (Entry &entry : state.table)
         entry.descriptor = kFree;
 }

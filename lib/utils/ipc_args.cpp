@@ -15,6 +15,7 @@
 
 #include "base/big_endian.h"
 #include "base/heap.h"
+#include "base/retry.h"
 #include "utils/platform/ipc.h"
 
 // The wire format; every field is a big-endian 32-bit word.
@@ -94,9 +95,8 @@ void *attach(int id) {
 void populate([[maybe_unused]] void *at, [[maybe_unused]] uint32_t size,
               [[maybe_unused]] bool to_write) {
 #ifdef MADV_POPULATE_WRITE
-    int error = errno;
-    if (madvise(at, size, to_write ? MADV_POPULATE_WRITE : MADV_POPULATE_READ) != 0)
-        errno = error;
+    KeptErrno error;
+    madvise(at, size, to_write ? MADV_POPULATE_WRITE : MADV_POPULATE_READ);
 #endif
 }
 

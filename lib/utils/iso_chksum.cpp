@@ -30,20 +30,22 @@ Sums running_sums(const unsigned char *data, size_t len) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 void computeIsoChksum(unsigned char *data, unsigned len, unsigned char *chk) {
     if (chk == nullptr || (data == nullptr && len > 0))
         return;
     chk[0] = 0;
     chk[1] = 0;
-    utils::Sums sums = utils::running_sums(data, len);
+    Sums sums = running_sums(data, len);
     // Bytes behind the first byte of the field; 64 bits, so that long units do not overflow.
     int64_t behind = int64_t{len} - (chk - data + 1);
-    auto x = static_cast<int32_t>((behind * sums.c0 - sums.c1) % utils::kModulus);
+    auto x = static_cast<int32_t>((behind * sums.c0 - sums.c1) % kModulus);
     if (x <= 0)
-        x += utils::kModulus;
-    int32_t y = 2 * utils::kModulus - x - sums.c0;
-    if (y > utils::kModulus)
-        y -= utils::kModulus;
+        x += kModulus;
+    int32_t y = 2 * kModulus - x - sums.c0;
+    if (y > kModulus)
+        y -= kModulus;
     chk[0] = static_cast<unsigned char>(x);
     chk[1] = static_cast<unsigned char>(y);
 }
@@ -55,7 +57,7 @@ int isoChksumOk(const unsigned char *data, unsigned len, const unsigned char *ch
         return 1;
     if (data == nullptr)
         return 0;
-    utils::Sums sums = utils::running_sums(data, len);
+    Sums sums = running_sums(data, len);
     return sums.c0 == 0 && sums.c1 == 0;
 }
 

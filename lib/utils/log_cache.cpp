@@ -16,6 +16,7 @@
 #include "base/format.h"
 #include "base/held_signal.h"
 #include "base/local_time.h"
+#include "base/memory_order.h"
 #include "base/thread.h"
 #include "base/trusted.h"
 #include "base/write_all.h"
@@ -49,8 +50,8 @@ struct Stamp {
 thread_local Stamp stamp;
 bool stamps_last = false;  // set before `instantiated`: forked children drop theirs
 
-Mutex lock;
-Cache cache UTILS_GUARDED_BY(lock);
+Mutex cache_mutex;
+Cache cache UTILS_GUARDED_BY(cache_mutex);
 std::atomic<bool> instantiated{false};
 
 // The thread of a forked child has another number.
@@ -64,14 +65,14 @@ int32_t clamped(int32_t size) {
     return size > LOG_CACHE_SIZE_MAX ? LOG_CACHE_SIZE_MAX : size;
 }
 
-void make_empty() UTILS_REQUIRES(lock) {
+void make_empty() UTILS_REQUIRES(cache_mutex) {
     cache.write = cache.start;
     cache.room = cache.size > 0 ? cache.size - 1 : 0;
     cache.wraps = 0;
 }
 
 // False when memory runs out; the cache has no buffer then.
-bool make_buffer(int32_t size) UTILS_REQUIRES(lock) {
+bool make_buffer(int32_t size) UTILS_REQUIRES(cache_mutex) {
     cache.start = static_cast<char *>(calloc(1, static_cast<size_t>(size) + 1));
     cache.size = cache.start != nullptr ? size : 0;
     make_empty();
@@ -79,18 +80,18 @@ bool make_buffer(int32_t size) UTILS_REQUIRES(lock) {
 }
 
 int create(const char *name, int32_t size) {
-    MutexLock guard(lock);
-    if (!instantiated.load(std::memory_order_relaxed))
+    MutexLock lock(cache_mutex);
+    if (!instantiated.load(kRelaxed))
         free(cache.start);  // of a resize before the first init
     Cache before = cache;
     if (!make_buffer(clamped(size))) {
         // A cache that works goes on working.
-        if (instantiated.load(std::memory_order_relaxed))
+        if (instantiated.load(kRelaxed))
             cache = before;
         return LOG_CACHE_NO_MEMORY;
     }
     snprintf(cache.path, sizeof cache.path, "/tmp/%s", name);
-    if (!instantiated.load(std::memory_order_relaxed))
+    if (!instantiated.load(kRelaxed))
         stamps_last = pthread_atfork(nullptr, nullptr, drop_stamp) == 0;
     instantiated.store(true, std::memory_order_release);
     return 0;
@@ -118,7 +119,8 @@ const Stamp &stamp_of_thread() {
     return stamp;
 }
 
-void store_line(const Stamp &front, const char *text, size_t text_length) UTILS_REQUIRES(lock) {
+void store_line(const Stamp &front, const char *text, size_t text_length)
+    UTILS_REQUIRES(cache_mutex) {
     if (cache.start == nullptr)
         return;
     auto total = static_cast<int32_t>(front.length + text_length);
@@ -134,8 +136,8 @@ void store_line(const Stamp &front, const char *text, size_t text_length) UTILS_
     cache.room -= total;
 }
 
-int dump_to_file() UTILS_REQUIRES(lock) {
-    if (!instantiated.load(std::memory_order_relaxed) || cache.start == nullptr)
+int dump_to_file() UTILS_REQUIRES(cache_mutex) {
+    if (!instantiated.load(kRelaxed) || cache.start == nullptr)
         return LOG_CACHE_NOT_INSTANTIATED;
     HeldSignal size_limit(SIGXFSZ);
     Replacement file(cache.path, 0644);
@@ -148,15 +150,15 @@ int dump_to_file() UTILS_REQUIRES(lock) {
 }
 
 int replace_buffer(int32_t size, int *dumped) {
-    MutexLock guard(lock);
+    MutexLock lock(cache_mutex);
     *dumped = dump_to_file();
     free(cache.start);
     return make_buffer(clamped(size)) ? 0 : LOG_CACHE_NO_MEMORY;
 }
 
 int copy_lines(char *buf, int len) {
-    MutexLock guard(lock);
-    if (!instantiated.load(std::memory_order_relaxed) || cache.start == nullptr)
+    MutexLock lock(cache_mutex);
+    if (!instantiated.load(kRelaxed) || cache.start == nullptr)
         return LOG_CACHE_NOT_INSTANTIATED;
     int n = cache.size - cache.room + 1;
     if (buf == nullptr || n >= len)
@@ -167,26 +169,28 @@ int copy_lines(char *buf, int len) {
 }
 
 int dump_locked() {
-    MutexLock guard(lock);
+    MutexLock lock(cache_mutex);
     return dump_to_file();
 }
 
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int log_cache_init(const char *name) {
     if (name == nullptr)
         abort();
-    return utils::reported(utils::create(name, LOG_CACHE_SIZE_DEFAULT), __LINE__);
+    return reported(create(name, LOG_CACHE_SIZE_DEFAULT), __LINE__);
 }
 
 void log_cache_write(const char *format, ...) {
-    if (!utils::instantiated.load(std::memory_order_acquire) || format == nullptr)
+    if (!instantiated.load(std::memory_order_acquire) || format == nullptr)
         return;
     char text[LOG_CACHE_LINE_MAX + 1];
     va_list values;
     va_start(values, format);
-    int length = utils::format_text(text, sizeof text, format, values);
+    int length = format_text(text, sizeof text, format, values);
     va_end(values);
     if (length > LOG_CACHE_LINE_MAX)
         abort();
@@ -195,33 +199,33 @@ void log_cache_write(const char *format, ...) {
 }
 
 void log_cache_write_string(const char *text) {
-    if (!utils::instantiated.load(std::memory_order_acquire) || text == nullptr)
+    if (!instantiated.load(std::memory_order_acquire) || text == nullptr)
         return;
-    const utils::Stamp &front = utils::stamp_of_thread();
+    const Stamp &front = stamp_of_thread();
     size_t text_length = strlen(text);
     if (front.length + text_length > LOG_CACHE_LINE_MAX)
         abort();
-    utils::MutexLock guard(utils::lock);
-    utils::store_line(front, text, text_length);
+    MutexLock lock(cache_mutex);
+    store_line(front, text, text_length);
 }
 
 int log_cache_dump(void) {
-    return utils::reported(utils::dump_locked(), __LINE__);
+    return reported(dump_locked(), __LINE__);
 }
 
 int log_cache_dump_buf(char *buf, int len) {
-    return utils::reported(utils::copy_lines(buf, len), __LINE__);
+    return reported(copy_lines(buf, len), __LINE__);
 }
 
 int log_cache_resize(int size) {
     int dumped = 0;
-    int result = utils::replace_buffer(size, &dumped);
-    utils::reported(dumped, __LINE__);
-    return utils::reported(result, __LINE__);
+    int result = replace_buffer(size, &dumped);
+    reported(dumped, __LINE__);
+    return reported(result, __LINE__);
 }
 
 int log_cache_reset(void) {
-    utils::MutexLock guard(utils::lock);
-    utils::make_empty();
+    MutexLock lock(cache_mutex);
+    make_empty();
     return 0;
 }

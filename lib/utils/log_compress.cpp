@@ -39,24 +39,25 @@ void copy_run(char *to, const char *from, int run, int room) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 struct log_compressor {
     unsigned char *obuf;
     int32_t capacity;
     int32_t written;
 #ifdef __x86_64__
-    utils::LineColumns history;
+    LineColumns history;
 #else
-    utils::LineRows history;
+    LineRows history;
 #endif
 
     int code(const char *line, int length) {
         unsigned char *out = obuf + written;
 #ifdef __x86_64__
-        return utils::code_line(
-            history, line, length, out,
-            __builtin_cpu_supports("avx2") ? utils::equal_lines_avx2 : utils::equal_lines_sse2);
+        return code_line(history, line, length, out,
+                         __builtin_cpu_supports("avx2") ? equal_lines_avx2 : equal_lines_sse2);
 #else
-        return utils::code_line(history, line, length, out);
+        return code_line(history, line, length, out);
 #endif
     }
 };
@@ -65,7 +66,7 @@ struct log_decompressor {
     const unsigned char *ibuf;
     int32_t length;
     int32_t position;
-    utils::LineRows history;
+    LineRows history;
 
     bool decode(char *out, int *column);
 };
@@ -87,10 +88,10 @@ bool log_decompressor::decode(char *out, int *column) {
             continue;
         }
         int run = byte & LOG_COMPRESS_RUN_MAX;
-        const char *line = from != end ? utils::line_at(history, *from++) : nullptr;
+        const char *line = from != end ? line_at(history, *from++) : nullptr;
         good = line != nullptr && at + run <= LOG_COMPRESS_LINE_MAX;
         if (good) {
-            utils::copy_run(out + at, line + at, run, utils::kLineSlotSize - at);
+            copy_run(out + at, line + at, run, kLineSlotSize - at);
             at += run;
         }
     }
@@ -102,7 +103,7 @@ bool log_decompressor::decode(char *out, int *column) {
 log_compressor *log_createCompressor(unsigned char *obuf, int capacity) {
     if (obuf == nullptr || capacity < LOG_COMPRESS_BUFFER_MIN)
         return nullptr;
-    auto *compressor = utils::allocate_zeroed<log_compressor>();
+    auto *compressor = allocate_zeroed<log_compressor>();
     if (compressor == nullptr)
         return nullptr;
     compressor->obuf = obuf;
@@ -112,7 +113,7 @@ log_compressor *log_createCompressor(unsigned char *obuf, int capacity) {
 
 int log_compressLine(log_compressor *compressor, char *line) {
     if (compressor == nullptr || line == nullptr ||
-        compressor->capacity - compressor->written < utils::kLineRoom)
+        compressor->capacity - compressor->written < kLineRoom)
         return -1;
     auto length = static_cast<int>(strnlen(line, LOG_COMPRESS_LINE_MAX));
     if (line[length] != '\0')
@@ -137,7 +138,7 @@ void log_deleteCompressor(log_compressor *compressor) {
 log_decompressor *log_createDecompressor(const unsigned char *ibuf, int length) {
     if (ibuf == nullptr || length < LOG_COMPRESS_BUFFER_MIN)
         return nullptr;
-    auto *decompressor = utils::allocate_zeroed<log_decompressor>();
+    auto *decompressor = allocate_zeroed<log_decompressor>();
     if (decompressor == nullptr)
         return nullptr;
     decompressor->ibuf = ibuf;

@@ -54,7 +54,7 @@ void unlink(LIST &list, NODE *node) {
 }  // namespace
 }  // namespace utils
 
-using utils::RecordLock;
+using namespace utils;
 
 void lstInit(LIST *list) {
     if (list == nullptr)
@@ -62,21 +62,21 @@ void lstInit(LIST *list) {
     list->head = nullptr;
     list->tail = nullptr;
     list->count = 0;
-    pthread_mutex_init(&list->lock, nullptr);
+    init_mutex(&list->lock);
 }
 
 void lstAdd(LIST *list, NODE *node) {
     if (list == nullptr || node == nullptr)
         return;
     RecordLock lock(list->lock);
-    utils::link(*list, list->tail, node, nullptr);
+    link(*list, list->tail, node, nullptr);
 }
 
 void lstInsert(LIST *list, NODE *prev, NODE *node) {
     if (list == nullptr || node == nullptr)
         return;
     RecordLock lock(list->lock);
-    utils::link(*list, prev, node, prev != nullptr ? prev->next : list->head);
+    link(*list, prev, node, prev != nullptr ? prev->next : list->head);
 }
 
 void lstDelete(LIST *list, NODE *node) {
@@ -84,8 +84,8 @@ void lstDelete(LIST *list, NODE *node) {
         return;
     {
         RecordLock lock(list->lock);
-        if (utils::position_of(*list, node) > 0) {
-            utils::unlink(*list, node);
+        if (position_of(*list, node) > 0) {
+            unlink(*list, node);
             return;
         }
     }
@@ -149,7 +149,7 @@ int lstFind(LIST *list, NODE *node) {
     if (list == nullptr)
         return -1;
     RecordLock lock(list->lock);
-    return utils::position_of(*list, node);
+    return position_of(*list, node);
 }
 
 NODE *lstNext(NODE *node) {

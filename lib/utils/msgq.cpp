@@ -14,6 +14,7 @@
 
 #include "base/deadline.h"
 #include "base/heap.h"
+#include "base/retry.h"
 #include "base/text.h"
 #include "base/thread.h"
 #include "base/wakeups.h"
@@ -94,30 +95,13 @@ msgQNode *fresh_node(msgQ &queue) {
     return static_cast<msgQNode *>(malloc(sizeof(msgQNode) + whole(queue).room + sizeof_geps()));
 }
 
-int init_lock(pthread_mutex_t *lock) {
-    pthread_mutexattr_t attributes;
-    if (int error = pthread_mutexattr_init(&attributes); error != 0)
-        return error;
-    int error = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    if (error == 0)
-        error = pthread_mutex_init(lock, &attributes);
-    pthread_mutexattr_destroy(&attributes);
-    return error;
-}
-
 void wait_forever(msgQ &queue) {
-    while (pthread_cond_wait(&queue.notEmpty, &queue.lock) == EINTR) {
-    }
+    retry_error([&] { return pthread_cond_wait(&queue.notEmpty, &queue.lock); });
 }
 
 void wait_until(msgQ &queue, int timeout_ms) {
-    timespec deadline{};
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += timeout_ms / 1000;
-    deadline.tv_nsec += timeout_ms % 1000 * 1000000L;
-    deadline = normalized(deadline);
-    while (pthread_cond_timedwait(&queue.notEmpty, &queue.lock, &deadline) == EINTR) {
-    }
+    timespec deadline = deadline_after(timeout_ms);
+    retry_error([&] { return pthread_cond_timedwait(&queue.notEmpty, &queue.lock, &deadline); });
 }
 
 // Says why a message was refused.
@@ -152,21 +136,23 @@ int enqueue(msgQ &queue, const void *msg, unsigned len) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 msgQHandle msgQCreate(int maxMsgs, unsigned maxMsgLength, int options, const char *name) {
-    constexpr size_t kUnseen = sizeof(utils::Queue) - sizeof(msgQ);
-    utils::HeapBlock<msgQ> queue(utils::allocate_zeroed<msgQ>(kUnseen));
-    if (!queue || utils::init_lock(&queue->lock) != 0)
+    constexpr size_t kUnseen = sizeof(Queue) - sizeof(msgQ);
+    HeapBlock<msgQ> queue(allocate_zeroed<msgQ>(kUnseen));
+    if (!queue || init_mutex(&queue->lock, PTHREAD_MUTEX_RECURSIVE) != 0)
         return nullptr;
-    if (utils::init_monotonic(&queue->notEmpty) != 0) {
+    if (init_monotonic(&queue->notEmpty) != 0) {
         pthread_mutex_destroy(&queue->lock);
         return nullptr;
     }
     queue->maxMsgs = maxMsgs;
     queue->maxMsgLength = maxMsgLength;
     queue->options = options;
-    utils::copy_text(queue->name, name);
-    utils::Queue &all = utils::whole(*queue.get());
-    all.room = utils::room_for(maxMsgLength);
+    copy_text(queue->name, name);
+    Queue &all = whole(*queue.get());
+    all.room = room_for(maxMsgLength);
     all.wakeups.maker = getpid();
     return queue.release();
 }
@@ -175,9 +161,9 @@ int msgQSend(msgQHandle queue, const void *msg, unsigned len, ...) {
     if (queue == nullptr)
         return UTILS_ERROR;
     pthread_mutex_lock(&queue->lock);
-    int result = utils::enqueue(*queue, msg, len);
+    int result = enqueue(*queue, msg, len);
     if (result == UTILS_OK)
-        utils::unlock_and_wake(queue->lock, queue->notEmpty, utils::whole(*queue).wakeups);
+        unlock_and_wake(queue->lock, queue->notEmpty, whole(*queue).wakeups);
     else
         pthread_mutex_unlock(&queue->lock);
     return result;
@@ -186,25 +172,25 @@ int msgQSend(msgQHandle queue, const void *msg, unsigned len, ...) {
 int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms) {
     if (queue == nullptr)
         return 1;
-    utils::RecordLock lock(queue->lock);
+    RecordLock lock(queue->lock);
     // The wait is made once: when it ends early, it is not repeated.
     if (queue->queued.count == 0 && timeout_ms != UTILS_NO_WAIT)
-        utils::counted_wait(utils::whole(*queue).wakeups, [=] {
+        counted_wait(whole(*queue).wakeups, [=] {
             if (timeout_ms == UTILS_WAIT_FOREVER)
-                utils::wait_forever(*queue);
+                wait_forever(*queue);
             else
-                utils::wait_until(*queue, timeout_ms);
+                wait_until(*queue, timeout_ms);
             return 0;
         });
-    msgQNode *node = utils::take(queue->queued);
+    msgQNode *node = take(queue->queued);
     if (node == nullptr)
         return 1;
     unsigned length = static_cast<unsigned>(node->length);
     if (unsigned taken = length < size ? length : size; taken > 0)
-        memcpy(buf, utils::payload(node), taken);
-    ep_context(utils::context(*queue, node), nullptr);
+        memcpy(buf, payload(node), taken);
+    ep_context(context(*queue, node), nullptr);
     if (queue->spare.count < MSGQ_SPARE_MAX)
-        utils::append(queue->spare, node);
+        append(queue->spare, node);
     else
         free(node);
     return 0;
@@ -213,9 +199,9 @@ int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms) {
 int msgQDelete(msgQHandle queue) {
     if (queue == nullptr)
         return UTILS_ERROR;
-    utils::await_signallers(utils::whole(*queue).wakeups);
-    utils::free_chain(queue->queued);
-    utils::free_chain(queue->spare);
+    await_signallers(whole(*queue).wakeups);
+    free_chain(queue->queued);
+    free_chain(queue->spare);
     pthread_mutex_destroy(&queue->lock);
     pthread_cond_destroy(&queue->notEmpty);
     free(queue);
@@ -225,7 +211,7 @@ int msgQDelete(msgQHandle queue) {
 int msgQShow(msgQHandle queue) {
     if (queue == nullptr)
         return UTILS_ERROR;
-    utils::RecordLock lock(queue->lock);
+    RecordLock lock(queue->lock);
     printf("queue name: %s, high water: %d\n", queue->name, queue->highWater);
     printf("Task Queuing     : FIFO");
     printf(" (do not support MSG_Q_PRIORITY)\n");

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <limits>
 
+#include "base/memory_order.h"
 #include "utils/clock.h"
 #include "utils/task.h"
 
@@ -182,8 +183,10 @@ int not_ported(const char *message) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int more(void) {
-    if (utils::paging_off.load(std::memory_order_relaxed)) {
+    if (paging_off.load(kRelaxed)) {
         taskDelay(MORE_OFF_TICKS);
         return 1;
     }
@@ -196,11 +199,11 @@ int more(void) {
 }
 
 void moreDisable(void) {
-    utils::paging_off.store(true, std::memory_order_relaxed);
+    paging_off.store(true, kRelaxed);
 }
 
 void moreEnable(void) {
-    utils::paging_off.store(false, std::memory_order_relaxed);
+    paging_off.store(false, kRelaxed);
 }
 
 int kbhit(int seconds) {
@@ -218,21 +221,20 @@ void memDump(void *address, int count, int width) {
     if (width <= 0)
         width = 1;
     if (count <= 0)
-        count = utils::kDefaultUnits;
+        count = kDefaultUnits;
     int64_t end = int64_t{count} * width;
-    utils::Characters characters;
-    for (int64_t at = 0; at < end; at += utils::kLineBytes) {
-        char line[utils::kLineRoom];
+    Characters characters;
+    for (int64_t at = 0; at < end; at += kLineBytes) {
+        char line[kLineRoom];
         const unsigned char *from = bytes + at;
-        char *to = utils::put_address(line, from);
+        char *to = put_address(line, from);
         if (width == 1)
-            to = utils::put_bytes(to, from,
-                                  static_cast<int>(std::min<int64_t>(end - at, utils::kLineBytes)));
+            to = put_bytes(to, from, static_cast<int>(std::min<int64_t>(end - at, kLineBytes)));
         else
-            to = utils::put_units(line, to, bytes, at, end, width);
+            to = put_units(line, to, bytes, at, end, width);
         *to++ = '*';
 #pragma GCC unroll 4
-        for (int i = 0; i < utils::kLineBytes; ++i)
+        for (int i = 0; i < kLineBytes; ++i)
             *to++ = characters.shown(from[i]);
         *to++ = '*';
         *to++ = '\n';
@@ -248,22 +250,22 @@ void display_mem(void *address, int count, int width) {
 
 void printMem(void *address, int len) {
     auto *bytes = static_cast<const unsigned char *>(address);
-    for (; bytes != nullptr && len > 0; bytes += utils::kLineBytes, len -= utils::kLineBytes)
-        utils::print_word_line(bytes, (std::min(len, utils::kLineBytes) + 3) / 4 * 4);
+    for (; bytes != nullptr && len > 0; bytes += kLineBytes, len -= kLineBytes)
+        print_word_line(bytes, (std::min(len, kLineBytes) + 3) / 4 * 4);
 }
 
 int sprint64(char *text, unsigned high, unsigned low, int base) {
     if (text == nullptr)
         return 0;
     char number[SPRINT64_ROOM];
-    int length = utils::format_number(number, high, low, base);
+    int length = format_number(number, high, low, base);
     memcpy(text, number, static_cast<size_t>(length) + 1);
     return length;
 }
 
 int print64(unsigned high, unsigned low, int base) {
     char number[SPRINT64_ROOM];
-    utils::format_number(number, high, low, base);
+    format_number(number, high, low, base);
     return printf("%s", number);
 }
 
@@ -272,7 +274,7 @@ int str2num(const char *text) {
     if (text == nullptr)
         return 0;
     if (strnlen(text, 3) > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-        return static_cast<int>(utils::parse_hexadecimal(text + 2));
+        return static_cast<int>(parse_hexadecimal(text + 2));
     }
     long long number = 0;
     sscanf(text, "%lld", &number);
@@ -305,30 +307,30 @@ int probe(uintptr_t x) {
 }
 
 int getLine(void) {
-    utils::not_ported("getLine() not ported");
+    not_ported("getLine() not ported");
     return 0;
 }
 
 int less(void) {
-    return utils::not_ported("less() not ported");
+    return not_ported("less() not ported");
 }
 
 int peek(void) {
-    utils::not_ported("peak() not ported");
+    not_ported("peak() not ported");
     return 0;
 }
 
 int peekl(void) {
-    utils::not_ported("peekl() not ported");
+    not_ported("peekl() not ported");
     return 0;
 }
 
 int poke(void) {
-    utils::not_ported("poke() not ported");
+    not_ported("poke() not ported");
     return 0;
 }
 
 int pokel(void) {
-    utils::not_ported("pokel() not supported");
+    not_ported("pokel() not supported");
     return 0;
 }

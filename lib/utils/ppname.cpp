@@ -13,6 +13,8 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/file_lock.h"
+#include "base/retry.h"
 #include "base/write_all.h"
 
 namespace utils {
@@ -29,24 +31,16 @@ bool local_address(const char *line, long inode, in_addr &address) {
     unsigned local_port, remote_port, state, timer;
     unsigned long tx_queue, rx_queue, expiry, retransmits;
     long found = -1;
-    int conversions =
-        sscanf(line,
-               "%d: %64[0-9A-Fa-f]:%X %64[0-9A-Fa-f]:%X %X %lX:%lX %X:%lX %lX %d %d %ld %512s\n",
-               &slot, local, &local_port, remote, &remote_port, &state, &tx_queue, &rx_queue,
-               &timer, &expiry, &retransmits, &uid, &timeout, &found, rest);
+    int conversions = sscanf(
+        line, "%d: %64[0-9A-Fa-f]:%X %64[0-9A-Fa-f]:%X %X %lX:%lX %X:%lX %lX %d %d %ld %512s\n",
+        &slot, local, &local_port, remote, &remote_port, &state, &tx_queue, &rx_queue, &timer,
+        &expiry, &retransmits, &uid, &timeout, &found, rest);
     if (conversions < kEnoughConversions || found != inode)
         return false;
     unsigned word = 0;
     sscanf(local, "%X", &word);
     address.s_addr = word;
     return true;
-}
-
-int lock_file(int fd, short type, int command) {
-    struct flock whole {};
-    whole.l_type = type;
-    whole.l_whence = SEEK_SET;
-    return fcntl(fd, command, &whole);
 }
 
 }  // namespace
@@ -114,9 +108,8 @@ int stor_pid(const char *name, int instance) {
     if (name == nullptr || length >= static_cast<int>(sizeof path))
         errno = name == nullptr ? EINVAL : ENAMETOOLONG;
     else
-        do
-            file.reset(open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
-        while (!file && errno == EINTR);
+        file.reset(retry(
+            [&] { return open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644); }));
     if (!file) {
         perror("opening the pid file");
         return -1;

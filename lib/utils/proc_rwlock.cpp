@@ -13,7 +13,10 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "base/file_lock.h"
 #include "base/last_words.h"
+#include "base/memory_order.h"
+#include "base/retry.h"
 #include "base/thread.h"
 
 static_assert(sizeof(void *) != 4 ||
@@ -33,75 +36,71 @@ constexpr int kNoNice = -100;  // outside the range of nice values
 const pthread_t kNobody = static_cast<pthread_t>(-1);
 
 struct Priority {
-    Mutex mutex;
-    uint32_t holders UTILS_GUARDED_BY(mutex) = 0;
-    int32_t saved_nice UTILS_GUARDED_BY(mutex) = kNoNice;
+    uint32_t holders = 0;
+    int32_t saved_nice = kNoNice;
 };
-Priority prio;
+Mutex priority_mutex;
+Priority prio UTILS_GUARDED_BY(priority_mutex);
 
 // The saved nice value is 0 or below: it is never sampled anew, and holders need not be counted.
 std::atomic<bool> nice_already{false};
 
 // Enters the set of holders, at nice 0 from the first one on; errno stays when that succeeds.
 int raise_nice() {
-    const int before = errno;
-    MutexLock hold(prio.mutex);
+    KeptErrno error;
+    MutexLock lock(priority_mutex);
     if (prio.holders == 0 && prio.saved_nice == kNoNice) {
         errno = 0;
         prio.saved_nice = getpriority(PRIO_PROCESS, 0);
-        if (prio.saved_nice == -1 && errno != 0)
+        if (prio.saved_nice == -1 && errno != 0) {
+            error.renew();
             return -1;
+        }
     }
     if (prio.saved_nice > 0)
         setpriority(PRIO_PROCESS, 0, 0);
     else
-        nice_already.store(true, std::memory_order_relaxed);
+        nice_already.store(true, kRelaxed);
     ++prio.holders;
-    errno = before;
     return 0;
 }
 
 // Leaves it; the last one gets the old value back. errno stays when that succeeds.
 int lower_nice() {
-    const int before = errno;
-    MutexLock hold(prio.mutex);
+    KeptErrno error;
+    MutexLock lock(priority_mutex);
     --prio.holders;
     if (prio.holders == 0 && prio.saved_nice > 0) {
-        errno = 0;
-        if (setpriority(PRIO_PROCESS, 0, prio.saved_nice) != 0)
+        if (setpriority(PRIO_PROCESS, 0, prio.saved_nice) != 0) {
+            error.renew();
             return -1;
+        }
         prio.saved_nice = kNoNice;
     }
-    errno = before;
     return 0;
 }
 
 int raise_priority() {
-    return nice_already.load(std::memory_order_relaxed) ? 0 : raise_nice();
+    return nice_already.load(kRelaxed) ? 0 : raise_nice();
 }
 
 int lower_priority() {
-    return nice_already.load(std::memory_order_relaxed) ? 0 : lower_nice();
+    return nice_already.load(kRelaxed) ? 0 : lower_nice();
 }
 
 // The end of a failed lock call: errno keeps what the failure was.
 int give_up() {
-    int error = errno;
+    KeptErrno error;
     lower_priority();
-    errno = error;
     return -1;
 }
 
 int file_lock(const procrwlock_t &lck, short type, Wait wait) {
-    struct flock whole {};
-    whole.l_type = type;
-    whole.l_whence = SEEK_SET;
-    int result, before = errno;
-    do {
-        result = fcntl(lck.l_fd, wait == kWait ? F_SETLKW : F_SETLK, &whole);
-    } while (result == -1 && errno == EINTR);
-    if (result != -1)
-        errno = before;
+    KeptErrno error;
+    int result =
+        retry([&] { return lock_file(lck.l_fd, type, wait == kWait ? F_SETLKW : F_SETLK); });
+    if (result == -1)
+        error.renew();
     return result;
 }
 
@@ -183,7 +182,7 @@ int lock_record(procrwlock_t *lck, Wait wait) {
         return -1;
     int result;
     {
-        RecordLock hold(lck->l_mutex);
+        RecordLock lock(lck->l_mutex);
         result = body(*lck, wait);
     }
     return result == 0 ? 0 : give_up();
@@ -227,7 +226,7 @@ int unlock_record(procrwlock_t *lck, bool reading) {
     int result;
     bool raised;
     {
-        RecordLock hold(lck->l_mutex);
+        RecordLock lock(lck->l_mutex);
         if (reading && lck->l_readers == 0) {
             errno = EPERM;
             return -1;

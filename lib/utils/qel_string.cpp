@@ -202,19 +202,20 @@ constexpr qelStringOps kOps = {append, append_char, set, get, appendf, release, 
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 qelString *qelStringInit(int size, int retry) {
-    utils::HeapBlock<qelString> string(
-        utils::allocated(retry != 0, [] { return utils::allocate_zeroed<qelString>(); }));
+    HeapBlock<qelString> string(allocated(retry != 0, [] { return allocate_zeroed<qelString>(); }));
     if (!string) {
         printf("qelStringInit: newstr = %p\n", static_cast<void *>(string.get()));
         return nullptr;
     }
-    string->ops = &utils::kOps;
+    string->ops = &kOps;
     string->size = static_cast<uint32_t>(size > 0 ? size : QEL_STRING_DEFAULT_SIZE);
     string->avail = string->size - 1;
     string->retry = retry;
     string->buf =
-        utils::allocated(retry != 0, [&] { return static_cast<char *>(calloc(1, string->size)); });
+        allocated(retry != 0, [&] { return static_cast<char *>(calloc(1, string->size)); });
     return string->buf != nullptr ? string.release() : nullptr;
 }
 
@@ -225,7 +226,7 @@ void initBuffer(Buffer *buffer, int size) {
     buffer->used = 0;
     buffer->data = static_cast<char *>(calloc(1, static_cast<size_t>(buffer->size)));
     if (buffer->data == nullptr)
-        utils::out_of_memory();
+        out_of_memory();
 }
 
 char *appendBuffer(Buffer *buffer, const char *bytes, int len) {
@@ -239,12 +240,12 @@ char *appendBuffer(Buffer *buffer, const char *bytes, int len) {
         while (size < needed)
             size *= 2;
         if (size > INT32_MAX)
-            utils::out_of_memory();
+            out_of_memory();
         auto used = static_cast<size_t>(buffer->used);
-        size_t own = utils::offset_in(buffer->data, used, bytes);
+        size_t own = offset_in(buffer->data, used, bytes);
         auto *data = static_cast<char *>(realloc(buffer->data, static_cast<size_t>(size)));
         if (data == nullptr)
-            utils::out_of_memory();
+            out_of_memory();
         if (own < used)
             bytes = data + own;
         buffer->data = data;

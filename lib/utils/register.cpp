@@ -15,13 +15,13 @@
 namespace utils {
 namespace {
 
-struct cb_entry {
+struct Entry {
     int32_t id;
     cb_callback callback;
     msgQHandle queue;
 };
 
-struct cb_group {
+struct Group {
     uint32_t key1;
     int32_t key2;
     uint16_t capacity;
@@ -29,25 +29,24 @@ struct cb_group {
     const cb_ops *classifier;
 };
 
-static_assert(sizeof(void *) != 4 || (sizeof(cb_group) == 16 && sizeof(cb_entry) == 12));
-static_assert(offsetof(cb_group, capacity) == 8 && offsetof(cb_group, used) == 10);
-static_assert(sizeof(cb_group) % alignof(cb_entry) == 0);
+static_assert(sizeof(void *) != 4 || (sizeof(Group) == 16 && sizeof(Entry) == 12));
+static_assert(offsetof(Group, capacity) == 8 && offsetof(Group, used) == 10);
+static_assert(sizeof(Group) % alignof(Entry) == 0);
 
 constexpr uint16_t kGrowth = 4;
 constexpr unsigned kStampOffset = 12;
-constexpr unsigned kVerify =
-    0x40000000u;  // with the number of values in bits 24 to 27 and the line
-constexpr unsigned kCallbackLine = 150;
-constexpr unsigned kQueueLine = 154;
+// Checks with two values each. The lines are the established ones of the reports.
+constexpr unsigned kCallbackCheck = QEL_CHECK_VERIFY | 2u << QEL_CHECK_COUNT_SHIFT | 150;
+constexpr unsigned kQueueCheck = QEL_CHECK_VERIFY | 2u << QEL_CHECK_COUNT_SHIFT | 154;
 
-std::atomic<cb_group *> slots[CB_GROUPS_MAX];
+std::atomic<Group *> slots[CB_GROUPS_MAX];
 
-cb_group *group_in(int slot) {
+Group *group_in(int slot) {
     return slots[slot].load(std::memory_order_acquire);
 }
 
-cb_entry *entries_of(cb_group *group) {
-    return reinterpret_cast<cb_entry *>(group + 1);
+Entry *entries_of(Group *group) {
+    return reinterpret_cast<Entry *>(group + 1);
 }
 
 template <typename T>
@@ -60,12 +59,12 @@ void set(T &field, T value) {
     std::atomic_ref<T>(field).store(value, std::memory_order_release);
 }
 
-bool is_live(cb_entry &entry) {
+bool is_live(Entry &entry) {
     return get(entry.callback) != nullptr || get(entry.queue) != nullptr;
 }
 
 // The identifier first: a dispatch that sees the entry live sees its identifier, too.
-void fill(cb_entry &entry, int32_t id, cb_callback callback, msgQHandle queue) {
+void fill(Entry &entry, int32_t id, cb_callback callback, msgQHandle queue) {
     set(entry.id, id);
     set(entry.callback, callback);
     set(entry.queue, queue);
@@ -75,7 +74,7 @@ void fill(cb_entry &entry, int32_t id, cb_callback callback, msgQHandle queue) {
 int slot_of(uint32_t key1, int32_t key2, const cb_ops *classifier) {
     int slot = 0;
     for (; slot < CB_GROUPS_MAX; ++slot) {
-        const cb_group *group = group_in(slot);
+        const Group *group = group_in(slot);
         if (group == nullptr ||
             (group->key1 == key1 && group->key2 == key2 && group->classifier == classifier))
             break;
@@ -87,7 +86,7 @@ int slot_of(uint32_t key1, int32_t key2, const cb_ops *classifier) {
 int slot_of(uint32_t key1, int32_t key2) {
     int slot = 0;
     for (; slot < CB_GROUPS_MAX; ++slot) {
-        const cb_group *group = group_in(slot);
+        const Group *group = group_in(slot);
         if (group != nullptr && group->key1 == key1 && group->key2 == key2)
             break;
     }
@@ -96,11 +95,11 @@ int slot_of(uint32_t key1, int32_t key2) {
 
 // Puts a copy with room for four more entries into the slot.
 // Null when there is no memory or no room.
-cb_group *grow(int slot, cb_group *group) {
+Group *grow(int slot, Group *group) {
     if (group->capacity > std::numeric_limits<uint16_t>::max() - kGrowth)
         return nullptr;
-    size_t old_size = sizeof(cb_entry) * group->capacity;
-    auto *grown = allocate_zeroed<cb_group>(old_size + sizeof(cb_entry) * kGrowth);
+    size_t old_size = sizeof(Entry) * group->capacity;
+    auto *grown = allocate_zeroed<Group>(old_size + sizeof(Entry) * kGrowth);
     if (grown == nullptr)
         return nullptr;
     memcpy(grown, group, sizeof *group + old_size);
@@ -116,19 +115,19 @@ uint32_t low_word(T pointer) {
 }
 
 // Reports a re-registration that changes a consumer; the new values win all the same.
-void check_replacement(cb_entry &entry, cb_callback callback, msgQHandle queue) {
+void check_replacement(Entry &entry, cb_callback callback, msgQHandle queue) {
     cb_callback old_callback = get(entry.callback);
     msgQHandle old_queue = get(entry.queue);
     if (old_callback != nullptr && old_callback != callback)
-        do_assert("entry->cb == callback", "register", kVerify | 2u << 24 | kCallbackLine,
-                  low_word(old_callback), low_word(callback));
+        do_assert("entry->cb == callback", "register", kCallbackCheck, low_word(old_callback),
+                  low_word(callback));
     if (old_queue != nullptr && old_queue != queue)
-        do_assert("entry->mq == queue", "register", kVerify | 2u << 24 | kQueueLine,
-                  low_word(old_queue), low_word(queue));
+        do_assert("entry->mq == queue", "register", kQueueCheck, low_word(old_queue),
+                  low_word(queue));
 }
 
-int find_live(cb_group *group, int32_t id) {
-    cb_entry *entries = entries_of(group);
+int find_live(Group *group, int32_t id) {
+    Entry *entries = entries_of(group);
     for (int i = 0; i < group->capacity; ++i) {
         if (is_live(entries[i]) && get(entries[i].id) == id)
             return i;
@@ -155,9 +154,9 @@ int cb_register(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t i
     int slot = slot_of(key1, key2, classifier);
     if (slot == CB_GROUPS_MAX)
         return CB_TABLE_FULL;
-    cb_group *group = group_in(slot);
+    Group *group = group_in(slot);
     if (group == nullptr) {
-        group = allocate_zeroed<cb_group>(sizeof(cb_entry) * kGrowth);
+        group = allocate_zeroed<Group>(sizeof(Entry) * kGrowth);
         if (group == nullptr)
             return UTILS_ENOMEM;
         *group = {key1, key2, kGrowth, 1, classifier};
@@ -170,9 +169,9 @@ int cb_register(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t i
         if (group == nullptr)
             return UTILS_ENOMEM;
     }
-    cb_entry *entries = entries_of(group);
+    Entry *entries = entries_of(group);
     for (int i = 0; i < group->capacity; ++i) {
-        cb_entry &entry = entries[i];
+        Entry &entry = entries[i];
         bool live = is_live(entry);
         if (!live && get(entry.id) == 0) {
             fill(entry, id, callback, queue);
@@ -191,7 +190,7 @@ int cb_register(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t i
 
 int cb_unregister(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t id) {
     int slot = slot_of(key1, key2, classifier);
-    cb_group *group = slot < CB_GROUPS_MAX ? group_in(slot) : nullptr;
+    Group *group = slot < CB_GROUPS_MAX ? group_in(slot) : nullptr;
     int index = group != nullptr ? find_live(group, id) : -1;
     if (index < 0)
         return UTILS_ENOENT;

@@ -15,14 +15,18 @@
 // A product's record may differ in everything but our word at its beginning.
 static_assert(offsetof(semaphore_t, user) == 0 && sizeof(semaphore_t::user) == 4);
 
+namespace utils {
 namespace {
 
 constexpr int kFlushPauseTicks = 5;
 
 }  // namespace
+}  // namespace utils
+
+using namespace utils;
 
 semaHandle semaCreate(int initial) {
-    utils::HeapBlock<semaphore_t> sem(utils::allocate_zeroed<semaphore_t>());
+    HeapBlock<semaphore_t> sem(allocate_zeroed<semaphore_t>());
     if (!sem || semaphore_init(sem.get()) != 0)
         return nullptr;
     bool binary = initial == SEMA_EMPTY || initial == SEMA_FULL;

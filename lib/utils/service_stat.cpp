@@ -22,6 +22,7 @@
 #include "base/descriptor.h"
 #include "base/heap.h"
 #include "base/local_time.h"
+#include "base/memory_order.h"
 #include "base/tick_rate.h"
 #include "base/write_all.h"
 #include "utils/ticks.h"
@@ -42,7 +43,7 @@ constexpr int kLockPollMs = 10;
 int32_t record_count = 0;
 
 void switch_off() {
-    std::atomic_ref(serviceStatIsOn).store(0, std::memory_order_relaxed);
+    std::atomic_ref(serviceStatIsOn).store(0, kRelaxed);
 }
 
 int32_t usable_records() {
@@ -101,43 +102,44 @@ void write_row(FILE *out, const char *label, const char *name, const serviceStat
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int serviceStat_init(int count) {
-    utils::switch_off();
+    switch_off();
     serviceStats = nullptr;
-    utils::record_count = count;
+    record_count = count;
     if (count <= 0)
         return 0;
     serviceStats =
         static_cast<serviceStat *>(calloc(static_cast<size_t>(count), sizeof(serviceStat)));
     if (serviceStats == nullptr)
         return UTILS_ERROR;
-    utils::clear_table(SERVICE_STAT_UNSET);
+    clear_table(SERVICE_STAT_UNSET);
     return 0;
 }
 
 void serviceStat_stop(const char *label, const char *const names[], int switchNo) {
     time_t now = time(nullptr);
-    utils::switch_off();
+    switch_off();
     char path[256];
     snprintf(path, sizeof path, SERVICE_STAT_FILE, switchNo);
-    utils::Descriptor report(
-        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
+    Descriptor report(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
     char *text = nullptr;
     size_t size = 0;
     FILE *out = report ? open_memstream(&text, &size) : nullptr;
     if (out == nullptr) {
         printf("\nfailed to open file %s\n", path);
-        utils::clear_table(0);
+        clear_table(0);
         return;
     }
-    utils::lock_report(report.get());
-    if (utils::is_empty(report.get()))
-        utils::write_heading(out, now);
-    for (int32_t i = 0; i < utils::usable_records(); ++i)
-        utils::write_row(out, label, names != nullptr ? names[i] : nullptr, serviceStats[i]);
+    lock_report(report.get());
+    if (is_empty(report.get()))
+        write_heading(out, now);
+    for (int32_t i = 0; i < usable_records(); ++i)
+        write_row(out, label, names != nullptr ? names[i] : nullptr, serviceStats[i]);
     fclose(out);
-    utils::write_all(report.get(), text, size);
+    write_all(report.get(), text, size);
     flock(report.get(), LOCK_UN);
     free(text);
-    utils::clear_table(SERVICE_STAT_UNSET);
+    clear_table(SERVICE_STAT_UNSET);
 }

@@ -20,6 +20,7 @@
 
 #include "base/descriptor.h"
 #include "base/last_words.h"
+#include "base/retry.h"
 #include "base/text.h"
 #include "base/trusted.h"
 #include "end_process.h"
@@ -131,49 +132,48 @@ void end_process(int status) {
 
 }  // namespace utils
 
+using namespace utils;
+
 int qel_coreenv_set(const char *name) {
-    utils::copy_text(utils::program, name);
+    copy_text(program, name);
     rlimit limit{};
     if (int result = getrlimit(RLIMIT_CORE, &limit); result != 0)
-        return printf("getrlimit:%s/%d\n", utils::program, result);
+        return printf("getrlimit:%s/%d\n", program, result);
     limit.rlim_cur = QEL_CORE_LIMIT;
     if (int result = setrlimit(RLIMIT_CORE, &limit); result != 0)
-        return printf("setrlimit:%s/%d\n", utils::program, result);
-    char path[utils::kPathSize];
+        return printf("setrlimit:%s/%d\n", program, result);
+    char path[kPathSize];
     snprintf(path, sizeof path, "%s/%s", QEL_CORE_DIRECTORY, name != nullptr ? name : "");
-    return utils::enter_core_directory(path + sizeof QEL_CORE_DIRECTORY);
+    return enter_core_directory(path + sizeof QEL_CORE_DIRECTORY);
 }
 
 int qel_pwddefault(void) {
     char common[] = "";
-    return utils::enter_core_directory(common);
+    return enter_core_directory(common);
 }
 
 void qel_sigcleanup_set(void (*cleanup)(void)) {
-    utils::cleanup_callback.store(cleanup, std::memory_order_release);
+    cleanup_callback.store(cleanup, std::memory_order_release);
 }
 
 qel_handler qel_sigdefaults(const char *name) {
     qel_coreenv_set(name);
     qel_handler previous = nullptr;
-    for (int number : utils::kHandled)
+    for (int number : kHandled)
         previous = signal(number, qel_sighandler);
     return previous;
 }
 
 void qel_sighandler(int signal) {
-    using namespace utils;
-    int saved_errno = errno;
+    KeptErrno error;
     bool dumps = signal == QEL_SIGNAL_DUMP_STKFLT || signal == QEL_SIGNAL_DUMP_PROF;
     bool goes_on = signal == SIGPIPE || (!dumps && !begin_to_end());
     int64_t report_end = monotonic_ms() + (goes_on ? kReportMs : kEndReportMs);
     SafeText text;
     text << program << ": (pid=" << static_cast<int>(getpid()) << "), signal=" << signal << "\n";
     write_until(report_end, STDOUT_FILENO, text.text(), text.length());
-    if (goes_on) {
-        errno = saved_errno;
+    if (goes_on)
         return;
-    }
     if (dumps)
         dump_core(signal, report_end);
     void (*cleanup)() = cleanup_callback.load(std::memory_order_acquire);

@@ -5,18 +5,20 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <ctime>
 
 #include "base/deadline.h"
+#include "base/retry.h"
 #include "base/text.h"
+
+using namespace utils;
 
 int32_t taskId = -1;
 char task_name[12];
 
 int taskInit(const char *name) {
-    utils::copy_text(task_name, name);
+    copy_text(task_name, name);
     taskId = getpid();
     return taskId;
 }
@@ -43,8 +45,7 @@ int taskDelay(int ticks) {
     int32_t ms = static_cast<int32_t>(static_cast<uint32_t>(ticks) * 1000u) / TASK_TICKS_PER_SECOND;
     if (ms <= 0)
         return 0;
-    timespec end = utils::deadline_after(ms);
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
-    }
+    timespec end = deadline_after(ms);
+    retry_error([&] { return clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr); });
     return 0;
 }

@@ -17,6 +17,7 @@
 #include "base/deadline.h"
 #include "base/heap.h"
 #include "base/last_words.h"
+#include "base/memory_order.h"
 #include "base/thread.h"
 #include "time_base.h"
 #include "timer_pass.h"
@@ -48,8 +49,6 @@ void (*wake_fn)(uintptr_t) UTILS_GUARDED_BY(timer_mutex) = nullptr;
 uintptr_t wake_arg UTILS_GUARDED_BY(timer_mutex) = 0;
 std::atomic<uint32_t> service_mode{kNotStarted};  // written under the mutex, read first without it
 std::atomic<bool> flush_all{false};
-
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 [[noreturn]] void fail(int line) {
     abort_within(kFatalMs);
@@ -182,7 +181,7 @@ int start_service() UTILS_REQUIRES(timer_mutex) {
 
 // A queue that refuses the message ends the process, whatever its own report of that waits for.
 void post(msgQHandle queue, const timer_message &message) {
-    RecordLock hold(queue->lock);
+    RecordLock lock(queue->lock);
     if (queue->queued.count >= queue->maxMsgs || queue->maxMsgLength < sizeof message)
         abort_within(kFatalMs);
     if (msgQSend(queue, &message, sizeof message, 0, 1) != 0)

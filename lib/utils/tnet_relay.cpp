@@ -14,6 +14,7 @@
 
 #include "base/deadline.h"
 #include "base/heap.h"
+#include "base/retry.h"
 #include "utils/tnet_cmd.h"
 
 namespace utils {
@@ -68,10 +69,7 @@ bool receive_chunk(Queue &queue, int socket) {
     auto *empty = allocate_zeroed<Chunk>();
     if (empty == nullptr)
         return false;
-    ssize_t n;
-    do {
-        n = recv(socket, chunk->data, sizeof chunk->data, 0);
-    } while (n < 0 && errno == EINTR);
+    ssize_t n = retry([=] { return recv(socket, chunk->data, sizeof chunk->data, 0); });
     if (n <= 0) {
         free(empty);
         return false;
@@ -86,16 +84,13 @@ bool receive_chunk(Queue &queue, int socket) {
 bool write_ready(Queue &queue, int out) {
     bool complete = true;
     while (complete && holds_data(queue)) {
-        ssize_t n = write_first(queue, out, complete);
-        if (n < 0 && errno == EINTR)
-            complete = true;
-        else if (n < 0 && errno != EAGAIN)
+        if (retry([&] { return write_first(queue, out, complete); }) < 0 && errno != EAGAIN)
             return false;
     }
     return true;
 }
 
-enum class Relay { finished, write_failed, select_failed };
+enum class Relay { kFinished, kWriteFailed, kSelectFailed };
 
 // Moves data until the daemon has finished.
 // The output is waited for only while there is something to write.
@@ -112,11 +107,11 @@ Relay relay(Queue &queue, int socket, int out) {
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready <= 0)
-            return Relay::select_failed;
+            return Relay::kSelectFailed;
         if (FD_ISSET(socket, &readable) && !receive_chunk(queue, socket))
-            return Relay::finished;
+            return Relay::kFinished;
         if (FD_ISSET(out, &writable) && !write_ready(queue, out))
-            return Relay::write_failed;
+            return Relay::kWriteFailed;
     }
 }
 
@@ -156,10 +151,10 @@ void relay_output(int socket, int out) {
         return;
     auto *empty = allocate_zeroed<Chunk>();
     Queue queue{empty, empty};
-    Relay end = empty != nullptr ? relay(queue, socket, out) : Relay::write_failed;
-    if (end == Relay::select_failed)
+    Relay end = empty != nullptr ? relay(queue, socket, out) : Relay::kWriteFailed;
+    if (end == Relay::kSelectFailed)
         return;  // as it stands, queue and flags included
-    if (fcntl(out, F_SETFL, flags) != -1 && end == Relay::finished)
+    if (fcntl(out, F_SETFL, flags) != -1 && end == Relay::kFinished)
         drain(queue, out);
     free_queue(queue);
 }

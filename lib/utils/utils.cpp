@@ -57,10 +57,12 @@ bool output_is_console() {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int console_printf(const char *format, ...) {
     va_list values;
     va_start(values, format);
-    int result = utils::print_on_console(format, values);
+    int result = print_on_console(format, values);
     va_end(values);
     return result;
 }
@@ -68,9 +70,9 @@ int console_printf(const char *format, ...) {
 int verbose_printf(const char *format, ...) {
     va_list values;
     va_start(values, format);
-    utils::print_on_console(format, values);
+    print_on_console(format, values);
     va_end(values);
-    if (utils::output_is_console())
+    if (output_is_console())
         return 0;
     va_start(values, format);
     int result = vprintf(format, values);
@@ -81,16 +83,16 @@ int verbose_printf(const char *format, ...) {
 int check_config_onoff(const char *name) {
     if (name == nullptr)
         return 0;
-    char path[utils::kPathSize];
+    char path[kPathSize];
     int length = snprintf(path, sizeof path, "%s/%s", CONFIG_SWITCH_DIRECTORY, name);
     if (length < 0 || static_cast<size_t>(length) >= sizeof path)
         return 1;
-    utils::Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+    Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
     if (!file)
         return 1;
     struct stat status {};
     if (fstat(file.get(), &status) != 0 || status.st_size == 0)
         return 0;
-    char text[utils::kSwitchSize] = {};
+    char text[kSwitchSize] = {};
     return read(file.get(), text, sizeof text) > 0 && strncasecmp(text, "on", 2) == 0 ? 1 : 0;
 }

@@ -72,6 +72,8 @@ void copy_plain(char *to, const char *value) {
 }  // namespace
 }  // namespace utils
 
+using namespace utils;
+
 int getStrElement(char *dst, char **cursor, const char *startTag, const char *endTag, int maxLen,
                   const char *prefix, const char *suffix, int mode) {
     if (dst == nullptr || cursor == nullptr || *cursor == nullptr || startTag == nullptr ||
@@ -96,19 +98,19 @@ int getStrElement(char *dst, char **cursor, const char *startTag, const char *en
     size_t behind = suffix != nullptr ? strlen(suffix) : 0;
     if (maxLen < 0 || before + behind > static_cast<size_t>(maxLen))
         return STR_ELEMENT_BAD_ARGUMENT;
-    utils::ValueSpan span{};
-    if (!utils::find_value(start, startTag, end, &span))
+    ValueSpan span{};
+    if (!find_value(start, startTag, end, &span))
         return STR_ELEMENT_UNCLOSED;
     if (*span.begin == span.closing) {
         advanced = span.begin;
         return 0;
     }
-    char *out = utils::put(dst, prefix, before);
-    char *stopped = utils::copy_value(span, &out, static_cast<size_t>(maxLen) - before - behind);
+    char *out = put(dst, prefix, before);
+    char *stopped = copy_value(span, &out, static_cast<size_t>(maxLen) - before - behind);
     if (stopped >= span.limit)
         return STR_ELEMENT_UNCLOSED;
     if (suffix != nullptr)
-        utils::put(out, suffix, behind + 1);
+        put(out, suffix, behind + 1);
     advanced = stopped;
     return static_cast<int>(static_cast<size_t>(out - dst) + behind);
 }
@@ -124,8 +126,8 @@ int formatWwn(const char *src, char *dst, int dstLen) {
                 dst[written++] = *src;
             continue;
         }
-        dst[written++] = utils::is_hex_digit(*src) ? *src : 'X';
-        if (utils::colon_follows(written))
+        dst[written++] = is_hex_digit(*src) ? *src : 'X';
+        if (colon_follows(written))
             dst[written++] = ':';
     }
     dst[written] = '\0';
@@ -137,10 +139,9 @@ int getWwnTagData(char **cursor, char *isn, char *wwn) {
         return UTILS_ERROR;
     char isn_value[WWN_TAG_SIZE];
     char wwn_value[WWN_TAG_SIZE];
-    if (!utils::read_attribute(cursor, "ISN=", isn_value) ||
-        !utils::read_attribute(cursor, "WWN=", wwn_value))
+    if (!read_attribute(cursor, "ISN=", isn_value) || !read_attribute(cursor, "WWN=", wwn_value))
         return UTILS_ERROR;
-    utils::copy_plain(isn, isn_value);
-    utils::copy_plain(wwn, wwn_value);
+    copy_plain(isn, isn_value);
+    copy_plain(wwn, wwn_value);
     return UTILS_OK;
 }

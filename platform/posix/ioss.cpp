@@ -14,7 +14,10 @@
 #include <new>
 
 #include "base/deadline.h"
+#include "base/retry.h"
 #include "base/thread.h"
+
+using namespace utils;
 
 namespace {
 
@@ -48,8 +51,8 @@ struct ioss_loop {
     std::atomic<int> stopping;  // a word: some processors exchange nothing smaller
     int watch_count;
     Watch watches[kMaxWatches];
-    utils::Mutex lock;
-    Poll polls[kMaxPolls] UTILS_GUARDED_BY(lock);
+    Mutex polls_mutex;
+    Poll polls[kMaxPolls] UTILS_GUARDED_BY(polls_mutex);
 };
 
 namespace {
@@ -60,7 +63,7 @@ int run_polls(ioss_loop &loop) {
     for (int i = 0; i < kMaxPolls; ++i) {
         Poll poll{};
         {
-            utils::MutexLock lock(loop.lock);
+            MutexLock lock(loop.polls_mutex);
             poll = loop.polls[i];
         }
         if (poll.function == nullptr)
@@ -74,8 +77,7 @@ int run_polls(ioss_loop &loop) {
 
 void drain(int wake) {
     uint64_t count = 0;
-    while (read(wake, &count, sizeof count) < 0 && errno == EINTR) {
-    }
+    retry([&] { return read(wake, &count, sizeof count); });
 }
 
 // Waits once and serves what is ready. 0, or -1 when poll() fails.
@@ -146,9 +148,8 @@ void ioss_unwatch(ioss_loop *loop, int descriptor) {
 
 void ioss_wake(uintptr_t loop) {
     uint64_t one = 1;
-    while (write(reinterpret_cast<ioss_loop *>(loop)->wake, &one, sizeof one) < 0 &&
-           errno == EINTR) {
-    }
+    int wake = reinterpret_cast<ioss_loop *>(loop)->wake;
+    retry([&] { return write(wake, &one, sizeof one); });
 }
 
 void ioss_stop(ioss_loop *loop) {
@@ -157,11 +158,11 @@ void ioss_stop(ioss_loop *loop) {
 }
 
 int ioss_run(ioss_loop *loop, int limit_ms) {
-    int64_t end = utils::monotonic_ms() + (limit_ms > 0 ? limit_ms : 0);
+    int64_t end = monotonic_ms() + (limit_ms > 0 ? limit_ms : 0);
     while (!loop->stopping.exchange(0)) {
         int timeout = run_polls(*loop);
         if (limit_ms >= 0) {
-            int64_t left = end - utils::monotonic_ms();
+            int64_t left = end - monotonic_ms();
             if (left <= 0)
                 return 0;
             timeout = sooner(timeout, static_cast<int>(left));
@@ -179,7 +180,7 @@ int ioss_create(void *arg, ioss_poll poll, uintptr_t, uintptr_t, uintptr_t) {
     errno = EINVAL;
     if (loop == nullptr || loop->marker != kMarker || poll == nullptr)
         return -1;
-    utils::MutexLock lock(loop->lock);
+    MutexLock lock(loop->polls_mutex);
     for (Poll &place : loop->polls) {
         if (place.function == nullptr) {
             place = {poll, arg};
@@ -194,7 +195,7 @@ int ioss_free(void *handle) {
     auto *loop = static_cast<ioss_loop *>(handle);
     if (loop == nullptr || loop->marker != kMarker)
         return -1;
-    utils::MutexLock lock(loop->lock);
+    MutexLock lock(loop->polls_mutex);
     for (Poll &place : loop->polls)
         place = Poll{};
     return 0;

@@ -1,5 +1,5 @@
 // Messages between processes: one Unix sequential-packet socket a daemon, and here the daemon's
-// side. One thread accepts, receives and runs the handlers; it alone closes connections. `lock`
+// side. One thread accepts, receives and runs the handlers; it alone closes connections. `server_mutex`
 // guards the tables, is never held while a handler runs or anything waits, and no other lock is
 // taken under it. A forked child drops its copies of the sockets, so that they end with the daemon.
 // A connection whose requester waits for an answer is the requester's to end; of the others those
@@ -53,17 +53,17 @@ struct Sockets {
     int wake;
 };
 
-Mutex lock;
-Handler handlers[IPC_HANDLERS_MAX] UTILS_GUARDED_BY(lock);
-Connection connections[kConnections] UTILS_GUARDED_BY(lock);
-uint32_t next_serial UTILS_GUARDED_BY(lock) = 1;
-bool opening UTILS_GUARDED_BY(lock) = false;
-bool serving UTILS_GUARDED_BY(lock) = false;
-bool closing UTILS_GUARDED_BY(lock) = false;
-bool fork_watched UTILS_GUARDED_BY(lock) = false;
-pthread_t server UTILS_GUARDED_BY(lock);
-Sockets sockets UTILS_GUARDED_BY(lock);
-sockaddr_un own_path UTILS_GUARDED_BY(lock);
+Mutex server_mutex;
+Handler handlers[IPC_HANDLERS_MAX] UTILS_GUARDED_BY(server_mutex);
+Connection connections[kConnections] UTILS_GUARDED_BY(server_mutex);
+uint32_t next_serial UTILS_GUARDED_BY(server_mutex) = 1;
+bool opening UTILS_GUARDED_BY(server_mutex) = false;
+bool serving UTILS_GUARDED_BY(server_mutex) = false;
+bool closing UTILS_GUARDED_BY(server_mutex) = false;
+bool fork_watched UTILS_GUARDED_BY(server_mutex) = false;
+pthread_t server UTILS_GUARDED_BY(server_mutex);
+Sockets sockets UTILS_GUARDED_BY(server_mutex);
+sockaddr_un own_path UTILS_GUARDED_BY(server_mutex);
 
 // Answers the requester behind a reply address, if it still waits.
 int send_reply(const ipc_address &address, int code, const void *data, uint32_t length) {
@@ -72,7 +72,7 @@ int send_reply(const ipc_address &address, int code, const void *data, uint32_t 
     char *rest;
     auto serial = static_cast<uint32_t>(strtoul(address.name, &rest, 10));
     uint32_t number = *rest == '.' ? static_cast<uint32_t>(strtoul(rest + 1, nullptr, 10)) : 0;
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     if (address.switch_no >= kConnections)
         return -EINVAL;
     Connection &connection = connections[address.switch_no];
@@ -89,14 +89,14 @@ int send_reply(const ipc_address &address, int code, const void *data, uint32_t 
     return -error;
 }
 
-void drop(Connection &connection) UTILS_REQUIRES(lock) {
+void drop(Connection &connection) UTILS_REQUIRES(server_mutex) {
     close(connection.fd);
     connection = Connection{};
 }
 
 // Ends a connection that waits for no answer. A request that has come before is served first; a
 // later one is refused where it is sent, so that its requester knows it has not arrived.
-void retire(Connection &connection) UTILS_REQUIRES(lock) {
+void retire(Connection &connection) UTILS_REQUIRES(server_mutex) {
     char byte;
     shutdown(connection.fd, SHUT_RD);
     connection.ending = recv(connection.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
@@ -106,7 +106,7 @@ void retire(Connection &connection) UTILS_REQUIRES(lock) {
 
 // Retires the connection that has been silent longest, of those that wait for no answer and have
 // had their time to ask. False when there is none.
-bool retire_oldest() UTILS_REQUIRES(lock) {
+bool retire_oldest() UTILS_REQUIRES(server_mutex) {
     int64_t now = monotonic_ms();
     Connection *oldest = nullptr;
     for (Connection &connection : connections) {
@@ -121,7 +121,7 @@ bool retire_oldest() UTILS_REQUIRES(lock) {
 }
 
 // A free entry, for which an old connection may have to go; null when none can.
-Connection *free_entry() UTILS_REQUIRES(lock) {
+Connection *free_entry() UTILS_REQUIRES(server_mutex) {
     do {
         for (Connection &connection : connections) {
             if (connection.serial == 0)
@@ -140,7 +140,7 @@ bool peer_is_trusted(int fd) {
 
 // False when there is no room for the next requester, or no descriptor.
 bool accept_requester(int listener) {
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     Connection *entry = free_entry();
     if (entry == nullptr)
         return false;
@@ -156,7 +156,7 @@ bool accept_requester(int listener) {
 
 // The handler of a request, which is now its connection's pending one; null for an unknown code.
 ipc_handler accept_request(int slot, const Packet &packet) {
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     for (const Handler &entry : handlers) {
         if (entry.function == nullptr || entry.code != packet.code())
             continue;
@@ -205,7 +205,7 @@ int list_work(const Sockets &own, bool accepting, Work &work) {
     work.count = 2;
     work.set[0] = {own.wake, POLLIN, 0};
     work.set[1] = {accepting ? own.listener : -1, POLLIN, 0};
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     int64_t now = monotonic_ms();
     for (int slot = 0; slot < kConnections; ++slot) {
         Connection &connection = connections[slot];
@@ -229,7 +229,7 @@ bool wait_for_work(const Sockets &own, bool accepting, Work &work) {
         // The limit of descriptors may have been lowered below what is open.
         if (errno != EINTR) {
             poll(nullptr, 0, static_cast<int>(kRetryMs));
-            MutexLock hold(lock);
+            MutexLock lock(server_mutex);
             retire_oldest();
         }
         for (pollfd &entry : work.set)
@@ -239,7 +239,7 @@ bool wait_for_work(const Sockets &own, bool accepting, Work &work) {
 }
 
 // Forgets everything that belongs to an open socket.
-void close_all() UTILS_REQUIRES(lock) {
+void close_all() UTILS_REQUIRES(server_mutex) {
     for (Connection &connection : connections) {
         if (connection.serial != 0)
             drop(connection);
@@ -254,13 +254,13 @@ void close_all() UTILS_REQUIRES(lock) {
 bool serve_connection(int slot) {
     Connection connection;
     {
-        MutexLock hold(lock);
+        MutexLock lock(server_mutex);
         connections[slot].last_ms = monotonic_ms();
         connection = connections[slot];
     }
     if (serve_request(slot, connection))
         return true;
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     drop(connections[slot]);
     return false;
 }
@@ -268,7 +268,7 @@ bool serve_connection(int slot) {
 void *serve(void *) {
     Sockets own;
     {
-        MutexLock hold(lock);
+        MutexLock lock(server_mutex);
         own = sockets;
     }
     Work work;
@@ -281,7 +281,7 @@ void *serve(void *) {
         if (work.set[1].revents != 0 && !accept_requester(own.listener))
             accept_ms = monotonic_ms() + kRetryMs;
     }
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     unlink(own_path.sun_path);
     close_all();
     return nullptr;
@@ -298,7 +298,7 @@ int start_thread(pthread_t *thread) {
 }
 
 // Opens the socket and starts its thread; the name is locked.
-int start_serving(const sockaddr_un &path) UTILS_REQUIRES(lock) {
+int start_serving(const sockaddr_un &path) UTILS_REQUIRES(server_mutex) {
     Descriptor listener(listen_at(path));
     if (!listener)
         return listener.get();
@@ -317,20 +317,20 @@ int start_serving(const sockaddr_un &path) UTILS_REQUIRES(lock) {
 }
 
 void before_fork() UTILS_NO_THREAD_SAFETY_ANALYSIS {
-    lock.lock();
+    server_mutex.lock();
 }
 void after_fork() UTILS_NO_THREAD_SAFETY_ANALYSIS {
-    lock.unlock();
+    server_mutex.unlock();
 }
 void after_fork_in_child() UTILS_NO_THREAD_SAFETY_ANALYSIS {
     if (serving)
         close_all();
     opening = false;
-    lock.unlock();
+    server_mutex.unlock();
 }
 
 __attribute__((destructor)) void remove_socket() {
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     if (serving)
         unlink(own_path.sun_path);
 }
@@ -351,7 +351,7 @@ int ipc_open(const ipc_address *own) {
     if (own == nullptr || own->node == kReplyNode || !socket_path(*own, path))
         return -EINVAL;
     {
-        MutexLock hold(lock);
+        MutexLock lock(server_mutex);
         if (serving || opening)
             return -EALREADY;
         if (!fork_watched)
@@ -360,7 +360,7 @@ int ipc_open(const ipc_address *own) {
     }
     NameLock name(path);
     int error = name.acquire();
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     opening = false;
     return error == 0 ? start_serving(path) : error;
 }
@@ -368,7 +368,7 @@ int ipc_open(const ipc_address *own) {
 int ipc_register(int code, ipc_handler handler) {
     if (handler == nullptr)
         return -EINVAL;
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     Handler *place = nullptr;
     for (Handler &entry : handlers) {
         if (entry.function != nullptr && entry.code == code) {
@@ -385,7 +385,7 @@ int ipc_register(int code, ipc_handler handler) {
 }
 
 int ipc_unregister(int code) {
-    MutexLock hold(lock);
+    MutexLock lock(server_mutex);
     for (Handler &entry : handlers) {
         if (entry.function != nullptr && entry.code == code) {
             entry.function = nullptr;
@@ -398,7 +398,7 @@ int ipc_unregister(int code) {
 void ipc_close(void) {
     pthread_t thread;
     {
-        MutexLock hold(lock);
+        MutexLock lock(server_mutex);
         uint64_t one = 1;
         if (!serving || closing || write(sockets.wake, &one, sizeof one) < 0)
             return;

@@ -1,4 +1,4 @@
-// The pool of kept connections. `lock` guards it, and that no other thread's descriptor escapes the
+// The pool of kept connections. `pool_mutex` guards it, and that no other thread's descriptor escapes the
 // child of a fork; a line in use belongs to its owner. A program may close descriptors that it does
 // not know, or put others in their place: a kept one is used
 // and closed only while it is still the same socket.
@@ -21,11 +21,11 @@ namespace {
 
 constexpr int kLines = 16;  // half of what a daemon takes: no process fills one by being idle
 
-Mutex lock;
-Line lines[kLines] UTILS_GUARDED_BY(lock);
+Mutex pool_mutex;
+Line lines[kLines] UTILS_GUARDED_BY(pool_mutex);
 pthread_once_t prepared = PTHREAD_ONCE_INIT;
-pthread_key_t thread_end UTILS_GUARDED_BY(lock);  // set in threads that have lines
-bool usable UTILS_GUARDED_BY(lock) = false;
+pthread_key_t thread_end UTILS_GUARDED_BY(pool_mutex);  // set in threads that have lines
+bool usable UTILS_GUARDED_BY(pool_mutex) = false;
 
 bool is_same_socket(const Line &line) {
     struct stat now {};
@@ -47,7 +47,7 @@ void free_line(Line &line) {
 }
 
 template <typename Condition>
-void free_lines(Condition condition) UTILS_REQUIRES(lock) {
+void free_lines(Condition condition) UTILS_REQUIRES(pool_mutex) {
     for (Line &line : lines) {
         if (line.pooled && condition(line))
             free_line(line);
@@ -55,30 +55,30 @@ void free_lines(Condition condition) UTILS_REQUIRES(lock) {
 }
 
 void before_fork() UTILS_NO_THREAD_SAFETY_ANALYSIS {
-    lock.lock();
+    pool_mutex.lock();
 }
 void after_fork() UTILS_NO_THREAD_SAFETY_ANALYSIS {
-    lock.unlock();
+    pool_mutex.unlock();
 }
 void after_fork_in_child() UTILS_NO_THREAD_SAFETY_ANALYSIS {
     free_lines([](const Line &) { return true; });
-    lock.unlock();
+    pool_mutex.unlock();
 }
 
 void on_thread_end(void *) {
-    MutexLock hold(lock);
+    MutexLock lock(pool_mutex);
     free_lines([](const Line &line) { return pthread_equal(line.owner, pthread_self()) != 0; });
 }
 
 void prepare() {
     bool fork_watched = pthread_atfork(before_fork, after_fork, after_fork_in_child) == 0;
-    MutexLock hold(lock);
+    MutexLock lock(pool_mutex);
     usable = fork_watched && pthread_key_create(&thread_end, on_thread_end) == 0;
 }
 
 // A free entry, for which the connection that has been idle longest may have to go; null when every
 // one is in use.
-Line *free_entry() UTILS_REQUIRES(lock) {
+Line *free_entry() UTILS_REQUIRES(pool_mutex) {
     Line *oldest = nullptr;
     for (Line &line : lines) {
         if (!line.pooled)
@@ -103,7 +103,7 @@ int open_socket() {
 }
 
 __attribute__((destructor)) void end_idle_lines() {
-    MutexLock hold(lock);
+    MutexLock lock(pool_mutex);
     free_lines([](const Line &line) { return !line.busy; });
     if (usable)
         pthread_key_delete(thread_end);
@@ -113,7 +113,7 @@ __attribute__((destructor)) void end_idle_lines() {
 
 Line *find_line(const ipc_address &address, int64_t now_ms) {
     Line *found = nullptr;
-    MutexLock hold(lock);
+    MutexLock lock(pool_mutex);
     for (Line &line : lines) {
         if (!line.pooled || line.busy)
             continue;
@@ -135,7 +135,7 @@ Line *find_line(const ipc_address &address, int64_t now_ms) {
 
 Line &new_line(const ipc_address &address, Line &spare) {
     pthread_once(&prepared, prepare);
-    MutexLock hold(lock);
+    MutexLock lock(pool_mutex);
     spare.fd = open_socket();
     if (spare.fd == -EMFILE || spare.fd == -ENFILE) {
         free_lines([](const Line &line) { return !line.busy; });
@@ -161,13 +161,13 @@ void keep_line(Line &line) {
     if (!line.pooled)
         return end_line(line);
     int64_t now_ms = monotonic_ms();
-    MutexLock hold(lock);
+    MutexLock lock(pool_mutex);
     line.last_ms = now_ms;
     line.busy = false;
 }
 
 void end_line(Line &line) {
-    MutexLock hold(lock);
+    MutexLock lock(pool_mutex);
     free_line(line);
 }
 

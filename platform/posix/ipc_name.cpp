@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "base/deadline.h"
+#include "base/file_lock.h"
 #include "base/trusted.h"
 #include "ipc_packet.h"
 
@@ -35,12 +36,9 @@ NameLock::~NameLock() {
 int NameLock::acquire() {
     if (!Descriptor(open_trusted_directory(AT_FDCWD, kDirectory, 0)))
         return -errno;
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
     for (int64_t end_ms = monotonic_ms() + kNameLimitMs;;) {
         int error = file_ ? 0 : open_file();
-        if (error == 0 && fcntl(file_.get(), F_SETLK, &whole) == 0) {
+        if (error == 0 && lock_file(file_.get(), F_WRLCK, F_SETLK) == 0) {
             if (is_in_place())
                 return 0;
             file_.reset();

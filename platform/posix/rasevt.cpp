@@ -19,6 +19,7 @@
 #include "base/last_words.h"
 #include "base/local_time.h"
 
+namespace utils {
 namespace {
 
 constexpr const char *kEventFile = "/var/log/rasevt";
@@ -42,7 +43,7 @@ size_t cut(int length, size_t size) {
 
 // A connection to the log daemon, or none; datagrams unless it takes streams only.
 int connect_to_log(int type) {
-    utils::Descriptor log(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Descriptor log(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     auto *address = reinterpret_cast<const sockaddr *>(&kSystemLog);
     if (log && connect(log.get(), address, sizeof kSystemLog) == 0)
         return log.release();
@@ -53,19 +54,18 @@ int connect_to_log(int type) {
 void send_to_system_log(const char *event, const tm &local) {
     static constexpr char kMonths[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    utils::Descriptor log(connect_to_log(SOCK_DGRAM));
+    Descriptor log(connect_to_log(SOCK_DGRAM));
     if (!log)
         return;
     char line[kLineSize + 128];
     int length = snprintf(line, sizeof line, "<%d>%s %2d %02d:%02d:%02d %s: %s", LOG_USER | LOG_ERR,
                           kMonths[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min,
                           local.tm_sec, program_invocation_short_name, event);
-    utils::write_until(utils::monotonic_ms() + kLogMs, log.get(), line,
-                       cut(length, sizeof line) + 1);
+    write_until(monotonic_ms() + kLogMs, log.get(), line, cut(length, sizeof line) + 1);
 }
 
 void append_to_event_file(const char *event, const tm &local) {
-    utils::Descriptor file(open(
+    Descriptor file(open(
         kEventFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0640));
     if (!file)
         return;
@@ -74,10 +74,13 @@ void append_to_event_file(const char *event, const tm &local) {
     char line[kLineSize + 128];
     int length = snprintf(line, sizeof line, "%s %s[%d] %s\n", when, program_invocation_short_name,
                           static_cast<int>(getpid()), event);
-    utils::write_until(utils::monotonic_ms(), file.get(), line, cut(length, sizeof line));
+    write_until(monotonic_ms(), file.get(), line, cut(length, sizeof line));
 }
 
 }  // namespace
+}  // namespace utils
+
+using namespace utils;
 
 int rasevt_log(const char *file, const char *function, int line, int, int, unsigned code, ...) {
     const char *text = "";
@@ -94,7 +97,7 @@ int rasevt_log(const char *file, const char *function, int line, int, int, unsig
         return 0;
     make_one_line(event, cut(length, sizeof event));
     tm local;
-    utils::local_time(time(nullptr), local);
+    local_time(time(nullptr), local);
     send_to_system_log(event, local);
     append_to_event_file(event, local);
     return 0;

@@ -7,31 +7,33 @@
 #include "base/thread.h"
 #include "base/wakeups.h"
 
-using utils::RecordLock;
+using namespace utils;
 
 int semaphore_init(semaphore_t *sem) {
-    if (int error = utils::init_monotonic(&sem->positive); error != 0)
+    if (int error = init_monotonic(&sem->positive); error != 0)
         return error;
     sem->value = 1;
     sem->wakeups = {0, 0, 0, getpid()};
-    return pthread_mutex_init(&sem->lock, nullptr);
+    int error = init_mutex(&sem->lock);
+    if (error != 0)
+        pthread_cond_destroy(&sem->positive);
+    return error;
 }
 
 int semaphore_down(semaphore_t *sem) {
     RecordLock lock(sem->lock);
     while (sem->value <= 0)
-        utils::counted_wait(sem->wakeups,
-                            [=] { return pthread_cond_wait(&sem->positive, &sem->lock); });
+        counted_wait(sem->wakeups, [=] { return pthread_cond_wait(&sem->positive, &sem->lock); });
     --sem->value;
     return 0;
 }
 
 int semaphore_down_to(semaphore_t *sem, int ms) {
-    timespec deadline = utils::deadline_after(ms > 0 ? ms : 0);
+    timespec deadline = deadline_after(ms > 0 ? ms : 0);
     auto wait = [&] { return pthread_cond_timedwait(&sem->positive, &sem->lock, &deadline); };
     RecordLock lock(sem->lock);
     while (sem->value <= 0) {
-        if (int error = utils::counted_wait(sem->wakeups, wait); error != 0)
+        if (int error = counted_wait(sem->wakeups, wait); error != 0)
             return error;
     }
     --sem->value;
@@ -41,7 +43,7 @@ int semaphore_down_to(semaphore_t *sem, int ms) {
 int semaphore_up(semaphore_t *sem) {
     pthread_mutex_lock(&sem->lock);
     ++sem->value;
-    utils::unlock_and_wake(sem->lock, sem->positive, sem->wakeups);
+    unlock_and_wake(sem->lock, sem->positive, sem->wakeups);
     return 0;
 }
 
@@ -58,7 +60,7 @@ int semaphore_count(semaphore_t *sem, int n) {
 }
 
 int semaphore_destroy(semaphore_t *sem) {
-    utils::await_signallers(sem->wakeups);
+    await_signallers(sem->wakeups);
     pthread_cond_destroy(&sem->positive);
     return pthread_mutex_destroy(&sem->lock);
 }

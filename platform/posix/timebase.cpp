@@ -19,6 +19,7 @@ uint64_t timebase_read(void) {
 
 #include "base/tick_rate.h"
 
+namespace utils {
 namespace {
 
 constexpr uint64_t kNanoseconds = 1000000000;
@@ -36,8 +37,8 @@ Scale scale;
 std::atomic<bool> scale_is_known{false};
 
 void read_rate() {
-    int32_t ticks = utils::ticks_from_file();
-    ticks = ticks > 0 ? ticks : utils::kDefaultTicksPerJiffy;
+    int32_t ticks = ticks_from_file();
+    ticks = ticks > 0 ? ticks : kDefaultTicksPerJiffy;
     scale.rate = static_cast<uint64_t>(sysconf(_SC_CLK_TCK)) * static_cast<uint64_t>(ticks);
     uint64_t part = (scale.rate % kNanoseconds) << 32;
     uint64_t rest = (part % kNanoseconds) << 32;
@@ -60,6 +61,9 @@ uint64_t upper_half(uint64_t large, uint64_t small) {
 }
 
 }  // namespace
+}  // namespace utils
+
+using namespace utils;
 
 uint64_t timebase_read(void) {
     timespec now;

@@ -19,16 +19,14 @@
 #include "base/heap.h"
 #include "base/held_signal.h"
 #include "base/process.h"
+#include "base/retry.h"
 #include "base/text.h"
 #include "base/thread.h"
 #include "base/trusted.h"
 #include "base/write_all.h"
 
+namespace utils {
 namespace {
-
-using utils::copy_text;
-using utils::Descriptor;
-using utils::MutexLock;
 
 constexpr size_t kFileNameSize = TRACE_PROGRAM_SIZE + TRACE_NAME_SIZE + 40;
 constexpr unsigned kCountedNames = 50;  // of one section, that end in "+1", "+2" and so on
@@ -47,9 +45,9 @@ struct Section {
     char file[kFileNameSize];
 };
 
-utils::Mutex lock;
-Section *sections UTILS_GUARDED_BY(lock);
-int next_handle UTILS_GUARDED_BY(lock);
+Mutex section_mutex;
+Section *sections UTILS_GUARDED_BY(section_mutex);
+int next_handle UTILS_GUARDED_BY(section_mutex);
 
 void replace_all(char *text, const char *unwanted) {
     for (char *at = strpbrk(text, unwanted); at != nullptr; at = strpbrk(at, unwanted))
@@ -66,7 +64,7 @@ void program_name(char (&program)[TRACE_PROGRAM_SIZE]) {
 // The directory itself may be planted by others.
 int open_directory() {
     bool made = mkdir(TRACE_DIRECTORY, 01777) == 0;
-    Descriptor directory(utils::open_trusted_directory(AT_FDCWD, TRACE_DIRECTORY, O_NOFOLLOW));
+    Descriptor directory(open_trusted_directory(AT_FDCWD, TRACE_DIRECTORY, O_NOFOLLOW));
     // Whatever the mask of this process is.
     if (made && directory && fchmodat(directory.get(), ".", 01777, 0) != 0)
         return -1;
@@ -85,7 +83,7 @@ int switch_number() {
 
 trace_owner make_owner() {
     pid_t self = getpid();
-    return {TRACE_OWNER_MAGIC, self, switch_number(), 0, utils::process_start(self)};
+    return {TRACE_OWNER_MAGIC, self, switch_number(), 0, process_start(self)};
 }
 
 // ---- The files of dead processes
@@ -158,7 +156,7 @@ void find_dead(int directory, const char *program, int switch_no, const trace_ow
     while (const dirent *entry = readdir(stream)) {
         if (!is_section(directory, entry->d_name, program, file) ||
             (file.owner.switch_no != switch_no && file.owner.switch_no != kNoSwitch) ||
-            utils::process_lives(file.owner.pid, file.owner.start))
+            process_lives(file.owner.pid, file.owner.start))
             continue;
         if (dead.count++ == 0 || older(dead.newest, file))
             dead.newest = file;
@@ -188,7 +186,7 @@ void remove_old_files(int directory, int switch_no) {
 
 // ---- New files
 
-bool is_in_use(const char *file, const trace_owner &self) UTILS_REQUIRES(lock) {
+bool is_in_use(const char *file, const trace_owner &self) UTILS_REQUIRES(section_mutex) {
     for (const Section *s = sections; s != nullptr; s = s->next) {
         if (same_process(s->owner, self) && strcmp(s->file, file) == 0)
             return true;
@@ -198,7 +196,7 @@ bool is_in_use(const char *file, const trace_owner &self) UTILS_REQUIRES(lock) {
 
 // Whether a program that this process ran before has left the file.
 bool is_forgotten(int directory, const char *file, const char *program, const trace_owner &self)
-    UTILS_REQUIRES(lock) {
+    UTILS_REQUIRES(section_mutex) {
     SectionFile found;
     return !is_in_use(file, self) && is_section(directory, file, program, found) &&
            same_process(found.owner, self);
@@ -207,7 +205,7 @@ bool is_forgotten(int directory, const char *file, const char *program, const tr
 // Creates a file with a name that nobody has. Taken names are left alone, be they those of other
 // sections or planted: behind the counted names come such that nobody can foretell. -1 on failure.
 int create_file(int directory, const char *name, int section, const trace_owner &self,
-                char (&file)[kFileNameSize]) UTILS_REQUIRES(lock) {
+                char (&file)[kFileNameSize]) UTILS_REQUIRES(section_mutex) {
     char program[TRACE_PROGRAM_SIZE];
     program_name(program);
     char clean[TRACE_NAME_SIZE - kSuffixSize];
@@ -222,7 +220,7 @@ int create_file(int directory, const char *name, int section, const trace_owner 
         if (fd >= 0 || (errno != EEXIST && errno != EINTR))
             return fd;
         snprintf(file + length, sizeof file - static_cast<size_t>(length), "+%u",
-                 copy <= kCountedNames ? copy : utils::unforeseen_number());
+                 copy <= kCountedNames ? copy : unforeseen_number());
     }
     return -1;
 }
@@ -230,11 +228,8 @@ int create_file(int directory, const char *name, int section, const trace_owner 
 // Sets the file's memory aside. An interrupted call starts again, so that it gets small pieces.
 bool allocate(int fd, off_t size) {
     for (off_t at = 0; at < size; at += kPiece) {
-        int error;
-        do
-            error = posix_fallocate(fd, at, std::min(kPiece, size - at));
-        while (error == EINTR);
-        if (error != 0)
+        off_t piece = std::min(kPiece, size - at);
+        if (retry_error([&] { return posix_fallocate(fd, at, piece); }) != 0)
             return false;
     }
     return true;
@@ -246,9 +241,9 @@ bool allocate(int fd, off_t size) {
 void *map_file(int directory, int fd, const char *name, size_t size, const trace_owner &owner) {
     auto end = static_cast<off_t>(size);
     auto length = static_cast<off_t>(sizeof owner);
-    utils::HeldSignal size_limit(SIGXFSZ);
+    HeldSignal size_limit(SIGXFSZ);
     if (allocate(fd, end + length) && lseek(fd, end, SEEK_SET) == end &&
-        utils::write_all(fd, &owner, sizeof owner)) {
+        write_all(fd, &owner, sizeof owner)) {
         void *address =
             mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
         if (address != MAP_FAILED)
@@ -260,16 +255,19 @@ void *map_file(int directory, int fd, const char *name, size_t size, const trace
 }
 
 }  // namespace
+}  // namespace utils
+
+using namespace utils;
 
 int trace_data_init(int *handle, int, unsigned size, const char *name, int section, void **address,
                     int) {
     if (handle == nullptr || address == nullptr || size == 0)
         return -1;
     Descriptor directory(open_directory());
-    utils::HeapBlock<Section> made(utils::allocate_zeroed<Section>());
+    HeapBlock<Section> made(allocate_zeroed<Section>());
     if (!directory || !made)
         return -1;
-    MutexLock guard(lock);
+    MutexLock lock(section_mutex);
     made->owner = make_owner();
     Descriptor fd(create_file(directory.get(), name, section, made->owner, made->file));
     if (!fd)
@@ -288,17 +286,17 @@ int trace_data_init(int *handle, int, unsigned size, const char *name, int secti
 }
 
 int trace_module_cleanup(int handle) {
-    MutexLock guard(lock);
+    MutexLock lock(section_mutex);
     Section **link = &sections;
     while (*link != nullptr && (*link)->handle != handle)
         link = &(*link)->next;
     if (*link == nullptr)
         return -1;
-    utils::HeapBlock<Section> section(*link);
+    HeapBlock<Section> section(*link);
     *link = section->next;
     munmap(section->address, section->size);
-    bool own = section->owner.pid == getpid() &&
-               utils::process_lives(section->owner.pid, section->owner.start);
+    bool own =
+        section->owner.pid == getpid() && process_lives(section->owner.pid, section->owner.start);
     Descriptor directory(own ? open_directory() : -1);
     if (directory)
         unlinkat(directory.get(), section->file, 0);
