@@ -169,6 +169,7 @@ int do_assert(const char *expr, const char *file, unsigned info, ...) {
     va_end(values);
 
     char message[kMessageSize];
+    // Kept: the nine blanks and the words "user mode" belong to the message.
     snprintf(message, sizeof message,
              "%s - Failed expression: %s,         file = %s, line = %u, user mode %s", failure.kind,
              failure.expr, failure.file, failure.line, failure.values);
@@ -181,7 +182,7 @@ int do_assert(const char *expr, const char *file, unsigned info, ...) {
     return finish(fatal, crashes, flags);
 }
 
-// Each wrapper reports the line on which it stands here; its caller's line is not used.
+// Kept: the line in a wrapper's report is the wrapper's own.
 #define UTILS_WRAPPER(name, kind, result, count, parameters, ...)                      \
     int name parameters {                                                              \
         do_assert(expr, file, QEL_CHECK_INFO(kind, count) __VA_OPT__(, ) __VA_ARGS__); \

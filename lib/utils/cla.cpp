@@ -74,7 +74,8 @@ int taken_at(const claFltrEntry *table, const char *option, const char *next) {
         if (*cursor != '-') {
             if (*cursor == '\0' || *cursor != table->letter)
                 continue;
-            ++cursor;  // for the records that follow, too
+            // Kept: a record that refuses a letter has moved the place for those after it.
+            ++cursor;
             if (*cursor != '\0') {
                 if (table->handler(cursor, table->arg) == 0)
                     return 1;

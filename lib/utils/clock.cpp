@@ -78,6 +78,7 @@ int write_ms_time(time_t seconds, int64_t microseconds, char *text) {
     if (text == nullptr)
         return 0;
     auto length = static_cast<size_t>(write_time(seconds, text));
+    // Kept: the fraction is always .000.
     return snprintf(text + length, CLOCK_MS_TIME_ROOM - length, ".%03" PRId64,
                     microseconds / 1000000);
 }
@@ -198,6 +199,7 @@ uint32_t perf_stop(perf_record *record) {
     uint32_t interval = now_ms() - record->start;
     record->total += interval;
     ++record->count;
+    // Kept: an interval of 0 is never the minimum.
     if (record->min == 0 || record->min > interval)
         record->min = interval;
     if (record->max == 0 || record->max < interval)

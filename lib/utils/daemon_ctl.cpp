@@ -240,6 +240,7 @@ int qelDRedirectOutput_impl(const char *path) {
     int fd = path != nullptr
                  ? open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666)
                  : -1;
+    // Kept: a path that cannot be opened is not an error.
     if (fd < 0)
         return 0;
     bool done = stand_in_for_output(fd);

@@ -225,7 +225,7 @@ qel_evlog_handle *qel_evlog_newHandle(qel_evlog_db *db, int entries, const char 
     }
     if (name == nullptr)
         name = "";
-    // No RecordLock: from here on a failure leaves the database locked.
+    // Kept: a creation that fails leaves the database locked.
     pthread_mutex_lock(&db->lock);
     if (db->next_section > QEL_EVLOG_MAX_SECTIONS) {
         printf("Exceed supported trace section section=%d\n", db->next_section);
@@ -308,6 +308,7 @@ void qel_evlog_entry_dump(FILE *stream, char *line, qel_evlog_entry *entry, int 
         return;
     }
     copy_text(line + length, QEL_EVLOG_LINE_SIZE - length, entry->text);
+    // Kept: an event without a newline loses its last character in a dump.
     line[strlen(line) - 1] = '\n';
 }
 

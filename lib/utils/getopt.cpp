@@ -29,6 +29,7 @@ bool enter_argument(Scan &scan) {
     char *argument = scan.current();
     if (argument == nullptr || argument[0] != '-')
         return false;
+    // Kept: every argument that begins with two dashes ends the options.
     if (argument[1] == '-') {
         ++scan.state.ind;
         return false;

@@ -155,6 +155,7 @@ bool convert_decimal(const Line &line, int64_t *value) {
     return done;
 }
 
+// Kept: a leading 0 means octal.
 // Decimal, or octal behind a 0.
 bool convert_any(const Line &line, int64_t *value) {
     long long number = 0;
@@ -201,6 +202,7 @@ int accept_hex(const getvalDesc &desc, const Line &line) {
     return store_number(desc, value);
 }
 
+// Kept: a single hexadecimal letter is no port.
 int accept_port_id(const getvalDesc &desc, const Line &line) {
     int64_t value = 0;
     if (!all_of(line, has_hex_prefix(line) ? 2 : 0, isxdigit))
@@ -295,6 +297,7 @@ int accept_wwn(const getvalDesc &desc, const Line &line) {
         if (!in_range(desc, static_cast<int32_t>(byte)))
             return refuse();
     }
+    // Kept: a name counts as new even when it is the current one.
     auto *name = static_cast<unsigned char *>(desc.value);
     for (unsigned byte : part)
         *name++ = static_cast<unsigned char>(byte);

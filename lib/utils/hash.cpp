@@ -194,6 +194,7 @@ void link_header(hash_table *table, LIST *bucket, hash_header *header) {
     index->insert({{word, header}, header->key});
 }
 
+// Kept: a value that the key has already is stored again.
 bool append_value(hash_header *header, uintptr_t value) {
     hash_block *last = as_block(header->elements.tail);
     if (last->used == HASH_BLOCK_VALUES) {

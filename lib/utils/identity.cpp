@@ -25,6 +25,7 @@ namespace {
 constexpr const char *kNodeFile = "/config/haconfig";
 constexpr const char *kUptimeFile = "/proc/uptime";
 constexpr const char *kDateFiles[] = {"/etc/korin/datefile0", "/etc/korin/datefile1"};
+// Kept: node 245 stands for "not read yet".
 constexpr int32_t kNodeUnread = 245;
 constexpr int32_t kUnread = -1;
 
@@ -135,6 +136,7 @@ int getMyPic(void) {
     return cached(pic, IDENTITY_ENV_PIC, IDENTITY_PIC_MAX);
 }
 
+// Kept: the result is always an error.
 int clafMySwitch(const char *text, void *out) {
     int32_t value = 0;
     if (clafGetInt(text, &value) == 0 && out != nullptr)

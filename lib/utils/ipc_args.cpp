@@ -285,6 +285,7 @@ int qelIpcSendRcv(void *address, int code, qelIpcArgBlock *block, qelIpcArgBlock
         return UTILS_ENOMEM;
     int result = ipcSendRcv(address, code, block, length, buffer.get(), &received, timeout);
     if (result != 0) {
+        // Kept: the reply of a failed exchange is never freed.
         // Not released: the platform may still hold the buffer of an exchange that it gave up.
         [[maybe_unused]] qelIpcArgBlock *kept = buffer.release();
         return result;

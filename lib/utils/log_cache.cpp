@@ -142,6 +142,7 @@ int dump_to_file() UTILS_REQUIRES(cache_mutex) {
     HeldSignal size_limit(SIGXFSZ);
     Replacement file(cache.path, 0644);
     auto room = static_cast<size_t>(cache.room);
+    // Kept: zero bytes may stand between the two generations of a dump.
     bool whole = file && (cache.wraps == 0 || write_all(file.get(), cache.write, room)) &&
                  write_all(file.get(), cache.start, static_cast<size_t>(cache.size) - room);
     if (!whole)

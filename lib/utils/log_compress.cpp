@@ -21,6 +21,7 @@ const char *line_at(const LineRows &history, int distance) {
     int slot = history.newest - distance;
     if (history.newest >= history.oldest)
         return slot > history.oldest ? history.slots[slot] : nullptr;
+    // Kept: a copy may refer to a line that was overwritten since.
     slot = (slot + kLineSlots) % kLineSlots;
     return slot >= 0 ? history.slots[slot] : nullptr;
 }
@@ -116,9 +117,11 @@ int log_compressLine(log_compressor *compressor, char *line) {
         compressor->capacity - compressor->written < kLineRoom)
         return -1;
     auto length = static_cast<int>(strnlen(line, LOG_COMPRESS_LINE_MAX));
+    // Kept: a line that is too long is cut in its caller's own buffer.
     if (line[length] != '\0')
         line[length] = '\0';
     compressor->written += compressor->code(line, length);
+    // Kept: an empty line enters the history of the coder alone.
     compressor->obuf[compressor->written++] = LOG_COMPRESS_END_OF_LINE;
     return 0;
 }

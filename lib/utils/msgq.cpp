@@ -173,6 +173,7 @@ int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms) {
     if (queue == nullptr)
         return 1;
     RecordLock lock(queue->lock);
+    // Kept: a receiver that another one overtakes ends before its time.
     // The wait is made once: when it ends early, it is not repeated.
     if (queue->queued.count == 0 && timeout_ms != UTILS_NO_WAIT)
         counted_wait(whole(*queue).wakeups, [=] {

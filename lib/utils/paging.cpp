@@ -149,6 +149,7 @@ int format_digits(char (&text)[SPRINT64_ROOM], uint64_t number, uint32_t base) {
     for (; number != 0; number /= base)
         digits[count++] = static_cast<uint32_t>(number % base);
     int length = 0;
+    // Kept: a digit above 9 is two decimal digits.
     while (count > 0)
         length += snprintf(text + length, sizeof text - static_cast<size_t>(length), "%u",
                            digits[--count]);
@@ -316,6 +317,7 @@ int less(void) {
 }
 
 int peek(void) {
+    // Kept: the name in the text is misspelt.
     not_ported("peak() not ported");
     return 0;
 }

@@ -49,6 +49,7 @@ std::atomic<bool> nice_already{false};
 int raise_nice() {
     KeptErrno error;
     MutexLock lock(priority_mutex);
+    // Kept: a nice value of 0 or below is sampled once.
     if (prio.holders == 0 && prio.saved_nice == kNoNice) {
         errno = 0;
         prio.saved_nice = getpriority(PRIO_PROCESS, 0);
@@ -257,7 +258,7 @@ int procrwlock_init(procrwlock_t *lck, int fd) {
     lck->l_readers = 0;
     lck->l_rwaiting = 0;
     lck->l_wwaiting = 0;
-    int error = pthread_mutex_init(&lck->l_mutex, nullptr);
+    int error = init_mutex(&lck->l_mutex);
     error = error != 0 ? error : pthread_cond_init(&lck->l_rcond, nullptr);
     error = error != 0 ? error : pthread_cond_init(&lck->l_wcond, nullptr);
     errno = error != 0 ? error : errno;

@@ -118,6 +118,7 @@ char *set(qelString *string, const char *text) {
     if (string == nullptr || text == nullptr)
         return nullptr;
     size_t n = strlen(text);
+    // Kept: `avail` may say less than the room there is.
     if (n >= string->size) {
         if (!resize(*string, uint64_t{n} + 2))
             return nullptr;

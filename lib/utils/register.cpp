@@ -199,6 +199,7 @@ int cb_unregister(uint32_t key1, int32_t key2, const cb_ops *classifier, int32_t
 }
 
 int cb_dispatch(uint32_t key1, int32_t key2, void *message, void *argument) {
+    // Kept: a dispatch takes the first group of both keys, whatever its classifier.
     int slot = slot_of(key1, key2);
     if (slot == CB_GROUPS_MAX)
         return 0;

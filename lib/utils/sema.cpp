@@ -46,6 +46,7 @@ int semaDelete(semaHandle sem) {
     return status;
 }
 
+// Kept: a binary semaphore that is given twice stands at 2.
 int semaGive(semaHandle sem) {
     return sem != nullptr && semaphore_up(sem) == 0 ? UTILS_OK : UTILS_ERROR;
 }

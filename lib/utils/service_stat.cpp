@@ -129,6 +129,7 @@ void serviceStat_stop(const char *label, const char *const names[], int switchNo
     FILE *out = report ? open_memstream(&text, &size) : nullptr;
     if (out == nullptr) {
         printf("\nfailed to open file %s\n", path);
+        // Kept: without a report file the lowest times become 0, not all ones.
         clear_table(0);
         return;
     }

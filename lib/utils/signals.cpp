@@ -105,6 +105,7 @@ int enter_core_directory(char *name) {
     text << "\nApplication '" << program << "'(pid " << static_cast<int>(getpid())
          << ") got exception " << number << ".\nwill dump core under " << QEL_CORE_DIRECTORY
          << "\n";
+    // Kept: the NUL behind the message is written, too.
     write_until(report_end, STDOUT_FILENO, text.text(), text.length() + 1);
     abort_within(kLastFlushMs);
     abort();

@@ -25,6 +25,7 @@ static_assert(offsetof(timer, state) < offsetof(timer, handler) &&
 namespace utils {
 namespace {
 
+// Kept: a timer that is due within 50 ms fires in this pass.
 constexpr int32_t kDueWithinMs = 49;
 constexpr unsigned kContextMax = 256;
 
@@ -235,6 +236,7 @@ void timer_callback(void) {
         remove(due);
         if ((due->flags & TIMER_PERIODIC) != 0) {
             due->delta = due->period;
+            // Kept: a periodic timer drifts by the lateness of each pass.
             due->expiry = now + due->period;
             insert(due);
         } else {

@@ -187,6 +187,7 @@ const char *run_command(int socket, Command &command, qelTnetCommand function) {
 // ---- requests to daemons
 
 int redirect_to_file(const qelTnetCmdDesc &daemon, const qelTnetRedirArgs &args) {
+    // Kept: the number is this process's switch, not the instance asked for.
     printf("Redirecting instance%d stdout/err to file %s...\n", getMySwitch(), args.text);
     int result = qelDRedirectOutput(args.text, daemon.daemon, daemon.code);
     if (result >= 0)

@@ -87,6 +87,7 @@ int check_config_onoff(const char *name) {
     int length = snprintf(path, sizeof path, "%s/%s", CONFIG_SWITCH_DIRECTORY, name);
     if (length < 0 || static_cast<size_t>(length) >= sizeof path)
         return 1;
+    // Kept: a switch file that is missing means on.
     Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
     if (!file)
         return 1;

@@ -21,13 +21,8 @@
 #include "ipc_packet.h"
 #include "ipc_request.h"
 
+namespace utils::ipc {
 namespace {
-
-using namespace utils::ipc;
-using utils::Descriptor;
-using utils::monotonic_ms;
-using utils::Mutex;
-using utils::MutexLock;
 
 constexpr int kConnections = 32;
 constexpr int64_t kGraceMs = 500;   // a connection's time for its first request
@@ -336,6 +331,10 @@ __attribute__((destructor)) void remove_socket() {
 }
 
 }  // namespace
+}  // namespace utils::ipc
+
+using namespace utils;
+using namespace utils::ipc;
 
 int ipcSend(void *address, int code, const void *data, uint32_t length, const uint32_t timeout[2]) {
     if (address == nullptr || (data == nullptr && length > 0))
