@@ -1,4 +1,5 @@
-# The commands of the project. Each installs the Debian packages it misses and says so.
+# The commands of the project. Packages are installed by "make deps" alone, which demo and test run first; the others
+# name what is missing and that command.
 SHELL := /bin/bash
 .SHELLFLAGS := -euo pipefail -c
 .DEFAULT_GOAL := help
@@ -7,32 +8,55 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 DESTDIR ?=
 SECONDS ?= 20
+FOR ?= demo test
 CCACHE := $(shell command -v ccache 2>/dev/null)
 export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev
 test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
-target_packages := g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
-bench_packages := $(build_packages) bubblewrap binutils libbenchmark-dev libglib2.0-dev libevent-dev libspdlog-dev zlib1g-dev \
-    libdeflate-dev libzstd-dev libuv1-dev libtbb-dev liblz4-dev python3 python3-matplotlib
+docs_packages := doxygen mandoc man-db help2man python3
 
 # The other processors and the other C library; ppc is "make target".
 corners := uchar s390x i686 aarch64 armhf riscv64 musl
-packages_s390x := g++-s390x-linux-gnu libc6-s390x-cross qemu-user
-packages_i686 := g++-i686-linux-gnu libc6-i386-cross
-packages_aarch64 := g++-aarch64-linux-gnu libc6-arm64-cross qemu-user
-packages_armhf := g++-arm-linux-gnueabihf libc6-armhf-cross qemu-user
-packages_riscv64 := g++-riscv64-linux-gnu libc6-riscv64-cross qemu-user
-packages_musl := musl-tools
 # One corner for each word size and byte order keeps a description of the binary interface.
 abi_corners := native ppc s390x i686
-abi_packages := $(build_packages) $(target_packages) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
 
-system_packages := $(target_packages) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
-docs_packages := doxygen mandoc man-db
-package_packages := $(build_packages) $(docs_packages) help2man debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap
+# What each target needs, under its name.
+packages_demo := $(build_packages) bubblewrap
+packages_native := $(test_packages)
+packages_target := $(test_packages) g++-powerpc-linux-gnu libc6-powerpc-cross qemu-user
+packages_test := $(packages_native) $(packages_target)
+packages_uchar := $(test_packages)
+packages_s390x := $(test_packages) g++-s390x-linux-gnu libc6-s390x-cross qemu-user
+packages_i686 := $(test_packages) g++-i686-linux-gnu libc6-i386-cross
+packages_aarch64 := $(test_packages) g++-aarch64-linux-gnu libc6-arm64-cross qemu-user
+packages_armhf := $(test_packages) g++-arm-linux-gnueabihf libc6-armhf-cross qemu-user
+packages_riscv64 := $(test_packages) g++-riscv64-linux-gnu libc6-riscv64-cross qemu-user
+packages_musl := $(test_packages) musl-tools
+packages_corners := $(foreach corner,$(corners),$(packages_$(corner)))
+packages_abi := $(packages_target) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
+packages_abi-update := $(packages_abi)
+packages_reproducible := $(build_packages)
+packages_target-system := $(packages_target) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
+packages_asan := $(test_packages)
+packages_tsan := $(test_packages)
+packages_clang := $(test_packages) clang
+packages_fuzz := $(build_packages) bubblewrap clang libclang-rt-14-dev
+packages_bench := $(build_packages) bubblewrap binutils libbenchmark-dev libglib2.0-dev libevent-dev libspdlog-dev \
+    zlib1g-dev libdeflate-dev libzstd-dev libuv1-dev libtbb-dev liblz4-dev python3 python3-matplotlib
+packages_bench-check := $(packages_bench)
+packages_format := clang-format git
+packages_lint := $(build_packages) clang clang-tidy clang-format cppcheck shellcheck graphviz git
+packages_docs := $(docs_packages)
+packages_package = $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap \
+    $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
+packages_install := $(build_packages)
+
 with_docs := $(if $(and $(shell command -v doxygen),$(shell command -v mandoc),$(shell command -v help2man)),ON,OFF)
+
+# Goes on when the packages of the target are there; else names them and how to get them.
+needs = @scripts/need $@ $(packages_$@)
 
 # build PRESET [option...]: configures and builds it, quietly unless something is wrong.
 define build
@@ -48,32 +72,37 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help demo test native target target-system corners $(corners) asan tsan clang fuzz bench bench-check lint format docs package install \
+.PHONY: help deps demo test native target target-system corners $(corners) asan tsan clang fuzz bench bench-check lint format docs package install \
     abi abi-update $(abi_corners:%=libraries-%) reproducible clean ci
 
 help: ## This list
-	@grep -hE '^[a-z-]+:.*##' Makefile | sed -E 's/:.*## /|/' | column -t -s '|'
+	@sed -nE 's/^([a-z-]+):.*## (.*)/\1|\2/p' Makefile | while IFS='|' read -r name what; do printf '%-15s %s\n' "$$name" "$$what"; done
+
+deps: ## Install the Debian packages that targets need: make deps FOR="docs lint" (default: demo and test)
+	@scripts/need --install "$(FOR)" $(sort $(foreach target,$(FOR),$(if $(packages_$(target)),$(packages_$(target)),$(error no packages are listed for '$(target)'))))
 
 demo: ## Show the library at its main job: a daemon at work
-	@scripts/need $(build_packages) bubblewrap
+	@$(MAKE) deps FOR=demo
 	$(call build,demo)
 	@examples/demo build/demo
 
-test: native target ## Run the tests on this machine, then on the target's processor
+test: ## Run the tests on this machine, then on the target's processor
+	@$(MAKE) deps FOR=test
+	@$(MAKE) native target
 	@echo "make test: all tests passed, on this machine and on the target"
 
 native: ## Run the tests on this machine
-	@scripts/need $(test_packages)
+	$(needs)
 	$(call check,native)
 
 target: ## Cross-build for 32-bit big-endian PowerPC and run the same tests under the emulator
-	@scripts/need $(test_packages) $(target_packages)
+	$(needs)
 	$(call check,ppc)
 
 corners: $(corners) ## Run the tests or the examples on every other processor and C library, each a target of its own
 
 $(corners):
-	@scripts/need $(test_packages) $(packages_$@)
+	$(needs)
 	$(call check,$@)
 
 abi: $(abi_corners:%=libraries-%) ## Hold the binary interface against its description below abi/
@@ -83,63 +112,63 @@ abi-update: $(abi_corners:%=libraries-%) ## Store the description of the binary 
 	@scripts/abi update $(abi_corners)
 
 $(abi_corners:%=libraries-%): libraries-%:
-	@scripts/need $(abi_packages)
+	@scripts/need abi $(packages_abi)
 	$(call build,$*,--target utils utils-platform)
 
 reproducible: ## Build the libraries in two folders and compare them byte by byte
-	@scripts/need $(build_packages)
+	$(needs)
 	@scripts/reproducible
 
 target-system: ## Run the test programs on a kernel of the target in an emulated machine
-	@scripts/need $(test_packages) $(system_packages)
+	$(needs)
 	$(call build,ppc)
 	@scripts/target-system
 
 asan: ## Run the tests under the address and undefined behaviour sanitizers
-	@scripts/need $(test_packages)
+	$(needs)
 	$(call check,asan)
 
 tsan: ## Run the tests under the thread sanitizer
-	@scripts/need $(test_packages)
+	$(needs)
 	$(call check,tsan)
 
 clang: ## Build everything with clang++ (warnings are errors) and run the tests
-	@scripts/need $(test_packages) clang
+	$(needs)
 	$(call check,clang)
 
 fuzz: ## Run every fuzz target for SECONDS (default 20)
-	@scripts/need $(build_packages) bubblewrap clang libclang-rt-14-dev
+	$(needs)
 	$(call build,fuzz)
 	@scripts/fuzz build/fuzz $(SECONDS)
 
 bench: ## Run the benchmarks, ours and their peers side by side, all or FAMILY=name; draws docs/bench
-	@scripts/need $(bench_packages)
+	$(needs)
 	$(call build,bench)
 	@scripts/bench $(FAMILY)
 
 bench-check: ## The same; fails when a goal of bench/goals.json is missed twice in a row
-	@scripts/need $(bench_packages)
+	$(needs)
 	$(call build,bench)
 	@scripts/bench --check $(FAMILY)
 
 format: ## Format the sources
-	@scripts/need clang-format
+	$(needs)
 	@git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format -i
 
 lint: ## Check the format, the house rules and the code with static analysers
-	@scripts/need $(build_packages) clang clang-tidy clang-format cppcheck shellcheck graphviz
+	$(needs)
 	@scripts/lint
 
 docs: ## Make the API reference (build/docs/html) and the manual pages (build/docs/man)
-	@scripts/need $(docs_packages)
+	$(needs)
 	@scripts/docs build/docs
 
 package: ## Build the Debian packages into dist/ and check them; ARCH=powerpc for the target's
-	@scripts/need $(package_packages) $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
+	$(needs)
 	@scripts/package $(ARCH)
 
 install: ## Install into DESTDIR and PREFIX (default /usr/local)
-	@scripts/need $(build_packages)
+	$(needs)
 	@cmake -G Ninja -S . -B build/install -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
 	    -DUTILS_TESTS=OFF -DUTILS_DOCS=$(with_docs) > /dev/null
 	@cmake --build build/install --parallel $(JOBS)
