@@ -38,7 +38,8 @@ install(FILES share/gdb/libutils-gdb.py RENAME libutils.so.${UTILS_SOVERSION}-gd
 
 if(UTILS_DOCS)
     file(GLOB documented CONFIGURE_DEPENDS include/utils/*.h platform/include/utils/platform/*.h
-         platform/posix/include/utils/platform/posix/*.h lib/daemon/include/utils/*.h docs/* examples/mini/*.c)
+         platform/posix/include/utils/platform/posix/*.h lib/daemon/include/utils/*.h docs/* docs/man/*.7
+         examples/mini/*.c)
     add_custom_command(OUTPUT docs/man/man3 COMMAND ${PROJECT_SOURCE_DIR}/scripts/docs ${PROJECT_BINARY_DIR}/docs
                        DEPENDS ${documented} scripts/docs scripts/manpages lib/utils/libutils.map
                        COMMENT "Making the manual pages" VERBATIM)

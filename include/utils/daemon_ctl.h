@@ -50,7 +50,7 @@ UTILS_BEGIN_DECLS
  * @param code   the message code of its redirect handler
  * @return the daemon's status (0, -1, UTILS_EINVAL, UTILS_EAGAIN or QELD_NO_MESSAGE), 0 when the
  *         exchange fails, UTILS_EINVAL when @p path or @p daemon is null, UTILS_ENOMEM when the
- * request cannot be encoded
+ *         request cannot be encoded
  */
 int qelDRedirectOutput(const char *path, const char *daemon, int code);
 

@@ -32,7 +32,13 @@ int ipcSendRcv(void *address, int code, const void *request, uint32_t requestLen
 
 /**
  * Sends one message without waiting; a handler passes the address and code it was called with and
- * so answers its request. @return 0, or a negated errno value when it cannot be delivered
+ * so answers its request.
+ * @param address an ipc_address, or the reply address of a handler
+ * @param code    the message's code
+ * @param data    its bytes
+ * @param length  their number
+ * @param timeout as for ipcSendRcv(), for the delivery alone
+ * @return 0, or a negated errno value when it cannot be delivered
  */
 int ipcSend(void *address, int code, const void *data, uint32_t length, const uint32_t timeout[2]);
 

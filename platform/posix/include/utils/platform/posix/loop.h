@@ -25,7 +25,8 @@ typedef void (*ioss_ready)(void *arg, int descriptor);
 ioss_loop *ioss_loop_create(void);
 /** Frees the loop; it must not run, and nobody may wake it any more. Null is ignored. */
 void ioss_loop_destroy(ioss_loop *loop);
-/** Watches @p descriptor (one of at most 64). @return 0, or -1 when there is no room left */
+/** Watches @p descriptor (one of at most 64): @p ready is called with @p arg when it is readable.
+ * @return 0, or -1 when there is no room left */
 int ioss_watch(ioss_loop *loop, int descriptor, ioss_ready ready, void *arg);
 /** Stops watching @p descriptor; allowed inside a ready callback. */
 void ioss_unwatch(ioss_loop *loop, int descriptor);
