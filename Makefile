@@ -141,10 +141,10 @@ fuzz: ## Run every fuzz target for SECONDS (default 20)
 	$(call build,fuzz)
 	@scripts/fuzz build/fuzz $(SECONDS)
 
-bench: ## Run the benchmarks, ours and their peers side by side, all or FAMILY=name; draws docs/bench
+bench: ## Run the benchmarks, ours and their peers side by side, all or FAMILY=name, BEFORE=folder of older libraries; draws docs/bench
 	$(needs)
 	$(call build,bench)
-	@scripts/bench $(FAMILY)
+	@scripts/bench $(if $(BEFORE),--before $(BEFORE)) $(FAMILY)
 
 bench-check: ## The same; fails when a goal of bench/goals.json is missed twice in a row
 	$(needs)

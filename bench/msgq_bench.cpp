@@ -88,6 +88,43 @@ class Deque {
     std::deque<Slot> messages_;
 };
 
+// The same with messages that are structs and go in and out by value.
+template <size_t kSize>
+class DequeOfStructs {
+  public:
+    bool send(const void *message, size_t length) {
+        Message sent;
+        sent.length = length;
+        memcpy(sent.bytes, message, length);
+        {
+            std::lock_guard lock(mutex_);
+            if (messages_.size() >= kRoom)
+                return false;
+            messages_.push_back(sent);
+        }
+        not_empty_.notify_one();
+        return true;
+    }
+    void receive(void *buffer, size_t size) {
+        std::unique_lock lock(mutex_);
+        not_empty_.wait(lock, [this] { return !messages_.empty(); });
+        Message got = messages_.front();
+        messages_.pop_front();
+        lock.unlock();
+        memcpy(buffer, got.bytes, std::min(got.length, size));
+    }
+
+  private:
+    struct Message {
+        size_t length;
+        unsigned char bytes[kSize];
+    };
+
+    std::mutex mutex_;
+    std::condition_variable not_empty_;
+    std::deque<Message> messages_;
+};
+
 template <typename Queue, size_t kSize>
 void one_thread(benchmark::State &state) {
     Queue queue;
@@ -208,6 +245,8 @@ void add_one_thread() {
     std::string group = "one_thread_" + std::to_string(kSize);
     benchmark::RegisterBenchmark((group + "/ours").c_str(), one_thread<Ours<kSize>, kSize>);
     benchmark::RegisterBenchmark((group + "/std").c_str(), one_thread<Deque<kSize>, kSize>);
+    benchmark::RegisterBenchmark((group + "/std-structs").c_str(),
+                                 one_thread<DequeOfStructs<kSize>, kSize>);
 }
 
 template <typename OurQueue, typename TheirQueue>

@@ -2,7 +2,7 @@
 // the first due time and is woken when that comes nearer), beside the chain walked from its head,
 // and beside libevent and GLib's main loop.
 //
-// - cancel_set_10, live_N: one of N armed timers is stopped and set again, 10 to 20 s ahead.
+// - cancel_set_N: one of N armed timers is stopped and set again, 10 to 20 s ahead.
 // - expire_1000: a thousand timers are set, due at once, and fired; one item is one timer.
 // - load_N: N armed timers, one of them set again for each message that a worker takes from a queue
 //   of 4,096, which its sender keeps full to the brim: the highest rate at which none is refused.
@@ -53,8 +53,11 @@ class Ours {
             t = timer_create_r(
                 nullptr, [](uintptr_t, uintptr_t) {}, 0, 0);
     }
-    // The service's thread ends, too: the engine alone is measured elsewhere.
+    // The service's thread ends, too: the engine alone is measured elsewhere. The first ones go
+    // first, which no library has to look for.
     ~Ours() {
+        std::sort(timers_.begin(), timers_.end(),
+                  [](timerHandle a, timerHandle b) { return a->expiry < b->expiry; });
         for (timerHandle t : timers_)
             timer_delete_r(t);
         timer_close_r();
@@ -363,7 +366,7 @@ class GlibLoad {
 // Messages refused by a worker that 50,000 a second are sent to.
 template <typename Load>
 int refused_at_a_steady_rate(Load &load, size_t peers) {
-    constexpr int kMessages = 4 * kQueueLength;
+    constexpr int kMessages = 2 * kQueueLength;
     auto begin = std::chrono::steady_clock::now();
     int refused = 0;
     for (int i = 0; i < kMessages; ++i) {
@@ -397,8 +400,10 @@ void prepare() {
     struct {
         const char *group;
         int64_t live;
-    } groups[] = {
-        {"cancel_set_10", 10}, {"live_1000", 1000}, {"live_10000", 10000}, {"live_100000", 100000}};
+    } groups[] = {{"cancel_set_10", 10},
+                  {"cancel_set_1000", 1000},
+                  {"cancel_set_10000", 10000},
+                  {"cancel_set_100000", 100000}};
     for (auto [group, live] : groups) {
         auto add = [&, name = std::string(group), count = live](const char *side, auto function) {
             benchmark::RegisterBenchmark((name + side).c_str(), function)->Arg(count);

@@ -45,8 +45,9 @@ Priority prio UTILS_GUARDED_BY(priority_mutex);
 // The saved nice value is 0 or below: it is never sampled anew, and holders need not be counted.
 std::atomic<bool> nice_already{false};
 
-// Enters the set of holders, at nice 0 from the first one on; errno stays when that succeeds.
-int raise_nice() {
+// Enters the set of holders, at nice 0 from the first one on; errno stays when that succeeds. Both
+// are out of the way of a process that needs neither.
+__attribute__((cold, noinline)) int raise_nice() {
     KeptErrno error;
     MutexLock lock(priority_mutex);
     // Kept: a nice value of 0 or below is sampled once.
@@ -67,7 +68,7 @@ int raise_nice() {
 }
 
 // Leaves it; the last one gets the old value back. errno stays when that succeeds.
-int lower_nice() {
+__attribute__((cold, noinline)) int lower_nice() {
     KeptErrno error;
     MutexLock lock(priority_mutex);
     --prio.holders;
@@ -234,7 +235,8 @@ int unlock_record(procrwlock_t *lck, bool reading) {
         }
         // Nobody's lock has raised nothing.
         raised = lck->l_state != PROCRWLOCK_FREE && lck->l_lowered == 0;
-        lck->l_lowered = 0;
+        if (lck->l_lowered != 0)
+            lck->l_lowered = 0;
         result = body(*lck);
     }
     // The old priority comes back whatever `result` is.
