@@ -354,7 +354,7 @@ bool is_known(int32_t type) {
            type == GETVAL_KEY_LEN || (type >= GETVAL_WWN && type <= GETVAL_STRING_TRIM_23);
 }
 
-int accept(const getvalDesc &desc, Line &line) {
+int take_answer(const getvalDesc &desc, Line &line) {
     if (is_text(desc.type))
         return accept_text(desc, line);
     line.cut_last();
@@ -396,7 +396,7 @@ int getval(const char *label, getvalDesc *desc) {
         prompt(label, *desc);
         if (!read_line(line) || line.text[0] == '\n')
             return 0;
-        result = accept(*desc, line);
+        result = take_answer(*desc, line);
     }
     return result;
 }
