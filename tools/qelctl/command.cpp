@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -121,12 +122,27 @@ struct CommandLine {
     int timeout = kDefaultTimeout;
 };
 
-void run_command(const CommandLine &line) {
-    Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
-    if (daemon.get() < 0 && errno == EAGAIN)
-        throw Failure(line.daemon + " takes no more connections", kNoAnswer);
-    if (daemon.get() < 0)
-        throw no_such_daemon(line.daemon);
+ucred peer_of(const Socket &daemon) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(daemon.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+        throw system_failure("cannot tell who answers");
+    return peer;
+}
+
+// Who can write to the sockets' directory can stand there in a daemon's place. Trusted are root,
+// our own user, and the one that root lets write the daemon's pid file.
+void require_trusted(const std::string &daemon, const ucred &peer) {
+    std::string pid_file =
+        kPidDirectory + ("/" + daemon + "." + std::to_string(getMySwitch()) + ".pid");
+    struct stat owned {};
+    if (peer.uid != 0 && peer.uid != geteuid() &&
+        (lstat(pid_file.c_str(), &owned) != 0 || owned.st_uid != peer.uid))
+        throw Failure(daemon + " is served by " + user_name(peer.uid) + ", who is not trusted");
+}
+
+// Sends the words to the daemon and copies what it says to `out`.
+void relay(const Socket &daemon, const CommandLine &line, int out) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
         throw system_failure("cannot make a channel");
@@ -136,7 +152,7 @@ void run_command(const CommandLine &line) {
     for (const std::string &word : line.words)
         words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
-    bool in_time = true, to_terminal = isatty(STDOUT_FILENO) == 1;
+    bool in_time = true, to_terminal = isatty(out) == 1;
     std::exception_ptr failure;
     std::thread carrier([&] {
         try {
@@ -146,7 +162,7 @@ void run_command(const CommandLine &line) {
         }
         shutdown(theirs.get(), SHUT_RDWR);
     });
-    qelTnetCmd(ours.get(), static_cast<int>(line.words.size()), words.data(), STDOUT_FILENO);
+    qelTnetCmd(ours.get(), static_cast<int>(line.words.size()), words.data(), out);
     shutdown(ours.get(), SHUT_RDWR);
     carrier.join();
     if (failure)
@@ -154,6 +170,37 @@ void run_command(const CommandLine &line) {
     if (!in_time)
         throw Failure(line.daemon + " did not answer within " + std::to_string(line.timeout) + " s",
                       kNoAnswer);
+}
+
+// What this process's last command gave, by the daemon's own word; 0 from one that keeps no results
+// and from one that has ended.
+int command_result(const CommandLine &line, const ucred &first) {
+    Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
+    if (daemon.get() < 0 || peer_of(daemon).pid != first.pid)
+        return 0;
+    Socket answer(memfd_create("result", MFD_CLOEXEC));
+    relay(daemon, {line.daemon, {"result"}, line.timeout}, answer.get());
+    char text[16] = {};
+    char *end = text;
+    if (pread(answer.get(), text, sizeof text - 1, 0) <= 0)
+        return 0;
+    long result = strtol(text, &end, 10);
+    return end != text && *end == '\n' ? static_cast<int>(result) : 0;
+}
+
+void run_command(const CommandLine &line) {
+    Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
+    if (daemon.get() < 0 && errno == EAGAIN)
+        throw Failure(line.daemon + " takes no more connections", kNoAnswer);
+    if (daemon.get() < 0)
+        throw no_such_daemon(line.daemon);
+    ucred peer = peer_of(daemon);
+    require_trusted(line.daemon, peer);
+    relay(daemon, line, STDOUT_FILENO);
+    daemon.close();
+    if (int result = command_result(line, peer); result != 0)
+        throw Failure(line.daemon + ": " + line.words[0] + " gave " + std::to_string(result),
+                      result > 0 && result <= 255 ? result : kFailed);
 }
 
 // "HOST:PORT" for a word without '/', with the host as a dotted address. False for a path.
