@@ -130,7 +130,7 @@ void *watch(void *) {
 }
 
 uint32_t told_events(uint32_t events) {
-    return ((events & (EPOLLIN | EPOLLRDHUP)) != 0 ? DAEMON_READABLE : 0) |
+    return ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP)) != 0 ? DAEMON_READABLE : 0) |
            ((events & EPOLLOUT) != 0 ? DAEMON_WRITABLE : 0) |
            ((events & (EPOLLERR | EPOLLHUP)) != 0 ? DAEMON_BROKEN : 0);
 }

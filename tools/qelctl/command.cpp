@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "daemons.h"
@@ -34,6 +35,7 @@ namespace qelctl {
 namespace {
 
 constexpr int kDefaultTimeout = 20;
+constexpr int kResultSeconds = 2;
 
 class Socket {
   public:
@@ -83,8 +85,11 @@ bool send_all(int fd, const std::string &text) {
 // daemon has been silent for `timeout_ms`; checks what it says when that goes to a terminal.
 // Whether it ended in time.
 bool carry(int channel, int daemon, int timeout_ms, bool to_terminal) {
-    bool asking = true;
+    bool asking = true, heard = true;
     TextFilter filter;
+    // A daemon that ends the connection at once must not keep the command from being sent.
+    pollfd asked{channel, POLLIN, 0};
+    poll(&asked, 1, timeout_ms);
     while (true) {
         pollfd ends[2] = {{daemon, POLLIN, 0}, {asking ? channel : -1, POLLIN, 0}};
         int ready = poll(ends, 2, timeout_ms);
@@ -98,9 +103,10 @@ bool carry(int channel, int daemon, int timeout_ms, bool to_terminal) {
         char bytes[4096];
         if (ends[1].revents != 0) {
             ssize_t count = recv(channel, bytes, sizeof bytes, 0);
-            if (count > 0 && !send_all(daemon, bytes, static_cast<size_t>(count)))
-                return true;
             asking = count > 0;
+            // One that hears nothing more may have said why.
+            if (asking && heard)
+                heard = send_all(daemon, bytes, static_cast<size_t>(count));
         }
         if (ends[0].revents != 0) {
             ssize_t count = recv(daemon, bytes, sizeof bytes, 0);
@@ -172,10 +178,12 @@ void relay(const Socket &daemon, const CommandLine &line, int out) {
                       kNoAnswer);
 }
 
-// What this process's last command gave, by the daemon's own word; 0 from one that keeps no results
-// and from one that has ended.
-int command_result(const CommandLine &line, const ucred &first) {
+// Asks for what this process's last command gave, by the daemon's own word: 0 from one that keeps
+// no results and from one that has ended, nothing from one that has no room for us now.
+std::optional<int> kept_result(const CommandLine &line, const ucred &first) {
     Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
+    if (daemon.get() < 0 && errno == EAGAIN)
+        return std::nullopt;
     if (daemon.get() < 0 || peer_of(daemon).pid != first.pid)
         return 0;
     Socket answer(memfd_create("result", MFD_CLOEXEC));
@@ -185,7 +193,17 @@ int command_result(const CommandLine &line, const ucred &first) {
     if (pread(answer.get(), text, sizeof text - 1, 0) <= 0)
         return 0;
     long result = strtol(text, &end, 10);
+    if (strncmp(text, "too many", 8) == 0)
+        return std::nullopt;
     return end != text && *end == '\n' ? static_cast<int>(result) : 0;
+}
+
+int command_result(const CommandLine &line, const ucred &first) {
+    std::optional<int> result;
+    if (!holds_before(deadline_in(kResultSeconds),
+                      [&] { return (result = kept_result(line, first)).has_value(); }))
+        throw Failure(line.daemon + " takes no more connections", kNoAnswer);
+    return *result;
 }
 
 void run_command(const CommandLine &line) {
