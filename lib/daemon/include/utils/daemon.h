@@ -282,7 +282,7 @@ void daemon_status(const char *text);
 
 /** @} */
 /** @name Ready-made commands for the table
- *  @{ */
+ *  Each ignores its @p argc words in @p argv, writes to @p out, and returns 0 or 1. @{ */
 
 /** Command: dumps the event logs. */
 int daemon_cmd_events(int argc, char **argv, FILE *out);
