@@ -64,15 +64,6 @@ expect 0 'hello .* has ended|has ended' qelctl exit hello
 wait "$hello" || fail "the orderly end gives $?"
 same "$(files hello)" "hello.0.lock " "left after the orderly end"
 
-# A client that says nothing holds nobody up, sixteen are served, the next is told.
-hello_daemon -n many & many=$!
-await qelctl cmd many version
-for ((i = 0; i < 20; ++i)); do (exec socat -u UNIX-CONNECT:/run/korin/many.0.cmd - >/dev/null) & done
-await sh -c "qelctl cmd many version | grep -q 'too many commands'"
-expect 3 'takes no more connections' qelctl cmd many version
-await qelctl cmd many version
-kill "$many" && wait "$many" || fail "SIGTERM gives $?"
-
 # Each way to end: the status, and what is left. The shell's own words about it are of no interest.
 ends() { # SIGNAL STATUS
     local status=0

@@ -254,6 +254,22 @@ TEST(Daemon, StrangersAreNotHeard) {
     EXPECT_EQ(said("guarded", {"version"}), "");
 }
 
+TEST(Daemon, OfSeventeenSilentClientsOneIsRefusedAndTheOthersGoInTime) {
+    daemon_spec spec{};
+    spec.name = "many";
+    Running daemon(spec);
+    int clients[DAEMON_CLIENTS_MAX + 1];
+    for (int &client : clients)
+        client = stream_at("/run/korin/many.0.cmd", SOCK_STREAM, connect);
+    char text[64] = {};
+    EXPECT_EQ(recv(clients[DAEMON_CLIENTS_MAX], text, sizeof text, 0), 26);
+    EXPECT_STREQ(text, "too many commands at once\n");
+    EXPECT_EQ(recv(clients[0], text, sizeof text, 0), 0) << "silent for too long";
+    for (int client : clients)
+        close(client);
+    EXPECT_TRUE(eventually([] { return said("many", {"result"}) == "1\n"; }));
+}
+
 int32_t add_up(const void *data, uint32_t length, void *reply, uint32_t *reply_length, void *) {
     int32_t sum = main_thread() ? 0 : -99;
     for (uint32_t i = 0; i < length; ++i)

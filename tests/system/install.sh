@@ -15,7 +15,7 @@ cc -Wall -Werror -o /tmp/first/by-pkg-config /tmp/first/first.c $(pkg-config --c
 LD_LIBRARY_PATH=$library /tmp/first/by-pkg-config
 # shellcheck disable=SC2046
 cc -Wall -Wextra -Werror -o /tmp/first/hello "$prefix"/share/libutils/examples/hello_daemon.c $(pkg-config --cflags --libs libutils-daemon)
-LD_LIBRARY_PATH=$library /tmp/first/hello --nonsense 2>&1 | grep -q '^usage: ' || { echo "install: no hello daemon" >&2; exit 1; }
+[[ $(LD_LIBRARY_PATH=$library /tmp/first/hello --nonsense 2>&1) == "usage: "* ]] || { echo "install: no hello daemon" >&2; exit 1; }
 for file in hello.{service,sysusers,tmpfiles,logrotate}; do [ -f "$prefix/share/libutils/daemon/$file" ]; done
 [ -f "$prefix"/share/man/man7/libutils-daemon.7 ]
 
