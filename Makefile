@@ -113,7 +113,7 @@ abi-update: $(abi_corners:%=libraries-%) ## Store the description of the binary 
 
 $(abi_corners:%=libraries-%): libraries-%:
 	@scripts/need abi $(packages_abi)
-	$(call build,$*,--target utils utils-platform)
+	$(call build,$*,--target utils utils-platform utils-daemon)
 
 reproducible: ## Build the libraries in two folders and compare them byte by byte
 	$(needs)

@@ -6,7 +6,7 @@ option(UTILS_DOCS "Make the manual pages and the API reference (needs doxygen, m
 set(libraries utils)
 if(UTILS_PLATFORM STREQUAL "posix")
     list(APPEND libraries utils-platform)
-    install(DIRECTORY platform/include/utils platform/posix/include/utils lib/daemon/include/utils
+    install(DIRECTORY platform/include/utils platform/posix/include/utils
             DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endif()
 install(TARGETS ${libraries} EXPORT libutils

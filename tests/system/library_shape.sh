@@ -1,13 +1,21 @@
 #!/usr/bin/env bash
 # The built library: its exports, what it needs, its soname, its hardening and whom its calls reach.
 set -euo pipefail
-library=$1 map=$2/libutils.map compared=$2/compared.list
+library=$1 map=$2/libutils.map compared=$2/compared.list companion=$3 companion_map=$4
 fail() { echo "library_shape: $*" >&2; exit 1; }
 
-exported=$(nm -D --defined-only --with-symbol-versions "$library" | awk '$2 != "A" {print $3}' | sort)
-wanted=$(sed -n 's/^    \([A-Za-z_0-9]*\);$/\1@@LIBUTILS_1.0/p' "$map" | sort)
-[ "$(wc -l <<<"$wanted")" -gt 200 ] || fail "the version script cannot be read"
-diff <(echo "$wanted") <(echo "$exported") || fail "exports and version script differ (< only in the script)"
+# exports LIBRARY MAP VERSION FEWEST: exactly what the version script lists, each under the version.
+exports() {
+    exported=$(nm -D --defined-only --with-symbol-versions "$1" | awk '$2 != "A" {print $3}' | sort)
+    local wanted
+    wanted=$(sed -n "s/^    \([A-Za-z_0-9]*\);\$/\1@@$3/p" "$2" | sort)
+    [ "$(wc -l <<<"$wanted")" -gt "$4" ] || fail "$2 cannot be read"
+    diff <(echo "$wanted") <(echo "$exported") || fail "exports of $1 and its version script differ (< only in the script)"
+}
+exports "$companion" "$companion_map" LIBUTILS_DAEMON_1.0 20
+needed=$(readelf -dW "$companion" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort | tr '\n' ' ')
+[ "$needed" = "libc.so.6 libutils-platform.so.1.0 libutils.so.1.0 " ] || fail "the companion needs $needed"
+exports "$library" "$map" LIBUTILS_1.0 200
 
 dynamic=$(readelf -dW "$library")
 needed=$(sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' <<<"$dynamic" | sort | tr '\n' ' ')

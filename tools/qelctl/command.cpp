@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "daemons.h"
@@ -33,6 +35,7 @@ namespace qelctl {
 namespace {
 
 constexpr int kDefaultTimeout = 20;
+constexpr int kResultSeconds = 2;
 
 class Socket {
   public:
@@ -82,8 +85,11 @@ bool send_all(int fd, const std::string &text) {
 // daemon has been silent for `timeout_ms`; checks what it says when that goes to a terminal.
 // Whether it ended in time.
 bool carry(int channel, int daemon, int timeout_ms, bool to_terminal) {
-    bool asking = true;
+    bool asking = true, heard = true;
     TextFilter filter;
+    // A daemon that ends the connection at once must not keep the command from being sent.
+    pollfd asked{channel, POLLIN, 0};
+    poll(&asked, 1, timeout_ms);
     while (true) {
         pollfd ends[2] = {{daemon, POLLIN, 0}, {asking ? channel : -1, POLLIN, 0}};
         int ready = poll(ends, 2, timeout_ms);
@@ -97,9 +103,10 @@ bool carry(int channel, int daemon, int timeout_ms, bool to_terminal) {
         char bytes[4096];
         if (ends[1].revents != 0) {
             ssize_t count = recv(channel, bytes, sizeof bytes, 0);
-            if (count > 0 && !send_all(daemon, bytes, static_cast<size_t>(count)))
-                return true;
             asking = count > 0;
+            // One that hears nothing more may have said why.
+            if (asking && heard)
+                heard = send_all(daemon, bytes, static_cast<size_t>(count));
         }
         if (ends[0].revents != 0) {
             ssize_t count = recv(daemon, bytes, sizeof bytes, 0);
@@ -121,12 +128,27 @@ struct CommandLine {
     int timeout = kDefaultTimeout;
 };
 
-void run_command(const CommandLine &line) {
-    Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
-    if (daemon.get() < 0 && errno == EAGAIN)
-        throw Failure(line.daemon + " takes no more connections", kNoAnswer);
-    if (daemon.get() < 0)
-        throw no_such_daemon(line.daemon);
+ucred peer_of(const Socket &daemon) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(daemon.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+        throw system_failure("cannot tell who answers");
+    return peer;
+}
+
+// Who can write to the sockets' directory can stand there in a daemon's place. Trusted are root,
+// our own user, and the one that root lets write the daemon's pid file.
+void require_trusted(const std::string &daemon, const ucred &peer) {
+    std::string pid_file =
+        kPidDirectory + ("/" + daemon + "." + std::to_string(getMySwitch()) + ".pid");
+    struct stat owned {};
+    if (peer.uid != 0 && peer.uid != geteuid() &&
+        (lstat(pid_file.c_str(), &owned) != 0 || owned.st_uid != peer.uid))
+        throw Failure(daemon + " is served by " + user_name(peer.uid) + ", who is not trusted");
+}
+
+// Sends the words to the daemon and copies what it says to `out`.
+void relay(const Socket &daemon, const CommandLine &line, int out) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
         throw system_failure("cannot make a channel");
@@ -136,7 +158,7 @@ void run_command(const CommandLine &line) {
     for (const std::string &word : line.words)
         words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
-    bool in_time = true, to_terminal = isatty(STDOUT_FILENO) == 1;
+    bool in_time = true, to_terminal = isatty(out) == 1;
     std::exception_ptr failure;
     std::thread carrier([&] {
         try {
@@ -146,7 +168,7 @@ void run_command(const CommandLine &line) {
         }
         shutdown(theirs.get(), SHUT_RDWR);
     });
-    qelTnetCmd(ours.get(), static_cast<int>(line.words.size()), words.data(), STDOUT_FILENO);
+    qelTnetCmd(ours.get(), static_cast<int>(line.words.size()), words.data(), out);
     shutdown(ours.get(), SHUT_RDWR);
     carrier.join();
     if (failure)
@@ -154,6 +176,49 @@ void run_command(const CommandLine &line) {
     if (!in_time)
         throw Failure(line.daemon + " did not answer within " + std::to_string(line.timeout) + " s",
                       kNoAnswer);
+}
+
+// Asks for what this process's last command gave, by the daemon's own word: 0 from one that keeps
+// no results and from one that has ended, nothing from one that has no room for us now.
+std::optional<int> kept_result(const CommandLine &line, const ucred &first) {
+    Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
+    if (daemon.get() < 0 && errno == EAGAIN)
+        return std::nullopt;
+    if (daemon.get() < 0 || peer_of(daemon).pid != first.pid)
+        return 0;
+    Socket answer(memfd_create("result", MFD_CLOEXEC));
+    relay(daemon, {line.daemon, {"result"}, line.timeout}, answer.get());
+    char text[16] = {};
+    char *end = text;
+    if (pread(answer.get(), text, sizeof text - 1, 0) <= 0)
+        return 0;
+    long result = strtol(text, &end, 10);
+    if (strncmp(text, "too many", 8) == 0)
+        return std::nullopt;
+    return end != text && *end == '\n' ? static_cast<int>(result) : 0;
+}
+
+int command_result(const CommandLine &line, const ucred &first) {
+    std::optional<int> result;
+    if (!holds_before(deadline_in(kResultSeconds),
+                      [&] { return (result = kept_result(line, first)).has_value(); }))
+        throw Failure(line.daemon + " takes no more connections", kNoAnswer);
+    return *result;
+}
+
+void run_command(const CommandLine &line) {
+    Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
+    if (daemon.get() < 0 && errno == EAGAIN)
+        throw Failure(line.daemon + " takes no more connections", kNoAnswer);
+    if (daemon.get() < 0)
+        throw no_such_daemon(line.daemon);
+    ucred peer = peer_of(daemon);
+    require_trusted(line.daemon, peer);
+    relay(daemon, line, STDOUT_FILENO);
+    daemon.close();
+    if (int result = command_result(line, peer); result != 0)
+        throw Failure(line.daemon + ": " + line.words[0] + " gave " + std::to_string(result),
+                      result > 0 && result <= 255 ? result : kFailed);
 }
 
 // "HOST:PORT" for a word without '/', with the host as a dotted address. False for a path.

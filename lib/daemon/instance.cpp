@@ -1,0 +1,172 @@
+// One instance of a daemon: its lock, its pid file and the name of its socket. The lock is an
+// fcntl() lock, so it ends with the process and a forked child has no part in it. It has a file of
+// its own that stays: closing any descriptor of the pid file would drop a lock there, and two
+// processes that lock a file and its successor are both alone.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/descriptor.h"
+#include "base/trusted.h"
+#include "state.h"
+#include "utils/identity.h"
+#include "utils/ppname.h"
+
+namespace utils::service {
+namespace {
+
+constexpr int kBacklog = 64;
+using Path = char[128];
+
+Path pid_path, socket_path, request_path;
+std::atomic<pid_t> owner{0};
+std::atomic<bool> has_pid_file{false}, has_socket{false}, has_requests{false};
+
+void name_file(Path &path, const char *directory, const char *kind) {
+    snprintf(path, sizeof path, "%s/%s.%d.%s", directory, name, getMySwitch(), kind);
+}
+
+// The file, open and nobody else's: who can open it can hold its lock for ever.
+int open_own_file(const char *path) {
+    if (!Descriptor(open_trusted_directory(AT_FDCWD, DAEMON_DIRECTORY, 0)))
+        return -1;
+    Descriptor file(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0)
+        return -1;
+    errno = EPERM;
+    if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink != 1 ||
+        ((status.st_mode & 077) != 0 && fchmod(file.get(), 0600) != 0))
+        return -1;
+    return file.release();
+}
+
+int refuse_second(int lock) {
+    struct flock holder {};
+    holder.l_type = F_WRLCK;
+    holder.l_whence = SEEK_SET;
+    if (fcntl(lock, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK && holder.l_pid > 0)
+        fprintf(stderr, "%s: cannot start: process %d serves switch %d already\n", name,
+                static_cast<int>(holder.l_pid), getMySwitch());
+    else
+        fprintf(stderr, "%s: cannot start: another process serves switch %d already\n", name,
+                getMySwitch());
+    return DAEMON_REFUSED;
+}
+
+bool set_address(sockaddr_un &address) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    errno = ENAMETOOLONG;
+    if (strlen(socket_path) >= sizeof address.sun_path)
+        return false;
+    memcpy(address.sun_path, socket_path, strlen(socket_path));
+    return true;
+}
+
+// A daemon that is written without the companion holds no lock, but may answer.
+bool is_answered() {
+    sockaddr_un address;
+    if (!set_address(address))
+        return false;
+    Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return probe &&
+           (connect(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ||
+            errno == EAGAIN);
+}
+
+}  // namespace
+
+int lock_instance() {
+    Path path;
+    name_file(path, DAEMON_DIRECTORY, "lock");
+    Descriptor lock(open_own_file(path));
+    if (!lock)
+        return daemon_refuse(path);
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    if (fcntl(lock.get(), F_SETLK, &whole) != 0)
+        return errno == EAGAIN || errno == EACCES ? refuse_second(lock.get()) : daemon_refuse(path);
+    name_file(pid_path, "/var/run", "pid");
+    name_file(socket_path, DAEMON_DIRECTORY, "cmd");
+    if (is_answered()) {
+        errno = EADDRINUSE;
+        return daemon_refuse(socket_path);
+    }
+    lock.release();  // for life
+    owner.store(getpid());
+    atexit(remove_files);
+    return 0;
+}
+
+bool write_pid_file() {
+    has_pid_file.store(stor_pid(name, getMySwitch()) == 0);
+    return has_pid_file.load();
+}
+
+int open_command_socket() {
+    if (!Descriptor(open_trusted_directory(AT_FDCWD, DAEMON_DIRECTORY, 0)))
+        return -1;
+    sockaddr_un address;
+    if (!set_address(address))
+        return -1;
+    Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // The file takes the socket's mode, so that it is the owner's alone from the first moment.
+    if (!listener || fchmod(listener.get(), 0600) != 0)
+        return -1;
+    // The lock is ours, so what stands there is a dead instance's.
+    unlink(socket_path);
+    if (bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+        return -1;
+    has_socket.store(true);
+    struct stat status {};
+    if (lstat(socket_path, &status) != 0 || status.st_uid != geteuid() ||
+        ((status.st_mode & 077) != 0 && chmod(socket_path, 0600) != 0) ||
+        listen(listener.get(), kBacklog) != 0)
+        return -1;
+    return listener.release();
+}
+
+void close_command_socket(int listener) {
+    if (getpid() == owner.load() && has_socket.exchange(false))
+        unlink(socket_path);
+    if (listener >= 0)
+        close(listener);
+}
+
+void note_request_socket(bool is_open) {
+    snprintf(request_path, sizeof request_path, "%s/%d.%d.%s.ipc", DAEMON_DIRECTORY, myNode(),
+             getMySwitch(), name);
+    has_requests.store(is_open);
+}
+
+void remove_files() {
+    if (getpid() != owner.load())
+        return;
+    int saved_errno = errno;
+    if (has_socket.exchange(false))
+        unlink(socket_path);
+    if (has_requests.exchange(false))
+        unlink(request_path);
+    // In a directory that is not this user's, an empty file is what says that nobody runs.
+    if (has_pid_file.exchange(false) && unlink(pid_path) != 0) [[maybe_unused]]
+        int result = truncate(pid_path, 0);
+    errno = saved_errno;
+}
+
+}  // namespace utils::service
+
+int daemon_own_file(const char *kind) {
+    utils::service::Path path;
+    utils::service::name_file(path, DAEMON_DIRECTORY, kind);
+    return utils::service::open_own_file(path);
+}
