@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/memory_order.h"
+#include "base/retry.h"
 #include "taken.h"
 
 // The sanitizers' own, where there is one.
@@ -41,7 +43,7 @@ void *from_arena(size_t size) {
     constexpr size_t kUnit = alignof(std::max_align_t);
     if (size > sizeof arena)
         return nullptr;
-    size_t at = arena_used.fetch_add((size + kUnit - 1) / kUnit * kUnit, std::memory_order_relaxed);
+    size_t at = arena_used.fetch_add((size + kUnit - 1) / kUnit * kUnit, kRelaxed);
     return at + size <= sizeof arena ? arena + at : nullptr;
 }
 
@@ -68,7 +70,7 @@ bool is_refused() {
 
 void *counted(void *block) {
     if (block != nullptr)
-        live.fetch_add(1, std::memory_order_relaxed);
+        live.fetch_add(1, kRelaxed);
     return block;
 }
 
@@ -81,7 +83,7 @@ void *plain(size_t size) {
 void release(void *block) {
     if (block == nullptr || is_in_arena(block) || is_needed_first(next_free))
         return;
-    live.fetch_sub(1, std::memory_order_relaxed);
+    live.fetch_sub(1, kRelaxed);
     real<void(void *)>(next_free)(block);
 }
 
@@ -103,8 +105,8 @@ __attribute__((constructor)) void count_by_hooks() {
     if (__sanitizer_install_malloc_and_free_hooks == nullptr)
         return;
     __sanitizer_install_malloc_and_free_hooks(
-        [](const volatile void *, size_t) { live.fetch_add(1, std::memory_order_relaxed); },
-        [](const volatile void *) { live.fetch_sub(1, std::memory_order_relaxed); });
+        [](const volatile void *, size_t) { live.fetch_add(1, kRelaxed); },
+        [](const volatile void *) { live.fetch_sub(1, kRelaxed); });
 }
 
 }  // namespace
@@ -136,7 +138,7 @@ HEAP(realloc, void *, (void *block, size_t size)) {
         return moved(block, size);
     // Frees the block, as the next definition understands it.
     void *result = real<void *(void *, size_t)>(next_realloc)(block, size);
-    live.fetch_sub(result == nullptr, std::memory_order_relaxed);
+    live.fetch_sub(result == nullptr, kRelaxed);
     return result;
 }
 
@@ -146,9 +148,8 @@ HEAP(reallocarray, void *, (void *block, size_t count, size_t size)) {
 }
 
 HEAP(free, void, (void *block)) {
-    int error = errno;
+    KeptErrno kept;
     release(block);
-    errno = error;
 }
 
 HEAP(memalign, void *, (size_t alignment, size_t size)) {

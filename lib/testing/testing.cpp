@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/memory_order.h"
+#include "base/retry.h"
 #include "taken.h"
 
 #define EXPORTED __attribute__((visibility("default")))
@@ -51,13 +53,12 @@ Taken *named(const char *function) {
 void *Next::find() {
     void *found = address.load(std::memory_order_acquire);
     if (found == nullptr) {
-        int error = errno;
+        KeptErrno kept;
         bool before = finding;
         finding = true;
         found = dlsym(RTLD_NEXT, symbol);
         finding = before;
         address.store(found, std::memory_order_release);
-        errno = error;
     }
     return found;
 }
@@ -67,18 +68,18 @@ bool is_finding() {
 }
 
 bool is_watched() {
-    const void *watched = only.load(std::memory_order_relaxed);
+    const void *watched = only.load(kRelaxed);
     return !passing && (watched == nullptr || watched == &passing);
 }
 
 Verdict judge(Taken &taken) {
     if (!is_watched())
         return {0, nullptr};
-    taken.calls.fetch_add(1, std::memory_order_relaxed);
+    taken.calls.fetch_add(1, kRelaxed);
     if (int times = taken.times.load(std::memory_order_acquire); times != 0) {
-        int behind = taken.turn.fetch_add(1, std::memory_order_relaxed) + 1 - taken.nth;
+        int behind = taken.turn.fetch_add(1, kRelaxed) + 1 - taken.nth;
         if (behind >= 0 && behind < times) {
-            failures.fetch_add(1, std::memory_order_relaxed);
+            failures.fetch_add(1, kRelaxed);
             return {taken.error, nullptr};
         }
     }
@@ -95,10 +96,11 @@ Passing::~Passing() {
 
 // A counter, an event or a packet is moved whole or not at all: only what is a stream is shortened.
 size_t shortened(int descriptor, size_t size) {
-    size_t limit = most_bytes.load(std::memory_order_relaxed);
+    size_t limit = most_bytes.load(kRelaxed);
     if (limit == 0 || size <= limit || !is_watched())
         return size;
-    int error = errno, type = SOCK_STREAM;
+    KeptErrno kept;
+    int type = SOCK_STREAM;
     struct stat status {};
     socklen_t length = sizeof type;
     Passing through;
@@ -106,7 +108,6 @@ size_t shortened(int descriptor, size_t size) {
         fstat(descriptor, &status) == 0 && (status.st_mode & S_IFMT) != 0 &&
         (!S_ISSOCK(status.st_mode) ||
          (getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM));
-    errno = error;
     return stream ? limit : size;
 }
 

@@ -10,16 +10,15 @@
  * always gives another block, and fills what is new in it with the byte 0x5A.
  *
  * A function is named as in its manual page. One name stands for all its forms: "open" for open64()
- * and
- * __open_2(), "fcntl" for __fcntl_time64(), "poll" for __poll_chk(). What the C library calls
+ * and __open_2(), "fcntl" for __fcntl_time64(), "poll" for __poll_chk(). What the C library calls
  * inside itself (the open() behind fopen(), say) is not seen, except for memory.
  *
  * The definition that is found first wins: name this library before libutils and its platform, as
  * `pkg-config --libs libutils-testing` does, or load it by LD_PRELOAD. Statically linked programs
  * and direct system calls are out of reach. A sanitizer's own definitions stand before all others
- * and call these in their turn, except for memory: beside the address sanitizer a program says
- * #UTILS_TESTING_HEAP in one of its source files, beside the thread sanitizer no allocation fails.
- * Live blocks are counted beside both.
+ * and call these in their turn, except for memory: beside the address and the thread sanitizer a
+ * program says #UTILS_TESTING_HEAP in one of its source files. Live blocks are counted without that,
+ * too. The thread sanitizer keeps fstat() for itself, and does not count aligned blocks.
  *
  * Threads: every call here may be made from any thread, and takes effect at once in all; what is
  * asked of one function at the same time by several threads is undefined. A forked child goes on
@@ -144,15 +143,12 @@ int utils_testing_open_descriptors(void);
 /** Takes back everything that was asked for, and starts all counts of calls and failures at 0. */
 void utils_testing_reset(void);
 
-/**
- * @name Beside a sanitizer
- * What #UTILS_TESTING_HEAP calls. Each does what its namesake does, or fails.
- * @{
- */
+/** malloc(), or a failure; for #UTILS_TESTING_HEAP, with @p size in bytes. */
 void *utils_testing_malloc(size_t size);
+/** calloc(), or a failure; for #UTILS_TESTING_HEAP, with @p count elements of @p size bytes. */
 void *utils_testing_calloc(size_t count, size_t size);
+/** realloc(), or a failure; for #UTILS_TESTING_HEAP, with a @p block and its new @p size in bytes. */
 void *utils_testing_realloc(void *block, size_t size);
-/** @} */
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define UTILS_TESTING_SANITIZED 1
