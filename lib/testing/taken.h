@@ -104,6 +104,25 @@ size_t shortened(int descriptor, size_t size);
         return next != nullptr ? next arguments : failed(ENOSYS);           \
     }
 
+// ENDING(name, Result, (parameters), (arguments)): a function that ends what it is given, also when it fails with -1.
+#define ENDING(name, Result, parameters, arguments)                        \
+    RECORD(name)                                                           \
+    NEXT(name)                                                             \
+    extern "C" __attribute__((visibility("default")))                      \
+    Result taken_##name parameters __asm__(#name);                         \
+    Result taken_##name parameters {                                       \
+        using Function = Result parameters;                                \
+        const Verdict verdict = judge(record_##name);                      \
+        auto *instead = reinterpret_cast<Function *>(verdict.instead);     \
+        auto *next = reinterpret_cast<Function *>(next_##name.find());     \
+        if (instead == nullptr) {                                          \
+            Result result = next arguments;                                \
+            return verdict.error != 0 ? minus_one(verdict.error) : result; \
+        }                                                                  \
+        Passing passing;                                                   \
+        return instead arguments;                                          \
+    }
+
 // CALL(name, failed, Result, (parameters), (arguments)): a function of one form.
 #define CALL(name, failed, Result, parameters, arguments) \
     RECORD(name)                                          \

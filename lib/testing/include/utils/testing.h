@@ -52,9 +52,9 @@ int utils_testing_fail_allocation(int nth, int times);
 
 /**
  * Lets a system function fail: of all its calls from here on those from the @p nth one (1: the
- * next),
- * @p times in a row, without doing anything; 0 @p times: none. Each function has a setting of its
- * own. Starts utils_testing_failures() at 0, unless @p times is 0.
+ * next), @p times in a row; 0 @p times: none. A call that fails does nothing, but close(), fclose()
+ * and pclose() end what they are given all the same. Each function has a setting of its own. Starts
+ * utils_testing_failures() at 0, unless @p times is 0.
  *
  * @param function its name, as utils_testing_function() lists them
  * @param nth      the first call that fails
