@@ -38,10 +38,10 @@ install(FILES share/gdb/libutils-gdb.py RENAME libutils.so.${UTILS_SOVERSION}-gd
 
 if(UTILS_DOCS)
     file(GLOB documented CONFIGURE_DEPENDS include/utils/*.h platform/include/utils/platform/*.h
-         platform/posix/include/utils/platform/posix/*.h lib/daemon/include/utils/*.h docs/* docs/man/*.7
+         platform/posix/include/utils/platform/posix/*.h lib/*/include/utils/*.h docs/* docs/man/*.7
          examples/mini/*.c)
     add_custom_command(OUTPUT docs/man/man3 COMMAND ${PROJECT_SOURCE_DIR}/scripts/docs ${PROJECT_BINARY_DIR}/docs
-                       DEPENDS ${documented} scripts/docs scripts/manpages lib/utils/libutils.map
+                       DEPENDS ${documented} scripts/docs scripts/manpages lib/utils/libutils.map lib/testing/libutils-testing.map lib/daemon/libutils-daemon.map
                        COMMENT "Making the manual pages" VERBATIM)
     add_custom_target(docs ALL DEPENDS docs/man/man3)
     install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})

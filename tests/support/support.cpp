@@ -11,6 +11,10 @@
 #include <fstream>
 #include <iterator>
 
+#include "utils/testing.h"
+
+UTILS_TESTING_HEAP
+
 namespace support {
 namespace {
 

@@ -11,7 +11,11 @@
 #include <string>
 #include <string_view>
 
+#include "utils/testing.h"
+
 namespace support {
+
+constexpr int64_t kSecond = 1000000000;  // in nanoseconds
 
 // What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio
 // or write().
@@ -36,6 +40,37 @@ testing::AssertionResult passes_in_child(const std::function<void()> &body);
 // Writes or reads a whole file of the image; a failure to write stops the test program.
 void write_file(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path);
+
+// Runs `call` with its first, then its second, ... allocation failing, each time followed by
+// `refused(result)`, until it runs through undisturbed. Returns its result then.
+template <typename Call, typename Refused>
+auto with_each_failure(Call call, Refused refused) {
+    for (int nth = 1;; ++nth) {
+        utils_testing_fail_allocation(nth, UTILS_TESTING_ONCE);
+        auto result = call();
+        utils_testing_fail_allocation(1, 0);
+        if (utils_testing_failures() == 0)
+            return result;
+        refused(result);
+    }
+}
+
+// What `call` gives when no allocation succeeds behind the first ones that are granted.
+template <typename Call>
+auto without_memory(Call call, int granted = 0) {
+    utils_testing_fail_allocation(granted + 1, UTILS_TESTING_FROM_THEN_ON);
+    auto result = call();
+    utils_testing_fail_allocation(1, 0);
+    return result;
+}
+
+// Calls of the system function go to `replacement`, which has no captures.
+template <typename Replacement>
+void replace_call(const char *function, Replacement replacement) {
+    auto *own = reinterpret_cast<utils_testing_replacement *>(+replacement);
+    if (utils_testing_replace_call(function, own) != 0)
+        abort();
+}
 
 // Whether the programs run under an emulator of the target.
 bool emulated();

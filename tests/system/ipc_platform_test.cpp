@@ -3,7 +3,6 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 
-#include "support/heap.h"
 #include "testd.h"
 
 namespace {
@@ -126,7 +125,7 @@ TEST(Ipc, ConnectionsAreKeptUntilIdleAndForTheirThreadAlone) {
         uint32_t length = 0;
         EXPECT_EQ(ipcSendRcv(&nobody, kSum, nullptr, 0, nullptr, &length, kLong), -ENOENT);
     };
-    support::ahead_s += 5;
+    utils_testing_advance_clock(CLOCK_MONOTONIC, 5 * support::kSecond);
     ask_nobody();
     int before = open_descriptors(), kept = dup(0);
     close(kept);
@@ -147,7 +146,7 @@ TEST(Ipc, ConnectionsAreKeptUntilIdleAndForTheirThreadAlone) {
     EXPECT_EQ(open_descriptors(), before + 4);
     for (int fd : {other[0], other[1], kept})
         close(fd);
-    support::ahead_s += 5;
+    utils_testing_advance_clock(CLOCK_MONOTONIC, 5 * support::kSecond);
     EXPECT_EQ(ipcSend(&nobody, kSum, nullptr, 0, kLong), -ENOENT);
     EXPECT_EQ(open_descriptors(), before + 1) << "a message is no request";
     ask_nobody();

@@ -24,12 +24,8 @@ TEST(Ipc, RequestsHaveTheirFormatAndHandlersTrustNothing) {
     EXPECT_EQ(qelDRedirectOutput("/tmp/x", nullptr, kRecord), -22);
     EXPECT_EQ(qelDRedirOutputToSocket(nullptr, 1, "testd", kRecord), -22);
     EXPECT_EQ(qelDExitRequest(nullptr, kRecord, 1), -22);
-#ifdef UTILS_FAKE_HEAP
-    support::refuse_after = 0;
-    int refused = qelDRedirectOutput("/tmp/x", "testd", kRecord);
-    support::refuse_after = -1;
-    EXPECT_EQ(refused, -12);
-#endif
+    auto redirect_all = [] { return qelDRedirectOutput("/tmp/x", "testd", kRecord); };
+    EXPECT_EQ(support::without_memory(redirect_all), -12);
     std::string text = "/no/such/path";
     std::tuple<int, std::string, int32_t> cases[] = {
         {kRedirect, inline_block(redirect(1, 16, 14, text)), 0},  // cannot be opened: no error

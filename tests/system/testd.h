@@ -17,7 +17,6 @@
 #include <tuple>
 
 #include "base/big_endian.h"
-#include "support/clock.h"
 #include "support/wire.h"
 #include "utils/daemon_codes.h"
 #include "utils/daemon_ctl.h"
@@ -112,7 +111,8 @@ inline void serve_everything() {
     ipc_register(kNothing, [](void *, int, void *) { return 0; });
     ipc_register(kDefer, [](void *to, int, void *) {
         deferred = *static_cast<ipc_address *>(to);
-        return support::ahead_s += 100, 0;  // longer than a connection may be idle
+        return utils_testing_advance_clock(
+            CLOCK_MONOTONIC, 100 * support::kSecond);  // longer than a connection may be idle
     });
     ipc_register(kRelease, [](void *to, int code, void *) {
         answer(&deferred, code, kGood);

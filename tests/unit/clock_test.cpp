@@ -1,6 +1,5 @@
 #include "utils/clock.h"
 
-#include <dlfcn.h>
 #include <sys/stat.h>
 #include <sys/times.h>
 #include <unistd.h>
@@ -19,17 +18,15 @@
 
 namespace {
 
-template <typename Function>
-Function *next(const char *name, Function *) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+uint64_t time_base;
+
+int set_time(int64_t seconds) {
+    return utils_testing_set_clock(CLOCK_REALTIME, seconds * support::kSecond);
 }
 
-uint64_t time_base;
-int64_t ticks_now, times_calls;
-time_t set_time;      // 0: the real one
+int64_t ticks_now;
 const char *instead;  // what is opened in place of any file
 std::string piped;
-bool pipes_fail;
 std::vector<int> statuses;  // what system() answers; when empty, the real one
 
 }  // namespace
@@ -38,38 +35,30 @@ uint64_t timebase_read(void) {
     return time_base;
 }
 
-extern "C" {
-clock_t fake_times(tms *) __asm__("times");
-clock_t fake_times(tms *) {
-    ++times_calls;
-    return static_cast<clock_t>(ticks_now);
-}
-time_t time(time_t *) noexcept {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return set_time != 0 ? set_time : now.tv_sec;
-}
-FILE *fake_fopen(const char *path, const char *mode) __asm__("fopen64");
-FILE *fake_fopen(const char *path, const char *mode) {
-    return next("fopen64", fake_fopen)(instead != nullptr ? instead : path, mode);
-}
-FILE *fake_popen(const char *command, const char *mode) __asm__("popen");
-FILE *fake_popen(const char *command, const char *mode) {
-    piped = command;
-    return pipes_fail ? nullptr : next("popen", fake_popen)(command, mode);
-}
-int fake_system(const char *command) __asm__("system");
-int fake_system(const char *command) {
-    printf("%s\n", command);
-    if (statuses.empty())
-        return next("system", fake_system)(command);
-    int status = statuses.front();
-    statuses.erase(statuses.begin());
-    return status;
-}
-}
-
 namespace {
+
+[[maybe_unused]] const bool faked = [] {
+    support::replace_call("times", [](tms *) { return static_cast<clock_t>(ticks_now); });
+    support::replace_call("fopen", [](const char *path, const char *mode) {
+        return fopen(instead != nullptr ? instead : path, mode);
+    });
+    support::replace_call("popen", [](const char *command, const char *mode) {
+        return popen((piped = command).c_str(), mode);
+    });
+    return true;
+}();
+
+// system() shows what it is given.
+void show_commands() {
+    support::replace_call("system", [](const char *command) {
+        printf("%s\n", command);
+        if (statuses.empty())
+            return system(command);
+        int status = statuses.front();
+        statuses.erase(statuses.begin());
+        return status;
+    });
+}
 
 // How often, of many moments, the millisecond clock differs from the division that it stands for.
 int wrong_milliseconds() {
@@ -92,6 +81,7 @@ const bool started_anew = [] {
     const char *task = getenv("CLOCK_TASK");
     if (task == nullptr)
         return false;
+    show_commands();
     if (*task == 't')
         printf("%d %d %d %d %d, %d wrong\n", msec_per_jiffy, tb_ticks_per_jiffy, tb_ticks_p_msec,
                tb_ticks_p_usec, tb_ticks_p_sec, wrong_milliseconds());
@@ -106,7 +96,7 @@ std::string printed_anew(const std::string &task, const std::string &launcher = 
     char self[PATH_MAX] = {};
     EXPECT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
     std::string command = "CLOCK_TASK=" + task + " " + launcher + support::runnable(self);
-    EXPECT_EQ(next("system", fake_system)((command + " > /tmp/printed").c_str()), 0);
+    EXPECT_EQ(system((command + " > /tmp/printed").c_str()), 0);
     return support::read_file("/tmp/printed");
 }
 
@@ -185,7 +175,7 @@ TEST(Clock, QelTimesFollowsTimesWithOneCallInTwelveThousandTicks) {
         time_base = static_cast<uint64_t>(c.jiffies) * static_cast<uint64_t>(tb_ticks_per_jiffy);
         ticks_now = c.ticks;
         EXPECT_EQ(qel_times(), c.result);
-        EXPECT_EQ(times_calls, c.calls);
+        EXPECT_EQ(utils_testing_count_calls("times"), c.calls);
     }
 }
 
@@ -220,12 +210,12 @@ TEST(Clock, CountersPrintAndFormat) {
 TEST(Clock, BootDateIsNowLessTheUptimeInWholeSeconds) {
     setenv("TZ", "UTC0", 1);
     EXPECT_NE(dateBooted(), nullptr);
-    set_time = 1000;
+    set_time(1000);
     EXPECT_STREQ(dateCurrent(), "Thu Jan  1 00:16:40 1970\n");
-    set_time = INT64_C(0x80000000);
+    set_time(INT64_C(0x80000000));
     EXPECT_STREQ(dateCurrent(), "Tue Jan 19 03:14:08 2038\n");
     EXPECT_EQ(std::string(dateBooted()).substr(20), "2038\n");
-    set_time = 1000;
+    set_time(1000);
     instead = "/tmp/uptime";
     EXPECT_EQ(dateBooted(), nullptr) << "no such file";
     const std::pair<const char *, const char *> cases[] = {
@@ -238,7 +228,7 @@ TEST(Clock, BootDateIsNowLessTheUptimeInWholeSeconds) {
         support::write_file("/tmp/uptime", uptime);
         EXPECT_STREQ(dateBooted(), date);
     }
-    set_time = 0;
+    utils_testing_release_clock(CLOCK_REALTIME);
     instead = nullptr;
 }
 
@@ -262,9 +252,9 @@ TEST(Clock, PackageDatesAreTheFirstLineOfTheQuery) {
             EXPECT_EQ(piped, query + command);
             EXPECT_EQ(support::read_file("/tmp/asked"), asked + words);
         }
-        pipes_fail = true;
+        utils_testing_fail_call("popen", 1, EMFILE, UTILS_TESTING_FROM_THEN_ON);
         EXPECT_EQ(date(), nullptr);
-        pipes_fail = false;
+        utils_testing_fail_call("popen", 1, EMFILE, 0);
     };
     check(dateBootProm, "--whatprovides prom", "[--whatprovides][prom]");
     check(dateFirmwareLoaded, "korin", "[korin]");
@@ -307,6 +297,7 @@ TEST(Clock, SyncDateRunsTheSecondCommandUnlessTheFirstAnswersMinusOneOrOne) {
         support::write_file("/config/haconfig", node_file);
         for (const auto &[answers, result] : cases) {
             support::Ending ending = support::in_child([&, expected = result, a = answers] {
+                show_commands();
                 statuses = a;
                 return syncDateAndTime() == expected && statuses.empty() ? 0 : 1;
             });
@@ -330,7 +321,7 @@ exec "$@"
         support::write_file("/config/haconfig", node_file);
         write_program("/tmp/rsh", "echo \"$0 $*\" >> /tmp/rsh.log\nexit 3\n");
         support::write_file("/tmp/rsh.log", "");
-        next("system", fake_system)("rm -rf /tmp/usrbin");
+        ASSERT_EQ(system("rm -rf /tmp/usrbin"), 0);
         EXPECT_EQ(printed_anew("sync", "unshare --map-root-user --mount /tmp/view "),
                   set + store + "768\n");
         EXPECT_EQ(support::read_file("/tmp/rsh.log"), set + store);

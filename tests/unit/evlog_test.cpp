@@ -5,11 +5,9 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdarg>
 #include <thread>
 #include <vector>
 
-#include "support/heap.h"
 #include "support/support.h"
 #include "utils/platform/posix/trace_files.h"
 
@@ -18,21 +16,6 @@ int32_t platform_code = 0;
 bool refuse_section = false;
 std::string last_section;
 }  // namespace
-
-// The system device's one request.
-extern "C" int ioctl(int, unsigned long request, ...) noexcept {
-    va_list values;
-    va_start(values, request);
-    *va_arg(values, int32_t *) = platform_code;
-    va_end(values);
-    return request == 0x4004DF06 && platform_code >= 0 ? 0 : -1;
-}
-
-// Each look at the clock is in a second of its own.
-extern "C" time_t time(time_t *) noexcept {
-    static time_t second = 0;
-    return ++second;
-}
 
 int trace_data_init(int *handle, int kind, unsigned size, const char *name, int section,
                     void **address, int code) {
@@ -47,6 +30,17 @@ namespace {
 using support::captured;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+
+// Serves the system device's one request; each look at the clock is in a second of its own.
+[[maybe_unused]] const bool faked = [] {
+    support::replace_call("ioctl", [](int, unsigned long request, int32_t *code) {
+        *code = platform_code;
+        return request == 0x4004DF06 && platform_code >= 0 ? 0 : -1;
+    });
+    utils_testing_set_clock(CLOCK_REALTIME, support::kSecond);
+    utils_testing_step_clock(CLOCK_REALTIME, support::kSecond);
+    return true;
+}();
 
 class Evlog : public testing::TestWithParam<int> {
   protected:
@@ -141,9 +135,9 @@ TEST_P(Evlog, RefusesWhatItCannotHoldAndAFailureLeavesTheDatabaseLocked) {
     auto refused = [&](int entries, bool failing = false) {
         auto make = [&] {
             refuse_section = failing;
-            support::refuse_after = failing && on_heap() ? 0 : -1;
-            EXPECT_EQ(qel_evlog_newHandle(&db, entries, "n", "s"), nullptr);
-            support::refuse_after = -1;
+            auto create = [&] { return qel_evlog_newHandle(&db, entries, "n", "s"); };
+            bool starve = failing && on_heap();
+            EXPECT_EQ(starve ? support::without_memory(create) : create(), nullptr);
             refuse_section = false;
         };
         text = captured(1, make);
@@ -155,12 +149,10 @@ TEST_P(Evlog, RefusesWhatItCannotHoldAndAFailureLeavesTheDatabaseLocked) {
         EXPECT_FALSE(refused(entries));
         EXPECT_EQ(text, "Exceed supported evlog entries=" + std::to_string(entries) + "\n");
     }
-#ifdef UTILS_FAKE_HEAP
     EXPECT_TRUE(refused(2, true));
     EXPECT_THAT(text,
                 MatchesRegex(on_heap() ? "EVLOG: error in getting a section\n"
                                        : "EVLOG: /.*/evlog_test error in getting a section=1\n"));
-#endif
     for (int i = 1; i <= 15; ++i)
         ASSERT_NE(qel_evlog_newHandle(&db, i == 2 ? 5000 : 1, nullptr, nullptr), nullptr);
     EXPECT_TRUE(refused(2));

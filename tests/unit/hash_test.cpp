@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "support/heap.h"
 #include "support/support.h"
 
 namespace {

@@ -13,22 +13,10 @@
 #include "support/support.h"
 
 namespace {
-const char *uptime_file = "/proc/uptime";
-size_t write_limit = SIZE_MAX;  // most bytes of one write(); 0 makes it fail
 bool formatting_fails;
 }  // namespace
 
 extern "C" {
-int fake_open(const char *path, int flags, int mode) __asm__("open64");
-int fake_open(const char *path, int flags, int mode) {
-    if (std::string_view(path) == "/proc/uptime")
-        path = uptime_file;
-    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
-}
-ssize_t fake_write(int fd, const void *bytes, size_t count) __asm__("write");
-ssize_t fake_write(int fd, const void *bytes, size_t count) {
-    return write_limit == 0 ? 0 : syscall(SYS_write, fd, bytes, std::min(count, write_limit));
-}
 using Format = int(char *, size_t, const char *, va_list);
 Format fake_vsnprintf __asm__("vsnprintf");
 int fake_vsnprintf(char *to, size_t size, const char *format, va_list values) {
@@ -114,16 +102,20 @@ TEST(Identity, StartTimeIsACopyOfTheUptimeThatKeepsALongerTail) {
     EXPECT_EQ(stat(kFirst, &status) | access(kSecond, F_OK), -1);
     EXPECT_EQ(status.st_mode & 0777, 0644U);
 
-    uptime_file = "/tmp/uptime";
+    static const char *uptime_file = "/tmp/uptime";
+    support::replace_call("open", [](const char *path, int flags, uintptr_t mode) {
+        return open(path == "/proc/uptime"s ? uptime_file : path, flags, static_cast<mode_t>(mode));
+    });
     std::string long_text(700, '7');
     support::write_file(uptime_file, long_text);
-    write_limit = 7;
+    utils_testing_short_io(7);
     EXPECT_EQ(setStartall(), 0);
     support::write_file(uptime_file, "12.3 4\n");
     EXPECT_EQ(setSwitchStarttime(1), 0);
-    write_limit = 0;
+    support::replace_call("write", [](int, const void *, size_t) -> ssize_t { return 0; });
     EXPECT_EQ(setSwitchStarttime(1), -1);
-    write_limit = SIZE_MAX;
+    utils_testing_replace_call("write", nullptr);
+    utils_testing_short_io(0);
     EXPECT_EQ(support::read_file(kFirst), long_text);
     EXPECT_EQ(support::read_file(kSecond), "12.3 4\n" + long_text.substr(7));
 
@@ -135,7 +127,7 @@ TEST(Identity, StartTimeIsACopyOfTheUptimeThatKeepsALongerTail) {
     uptime_file = "/tmp/none";
     EXPECT_EQ(setSwitchStarttime(0), -1);
     EXPECT_NE(access(kFirst, F_OK), 0);
-    uptime_file = "/proc/uptime";
+    utils_testing_reset();
     unlink(kSecond);
     EXPECT_EQ(symlink(kSecond, kFirst), 0);
     EXPECT_EQ(setSwitchStarttime(0), 0);

@@ -1,29 +1,16 @@
 #include "utils/ipc_args.h"
 
-#include <dlfcn.h>
 #include <sys/shm.h>
 
 #include <tuple>
 #include <vector>
 
-#include "support/heap.h"
 #include "support/wire.h"
 
 namespace {
 
 using support::segments;
 using support::words;
-
-bool fail_attach;
-
-}  // namespace
-
-extern "C" void *shmat(int id, const void *at, int flags) {
-    auto real = reinterpret_cast<decltype(&shmat)>(dlsym(RTLD_NEXT, "shmat"));
-    return fail_attach ? reinterpret_cast<void *>(-1) : real(id, at, flags);
-}
-
-namespace {
 
 // A block as it arrives in a handler: with the memory behind it that the platform grants.
 qelIpcArgBlock *arrived(std::string &block) {
@@ -110,21 +97,16 @@ TEST(IpcArgs, RefusesWhatCannotBeEncoded) {
     EXPECT_EQ(qelIpcArgsEncode(&hollow, &block), -22);
     EXPECT_EQ(qelIpcArgsEncode(&huge, &block), -12);
     encoded({}, -22);
-    fail_attach = true;
+    utils_testing_fail_call("shmat", 1, ENOMEM, 1);
     encoded({std::string(3000, 'x')}, -12);
-    fail_attach = false;
     EXPECT_EQ(segments(), 0);
-#ifdef UTILS_FAKE_HEAP
     for (uint32_t length : {8u, 4000u}) {
         std::string piece(length, 'x');
         pieces[0] = {piece.data(), length};
         qelIpcArgs args{pieces, 1};
-        support::refuse_after = 0;
-        int result = qelIpcArgsEncode(&args, &block);
-        support::refuse_after = -1;
-        EXPECT_EQ(result, -12);
+        auto encode = [&] { return qelIpcArgsEncode(&args, &block); };
+        EXPECT_EQ(support::without_memory(encode), -12);
     }
-#endif
 }
 
 }  // namespace

@@ -13,16 +13,14 @@
 #include <vector>
 
 #include "support/crash.h"
-#include "support/heap.h"
 #include "support/support.h"
 
-// A moment that stands still, so that stamps can be foretold.
-static time_t moment = 9 * 3600 + 34 * 60 + 56;
-extern "C" time_t time(time_t *) noexcept {
-    return moment;
-}
-
 namespace {
+
+// The clock stands still, so that stamps can be foretold.
+using support::kSecond;
+[[maybe_unused]] const int stopped =
+    utils_testing_set_clock(CLOCK_REALTIME, (9 * 3600 + 34 * 60 + 56) * kSecond);
 
 // The cache of a process can be made but not unmade, so each test runs in a child.
 support::Ending with_cache(const std::function<void()> &body) {
@@ -48,16 +46,13 @@ std::string stamp(const std::string &clock = "12:34:56") {
     return clock + " " + std::to_string(gettid()) + " ";
 }
 
-#ifdef UTILS_FAKE_HEAP
 TEST(LogCache, WithoutABufferWritesAreIgnoredAndDumpsSaySo) {
     support::Ending ending = support::in_child([] {
         std::vector<int> results;
         // Each step is followed by a dump of either kind.
         auto step = [&](bool refuse, int (*call)()) {
             char buffer[100];
-            support::refuse_after = refuse ? 0 : -1;
-            int result = call();
-            support::refuse_after = -1;
+            int result = refuse ? support::without_memory(call) : call();
             log_cache_write_string("ignored while there is no buffer\n");
             for (int next : {result, log_cache_dump(), log_cache_dump_buf(buffer, 100)})
                 results.push_back(next);
@@ -82,7 +77,6 @@ TEST(LogCache, WithoutABufferWritesAreIgnoredAndDumpsSaySo) {
     EXPECT_THAT(ending.out, testing::MatchesRegex(missing + "{2}" + no_memory + missing + "{2}" +
                                                   no_memory + missing + "{5}"));
 }
-#endif
 
 TEST(LogCache, FullCacheStartsAgainAndDumpsTheOlderLinesFirst) {
     // The last size is filled to its last byte.
@@ -130,7 +124,7 @@ TEST(LogCache, StampsFollowThreadsSecondsZonesAndForks) {
         std::thread(write, "12:34:56").join();
         setenv("TZ", "WEST4", 1);
         write("12:34:56");
-        ++moment;
+        utils_testing_advance_clock(CLOCK_REALTIME, kSecond);
         write("05:34:57");
         EXPECT_TRUE(support::passes_in_child([&] {
             write("05:34:57");
@@ -195,7 +189,7 @@ TEST(LogCache, StampsFollowTheZoneWithTheNextSecond) {
     expect_passes([] {
         log_cache_write("east\n");
         setenv("TZ", "WEST+5", 1);
-        ++moment;
+        utils_testing_advance_clock(CLOCK_REALTIME, kSecond);
         log_cache_write("west\n");
         std::string tid = " " + std::to_string(gettid());
         EXPECT_EQ(dumped(), "12:34:56" + tid + " east\n04:34:57" + tid + " west\n" + '\0');

@@ -5,7 +5,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/heap.h"
 #include "support/support.h"
 #include "utils/platform/context.h"
 
@@ -130,28 +129,22 @@ TEST(MsgQ, SteadyStateAllocatesNothingAndSparesAreCapped) {
     fill_and_drain(100);
     EXPECT_EQ(queue->spare.count, MSGQ_SPARE_MAX);
     EXPECT_EQ(queue->highWater, 100);
-    int before = support::allocations;
+    utils_testing_reset();
     for (int round = 0; round < 1000; ++round)
         fill_and_drain(MSGQ_SPARE_MAX);
-    EXPECT_EQ(support::allocations - before, 0);
+    EXPECT_EQ(utils_testing_count_calls("malloc"), 0);
     msgQDelete(queue);
 }
 
-#ifdef UTILS_FAKE_MALLOC
 TEST(MsgQ, OutOfMemoryRefusesAndChangesNothing) {
     msgQHandle queue = msgQCreate(2, 64, 0, "oom");
-    support::refuse_after = 0;
-    msgQHandle none = msgQCreate(2, 64, 0, "none");
-    int sent = msgQSend(queue, "a", 1);
-    support::refuse_after = -1;
-    EXPECT_EQ(none, nullptr);
-    EXPECT_EQ(sent, -1);
+    EXPECT_EQ(support::without_memory([] { return msgQCreate(2, 64, 0, "none"); }), nullptr);
+    EXPECT_EQ(support::without_memory([&] { return msgQSend(queue, "a", 1); }), -1);
     EXPECT_EQ(queue->queued.count, 0);
     EXPECT_EQ(queue->missCount, 0);
     EXPECT_EQ(msgQSend(queue, "a", 1), 0);
     msgQDelete(queue);
 }
-#endif
 
 TEST(MsgQ, WhoReceivesMayDeleteTheQueueWhileItsSenderStillSignals) {
     for (int i = 0; i < (support::emulated() ? 50 : 1000); ++i) {

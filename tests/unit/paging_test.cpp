@@ -17,17 +17,15 @@
 namespace {
 std::vector<int64_t> delays;  // their ends, in milliseconds of the monotonic clock
 uid_t effective_user;
-}  // namespace
 
-extern "C" int clock_nanosleep(clockid_t, int, const timespec *until, timespec *) {
-    delays.push_back(int64_t{until->tv_sec} * 1000 + until->tv_nsec / 1000000);
-    return 0;
-}
-uid_t geteuid() noexcept {
-    return effective_user;
-}
-
-namespace {
+[[maybe_unused]] const bool faked = [] {
+    support::replace_call("geteuid", [] { return effective_user; });
+    support::replace_call("clock_nanosleep", [](clockid_t, int, const timespec *until, timespec *) {
+        delays.push_back(int64_t{until->tv_sec} * 1000 + until->tv_nsec / 1000000);
+        return 0;
+    });
+    return true;
+}();
 
 __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...) {
     char line[300];

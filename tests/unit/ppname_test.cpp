@@ -11,11 +11,6 @@
 
 #include "support/support.h"
 
-static int interruptions = 0;  // of the next calls
-extern "C" ssize_t write(int fd, const void *bytes, size_t size) {
-    return interruptions-- > 0 ? (errno = EINTR, -1) : syscall(SYS_write, fd, bytes, size);
-}
-
 namespace {
 
 TEST(PpName, ReadsTheInodeOutOfTheLinksMiddle) {
@@ -83,7 +78,7 @@ TEST(PpName, LocksWholeFilesAgainstOtherProcesses) {
 
 TEST(PpName, WritesThePidFileForOthersAndFollowsNoLink) {
     support::write_file("/var/run/nsd.0.pid", "a much longer text than a pid\n");
-    interruptions = 2;
+    utils_testing_fail_call("write", 1, EINTR, 2);
     EXPECT_EQ(stor_pid("nsd", 0), 0);
     EXPECT_EQ(support::captured(1, [] { ASSERT_EQ(system("cat /var/run/nsd.0.pid"), 0); }),
               std::to_string(getpid()) + "\n");

@@ -25,20 +25,18 @@ int nice_value, sampled;
 bool fail_set;
 std::vector<int> changes;
 
-}  // namespace
-
-extern "C" int getpriority(__priority_which_t, id_t) noexcept {
-    ++sampled;
-    return nice_value;
-}
-
-extern "C" int setpriority(__priority_which_t, id_t, int value) noexcept {
-    changes.push_back(value);
-    errno = EACCES;
-    return fail_set ? -1 : 0;
-}
-
-namespace {
+[[maybe_unused]] const bool faked = [] {
+    support::replace_call("getpriority", [](int, id_t) {
+        ++sampled;
+        return nice_value;
+    });
+    support::replace_call("setpriority", [](int, id_t, int value) {
+        changes.push_back(value);
+        errno = EACCES;
+        return fail_set ? -1 : 0;
+    });
+    return true;
+}();
 
 using support::eventually;
 

@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "support/heap.h"
 #include "support/support.h"
 
 namespace {
@@ -39,13 +38,13 @@ TEST(QelString, KeepsItsSizeAndRoomThroughSequencesOfOperations) {
     for (int round = 0; round < 12; ++round) {
         const auto &[size, steps] = kSequences[round / 2];
         int retry = round % 2;
-        support::failing = 2 * retry;
+        utils_testing_fail_allocation(2, retry);
         qelString *s = qelStringInit(size, retry);
         std::string content;
         for (const Step &step : steps) {
-            support::failing = retry;
+            utils_testing_fail_allocation(1, retry);
             const char *result = apply(s, step);
-            support::failing = 0;
+            utils_testing_fail_allocation(1, 0);
             content = (step.operation == 's' ? "" : content) + step.text;
             EXPECT_EQ(result, content);
             EXPECT_EQ(s->ops->get(s), result);
@@ -97,11 +96,10 @@ TEST(QelString, RefusesNullsAndFormatsThatCannotBe) {
     ops->free(s);
 }
 
-#ifdef UTILS_FAKE_HEAP
 TEST(QelString, LosesItsTextOnlyWhenItCannotGrow) {
     for (int nth : {1, 2}) {
         auto work = [nth] {
-            support::failing = nth;
+            utils_testing_fail_allocation(nth, 1);
             EXPECT_EQ(qelStringInit(0, 0), nullptr);
         };
         EXPECT_EQ(support::captured(1, work), nth == 1 ? "qelStringInit: newstr = (nil)\n" : "");
@@ -128,7 +126,6 @@ TEST(QelString, LosesItsTextOnlyWhenItCannotGrow) {
         s->ops->free(s);
     }
 }
-#endif
 
 TEST(ByteBuffer, DoublesUntilItFitsAndWritesZerosBehindANul) {
     Buffer b{nullptr, 77, 77};
@@ -151,12 +148,11 @@ TEST(ByteBuffer, DoublesUntilItFitsAndWritesZerosBehindANul) {
     freeBuffer(&b);
 }
 
-#ifdef UTILS_FAKE_HEAP
 TEST(ByteBuffer, EndsTheProcessWhenMemoryRunsOut) {
     for (int failing : {1, 2, 0}) {
         support::Ending ending = support::in_child([&] {
             Buffer b;
-            support::failing = failing;
+            utils_testing_fail_allocation(std::max(failing, 1), failing > 0);
             initBuffer(&b, 2);
             appendBuffer(&b, "abc", failing != 0 ? 3 : INT32_MAX);
             return 0;
@@ -164,6 +160,5 @@ TEST(ByteBuffer, EndsTheProcessWhenMemoryRunsOut) {
         EXPECT_TRUE(ending.exited && ending.status == 255);
     }
 }
-#endif
 
 }  // namespace

@@ -6,20 +6,8 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "support/clock.h"
-#include "support/heap.h"
 #include "support/support.h"
 #include "utils/clock.h"
-
-namespace {
-
-int writes;
-
-}  // namespace
-
-extern "C" ssize_t write(int fd, const void *bytes, size_t size) {
-    return ++writes == 1 ? (errno = EINTR, -1) : syscall(SYS_write, fd, bytes, size);
-}
 
 namespace {
 
@@ -42,19 +30,23 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
         7000000000 * usec, 5000000000 * usec, 3000000000 * usec, 700, 2, 3, 100, 60, 7};
     serviceStats[1] = {0, 0, 0, 0, 5, -1, 0, 0, 0};
     int reader = -1;
+    utils_testing_reset();
+    utils_testing_fail_call("write", 1, EINTR, 1);
+    utils_testing_step_clock(CLOCK_MONOTONIC, 1000000000);
     for (auto [label, names] : {std::pair("NS", kNames), {"longlabel", nullptr}}) {
         serviceStatIsOn = 1;
-        support::ahead_s = 0;
-        support::step_s = 1;
+        int before = utils_testing_count_calls("clock_gettime");
         serviceStat_stop(label, names, 3);
-        EXPECT_EQ(support::ahead_s, reader == -1 ? 1 : 3) << "the lock of a reader is waited for";
+        EXPECT_EQ(utils_testing_count_calls("clock_gettime") - before, reader == -1 ? 1 : 3)
+            << "the lock of a reader is waited for";
         reader = open(kReport, O_RDONLY);
         flock(reader, LOCK_SH);
         EXPECT_EQ(serviceStatIsOn, 0);
         expect_cleared(3, UINT64_MAX);
     }
     close(reader);
-    EXPECT_EQ(writes, 3) << "each report at once, the interrupted one again";
+    EXPECT_EQ(utils_testing_count_calls("write"), 3)
+        << "each report at once, the interrupted one again";
     std::string text = support::read_file(kReport);
     const char *date = text.c_str() + 100;
     tm parsed{};
@@ -96,19 +88,15 @@ TEST(ServiceStat, LostReportZeroesTheWholeTableAndFollowsNoLink) {
     free(serviceStats);
 }
 
-#ifdef UTILS_FAKE_HEAP
 TEST(ServiceStat, WithoutATableOnlyTheHeadingIsWritten) {
     std::filesystem::remove(kReport);
-    for (auto [count, refuse, result] : {std::tuple(0, -1, 0), {-1, -1, 0}, {2, 0, -1}}) {
-        support::refuse_after = refuse;
-        int got = serviceStat_init(count);
-        support::refuse_after = -1;
-        EXPECT_EQ(got, result);
+    for (auto [count, refuse, result] : {std::tuple(0, false, 0), {-1, false, 0}, {2, true, -1}}) {
+        auto init = [number = count] { return serviceStat_init(number); };
+        EXPECT_EQ(refuse ? support::without_memory(init) : init(), result);
         EXPECT_EQ(serviceStats, nullptr);
         serviceStat_stop("NS", kNames, 3);
         EXPECT_EQ(std::filesystem::file_size(kReport), 127u + 4 * 125);
     }
 }
-#endif
 
 }  // namespace

@@ -13,44 +13,36 @@
 #include "support/support.h"
 
 namespace {
-int fail_limit = 0;  // 1: reading it, 2: setting it
 rlimit limit_set{};
 bool reader_leaves = false;  // between the question for room and the write
 }  // namespace
 
-// By its name in the library: the C library's header may define poll() inline.
-extern "C" int fake_poll(pollfd *fds, nfds_t count, int limit_ms) __asm__("poll");
-extern "C" int fake_poll(pollfd *fds, nfds_t count, int) {
-    timespec now{};
-    int ready = ppoll(fds, count, &now, nullptr);
-    if (reader_leaves)
-        fds->revents = POLLOUT;
-    return ready;
-}
-
-// The limit is only noted: no core files.
-extern "C" int getrlimit(__rlimit_resource_t, rlimit *limit) noexcept {
-    *limit = {};
-    return fail_limit == 1 ? -1 : 0;
-}
-extern "C" int setrlimit(__rlimit_resource_t, const rlimit *limit) noexcept {
-    limit_set = *limit;
-    return fail_limit == 2 ? -1 : 0;
-}
-
 namespace {
+
+[[maybe_unused]] const bool faked = [] {
+    support::replace_call("poll", [](pollfd *fds, nfds_t count, int) {
+        int ready = poll(fds, count, 0);
+        if (reader_leaves)
+            fds->revents = POLLOUT;
+        return ready;
+    });
+    // The limit is only noted: no core files.
+    support::replace_call("getrlimit", [](int, rlimit *limit) { return *limit = {}, 0; });
+    support::replace_call("setrlimit",
+                          [](int, const rlimit *limit) { return limit_set = *limit, 0; });
+    return true;
+}();
 
 using std::filesystem::current_path;
 
 TEST(Signals, CoreEnvironmentIsADirectoryOfItsOwnAndARaisedLimit) {
     EXPECT_TRUE(support::passes_in_child([] {
-        for (int which : {1, 2}) {
-            fail_limit = which;
+        for (std::string call : {"getrlimit", "setrlimit"}) {
+            utils_testing_fail_call(call.c_str(), 1, EPERM, 1);
             EXPECT_EQ(support::captured(1, [] { EXPECT_EQ(qel_coreenv_set("limited"), 21); }),
-                      which == 1 ? "getrlimit:limited/-1\n" : "setrlimit:limited/-1\n");
+                      call + ":limited/-1\n");
             EXPECT_FALSE(std::filesystem::exists("/core_files/limited"));
         }
-        fail_limit = 0;
         // The second time the directory exists. What others have planted or may write is refused.
         std::filesystem::create_directory_symlink("/tmp", "/core_files/link");
         for (auto [name, mode] : {std::pair("open", 0777), {"group", 0775}, {"sticky", 01777}}) {

@@ -11,17 +11,6 @@
 
 namespace {
 
-int nice_asked = -1;
-
-}  // namespace
-
-extern "C" int setpriority(__priority_which_t which, id_t who, int value) noexcept {
-    nice_asked = which == PRIO_PROCESS && who == 0 ? value : -1000;
-    return -1;
-}
-
-namespace {
-
 // One process is one task, so the order matters: before taskInit, after it, and after a second one.
 TEST(Task, IdentityLivesFromInitToInit) {
     EXPECT_EQ(taskIdSelf(), -1);
@@ -46,6 +35,11 @@ TEST(Task, IdentityLivesFromInitToInit) {
 }
 
 TEST(Task, PriorityIsTheNiceValueAndIgnoresRefusal) {
+    static int nice_asked = -1;
+    support::replace_call("setpriority", [](int which, id_t who, int value) {
+        nice_asked = which == PRIO_PROCESS && who == 0 ? value : -1000;
+        return -1;
+    });
     EXPECT_EQ(taskPriority(7), 0);
     EXPECT_EQ(nice_asked, 7);
 }

@@ -1,7 +1,6 @@
 // Every test runs in a child: the service is one per process, and some of its states are for life.
 #include "utils/timer_r.h"
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,47 +13,17 @@
 
 namespace {
 
-// Which call of the service fails next: a creation step, or a use of the timer mutex.
-std::atomic<bool> refuse_policy{false};
-std::atomic<int> wakes{0};
-std::atomic<int> fail_lock{0}, fail_unlock{0};  // 1: the next one fails; 2: the one after it
+// Threads of another policy would need rights.
+[[maybe_unused]] const int replaced =
+    (support::replace_call(
+         "pthread_attr_setschedpolicy",
+         [](pthread_attr_t *, int policy) { return policy != SCHED_FIFO ? EINVAL : 0; }),
+     0);
+std::atomic<int> wakes{0};  // of the loop
 
-[[maybe_unused]] int countdown(std::atomic<int> &counter) {
-    int left = counter;
-    if (left > 0)
-        counter = left - 1;
-    return left == 1 ? EPERM : 0;
+int all_wakes() {
+    return wakes + utils_testing_count_calls("pthread_cond_signal");
 }
-
-}  // namespace
-
-extern "C" int pthread_attr_setschedpolicy(pthread_attr_t *, int policy) noexcept {
-    return refuse_policy || policy != SCHED_FIFO ? EINVAL : 0;
-}
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define UTILS_FAKE_LOCKS 1
-extern "C" {
-int pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
-    static auto *real =
-        reinterpret_cast<int (*)(pthread_mutex_t *)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
-    int error = countdown(fail_lock);
-    return error != 0 ? error : real(mutex);
-}
-int pthread_mutex_unlock(pthread_mutex_t *mutex) noexcept {
-    static auto *real =
-        reinterpret_cast<int (*)(pthread_mutex_t *)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
-    int error = countdown(fail_unlock);
-    return error != 0 ? error : real(mutex);
-}
-int pthread_cond_signal(pthread_cond_t *condition) noexcept {
-    ++wakes;
-    return pthread_cond_broadcast(condition);
-}
-}
-#endif
-
-namespace {
 
 std::atomic<int> calls{0};
 
@@ -202,7 +171,6 @@ TEST(TimerR, ThreeHundredRestartsLoseNoTimer) {
     }));
 }
 
-#ifdef UTILS_FAKE_LOCKS
 // Whom a change of the first due time wakes: the service's own thread, and an I/O loop.
 TEST(TimerR, WakesWhenTheFirstDueTimeChanges) {
     static timerHandle a, b;
@@ -232,14 +200,14 @@ TEST(TimerR, WakesWhenTheFirstDueTimeChanges) {
             a = timer_create_r(nullptr, count, 0, 0);
             b = timer_create_r(nullptr, count, 0, 0);
             for (auto &step : steps) {
-                int before = wakes;
+                int before = all_wakes();
                 EXPECT_EQ(step.call(), 0) << step.what;
-                EXPECT_EQ(wakes - before, by_thread ? step.by_thread : step.by_loop) << step.what;
+                EXPECT_EQ(all_wakes() - before, by_thread ? step.by_thread : step.by_loop)
+                    << step.what;
             }
         }));
     }
 }
-#endif
 
 // Nobody wakes the thread for a first timer that falls due later: its time-out for the one before
 // must not fire it early.
@@ -372,9 +340,8 @@ TEST(TimerR, MisuseIsFatalWithItsOwnNumber) {
 
 TEST(TimerR, AServiceThatCannotStartIsReported) {
     support::Ending ending = support::in_child([] {
-        refuse_policy = true;
+        utils_testing_fail_call("pthread_attr_setschedpolicy", 1, EINVAL, 1);
         bool failed = timer_init_r() == -1 && timer_create_r(nullptr, count, 0, 0) == nullptr;
-        refuse_policy = false;
         return failed && timer_create_r(nullptr, count, 0, 0) != nullptr ? 0 : 1;
     });
     EXPECT_EQ(ending.status, 0);
@@ -385,7 +352,6 @@ TEST(TimerR, AServiceThatCannotStartIsReported) {
     EXPECT_EQ(ending.err, "timer_ioss_create: ioss_create failed: Invalid argument\n");
 }
 
-#ifdef UTILS_FAKE_LOCKS
 // The loop's thread is the only one, so the next lock or unlock is the one under test.
 TEST(TimerR, BrokenLockingIsFatalOrRefused) {
     static timerHandle t;
@@ -416,7 +382,8 @@ TEST(TimerR, BrokenLockingIsFatalOrRefused) {
             ioss_loop *loop = ioss_loop_create();
             timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop));
             t = timer_create_r(nullptr, count, 0, 0);
-            (c.lock ? fail_lock : fail_unlock) = 1;
+            auto *broken = c.lock ? "pthread_mutex_lock" : "pthread_mutex_unlock";
+            utils_testing_fail_call(broken, 1, EPERM, 1);
             return c.call() == -1 ? 0 : 1;
         });
         EXPECT_EQ(ending.exited, c.line == 0) << c.line;
@@ -427,12 +394,11 @@ TEST(TimerR, BrokenLockingIsFatalOrRefused) {
     support::Ending ending = support::in_child([] {
         ioss_loop *loop = ioss_loop_create();
         timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop));
-        fail_lock = 1;
+        utils_testing_fail_call("pthread_mutex_lock", 1, EPERM, 1);
         return timer_create_r(nullptr, count, 0, 0) == nullptr ? 0 : 1;
     });
     EXPECT_EQ(ending.status, 0);
     EXPECT_EQ(ending.out, "Timer failure: timer_r:409\n");
 }
-#endif
 
 }  // namespace

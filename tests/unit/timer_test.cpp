@@ -6,7 +6,6 @@
 #include <random>
 #include <vector>
 
-#include "support/heap.h"
 #include "support/support.h"
 #include "utils/clock.h"
 #include "utils/platform/context.h"
@@ -316,16 +315,15 @@ TEST_F(Timer, CleanupDeletesArmedTimersOnly) {
 TEST_F(Timer, APassAllocatesNothing) {
     timerHandle periodic = timer_create_periodic([](uintptr_t, uintptr_t) {}, 0, 0);
     timer_set(periodic, 50);
-    int before = support::allocations;
+    utils_testing_reset();
     for (int i = 0; i < 1000; ++i) {
         clock_ms += 50;
         timer_callback();
         timer_gettimeout();
     }
-    EXPECT_EQ(support::allocations - before, 0);
+    EXPECT_EQ(utils_testing_count_calls("malloc"), 0);
 }
 
-#ifdef UTILS_FAKE_HEAP
 TEST_F(Timer, CreationFailsWithoutMemory) {
     for (int i = 0; i < 60; ++i) {  // enough for the index to grow
         timerHandle t =
@@ -333,10 +331,9 @@ TEST_F(Timer, CreationFailsWithoutMemory) {
                                        [](timerHandle none) { EXPECT_EQ(none, nullptr); });
         EXPECT_EQ(timer_set(t, 1000), 0);
     }
-    int before = support::allocations;
+    utils_testing_reset();
     timer_cleanup();
-    EXPECT_EQ(support::allocations, before);
+    EXPECT_EQ(utils_testing_count_calls("malloc"), 0);
 }
-#endif
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <tuple>
 #include <utility>
 
-#include "support/heap.h"
 #include "support/wire.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
@@ -115,7 +114,8 @@ std::string relayed(qelTnetCommand function, const Command &command, bool in_pro
 
 // What the daemon writes back for the bytes of a message, after which the client hangs up. It may
 // make so many allocations, and copies of the socket or not.
-std::string answer_to(const std::string &message, int granted = -1, bool no_copy = false) {
+std::string answer_to(const std::string &message, int granted = INT32_MAX - 1,
+                      bool no_copy = false) {
     Ends connection;
     EXPECT_EQ(write(connection.fd[0], message.data(), message.size()),
               static_cast<ssize_t>(message.size()));
@@ -125,9 +125,8 @@ std::string answer_to(const std::string &message, int granted = -1, bool no_copy
     getrlimit(RLIMIT_NOFILE, &descriptors);
     rlimit limited{no_copy ? 0 : descriptors.rlim_cur, descriptors.rlim_max};
     setrlimit(RLIMIT_NOFILE, &limited);
-    support::refuse_after = granted;
-    qelTnetCmdCBwrapper(connection.fd[1], &descriptor);
-    support::refuse_after = -1;
+    auto serve = [&] { return qelTnetCmdCBwrapper(connection.fd[1], &descriptor), 0; };
+    support::without_memory(serve, granted);
     setrlimit(RLIMIT_NOFILE, &descriptors);
     connection.end(1);
     return read_all(connection.fd[0]);
@@ -202,12 +201,10 @@ TEST(TnetCmd, RunsEveryMessageWhoseTextsEndInsideAndNothingElse) {
         EXPECT_EQ(answer_to(support::words(header) + rest), answer)
             << testing::PrintToString(header);
     std::string message = command_message({"x"});
-    EXPECT_EQ(answer_to(message, -1, true), "qelTcmdCB: unable to dup socket!\n");
-#ifdef UTILS_FAKE_MALLOC
+    EXPECT_EQ(answer_to(message, INT32_MAX - 1, true), "qelTcmdCB: unable to dup socket!\n");
     std::string answers[] = {"", "", "qelTcmdCB: unable to fdopen descriptor!\n"};
     for (int granted = 0; granted < 3; ++granted)
         EXPECT_EQ(answer_to(message, granted), answers[granted]);
-#endif
 }
 
 TEST(TnetCmd, OutputArrivesWholeFromSlowDyingAndTwoHundredDaemonsAtOnce) {

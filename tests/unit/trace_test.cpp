@@ -10,19 +10,6 @@
 
 #include "support/support.h"
 
-static int interruptions = 0;  // of the next calls
-static uid_t shown_owner = 0;  // of directories, unless it is 0
-
-extern "C" int posix_fallocate(int fd, off_t at, off_t size) {
-    return interruptions > 0 ? (--interruptions, EINTR) : ftruncate(fd, at + size);
-}
-extern "C" int fstat(int fd, struct stat *status) noexcept {
-    int result = fstatat(fd, "", status, AT_EMPTY_PATH);
-    if (S_ISDIR(status->st_mode) && shown_owner != 0)
-        status->st_uid = shown_owner;
-    return result;
-}
-
 namespace {
 
 using std::filesystem::create_symlink;
@@ -123,10 +110,10 @@ TEST(Trace, TakenNamesAndInterruptionsPreventNoSection) {
     EXPECT_TRUE(files().empty());
     for (int i = 0; i <= 50; ++i)
         std::filesystem::create_directory(name + (i > 0 ? "+" + std::to_string(i) : ""));
-    interruptions = 3;
+    utils_testing_fail_call("posix_fallocate", 1, EINTR, 3);
     Section section(1);
     EXPECT_EQ(section.result, 0);
-    EXPECT_EQ(interruptions, 0);
+    EXPECT_EQ(utils_testing_failures(), 3);
     EXPECT_EQ(files().size(), 52u);
     EXPECT_EQ(trace_module_cleanup(section.handle), 0);
     std::filesystem::remove_all(TRACE_DIRECTORY);
@@ -153,14 +140,21 @@ TEST(Trace, FailsWhereASectionCannotBeAndFollowsNoLinks) {
                                                            {0777, 0, true},
                                                            {0775, 0, true},
                                                            {01777, 0, false}};
+    static uid_t shown_owner;  // of directories, unless it is 0
     for (auto [mode, owner, refused] : directories) {
         chmod(TRACE_DIRECTORY, mode);
         shown_owner = owner;
+        support::replace_call("fstat", [](int fd, struct stat *status) {
+            int result = fstat(fd, status);
+            if (S_ISDIR(status->st_mode) && shown_owner != 0)
+                status->st_uid = shown_owner;
+            return result;
+        });
         Section made(1);
         EXPECT_EQ(made.result != 0, refused) << std::oct << mode << " of " << std::dec << owner;
         trace_module_cleanup(made.handle);
     }
-    shown_owner = 0;
+    utils_testing_reset();
 }
 
 }  // namespace

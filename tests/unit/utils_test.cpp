@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -6,25 +5,16 @@
 #include "support/support.h"
 #include "utils/console.h"
 
-static const char *terminal = nullptr;
-static bool fail_close = false;
+namespace {
 
-// The name of the terminal on standard output.
-extern "C" int fake_ttyname(int, char *, size_t) __asm__("ttyname_r");
-int fake_ttyname(int descriptor, char *name, size_t size) {
+const char *terminal = nullptr;  // its name, on standard output
+
+int named_terminal(int descriptor, char *name, size_t size) {
     if (descriptor != 1 || terminal == nullptr)
         return ENOTTY;
     snprintf(name, size, "%s", terminal);
     return 0;
 }
-
-extern "C" int fclose(FILE *stream) {
-    int result = reinterpret_cast<int (*)(FILE *)>(dlsym(RTLD_NEXT, "fclose"))(stream);
-    errno = ENOSPC;
-    return fail_close ? EOF : result;
-}
-
-namespace {
 
 constexpr const char *kConsole = "/dev/console";
 
@@ -32,6 +22,7 @@ TEST(Console, VerbosePrintsOnStandardOutputTooUnlessThatIsTheConsole) {
     std::pair<const char *, bool> cases[] = {{nullptr, true},       {"/dev/pts/0", true},
                                              {"/dev/ttyS2", true},  {"/dev/console", false},
                                              {"/dev/ttyS0", false}, {"/dev/ttyS1", false}};
+    support::replace_call("ttyname_r", named_terminal);
     for (auto [name, on_both] : cases) {
         terminal = name;
         support::write_file(kConsole, "older text");
@@ -53,9 +44,8 @@ TEST(Console, AConsoleThatCannotBeUsedCostsItsCopyOnly) {
     EXPECT_NE(access(kConsole, F_OK), 0);
     support::write_file(kConsole, "");
     int result = 0;
-    fail_close = true;
+    utils_testing_fail_call("fclose", 1, ENOSPC, 1);
     std::string text = support::captured(2, [&] { result = console_printf("lost\n"); });
-    fail_close = false;
     EXPECT_THAT(text, testing::MatchesRegex("fclose failed utils [0-9]+ errno 28\n"));
     EXPECT_EQ(result, static_cast<int>(text.size()));
 }

@@ -1,0 +1,192 @@
+// The library for tests: what it makes fail, shortens, replaces, counts and sets, and nothing else.
+#include "utils/testing.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+
+#include "support/support.h"
+#include "utils/platform/timebase.h"
+
+namespace {
+
+struct Testing : testing::Test {
+    ~Testing() override { utils_testing_reset(); }
+};
+
+TEST_F(Testing, FailsExactlyTheCallsThatAreAskedFor) {
+    for (auto [nth, times, expected] : {std::tuple(1, 1, "x..."),
+                                        {3, 1, "..x."},
+                                        {2, 2, ".xx."},
+                                        {2, UTILS_TESTING_FROM_THEN_ON, ".xxx"},
+                                        {1, 0, "...."}}) {
+        utils_testing_reset();
+        ASSERT_EQ(utils_testing_fail_call("access", nth, EIO, times), 0);
+        std::string seen;
+        for (int call = 0; call < 4; ++call)
+            seen += access("/", F_OK) == 0 ? '.' : errno == EIO ? 'x' : '?';
+        EXPECT_EQ(seen, expected);
+        EXPECT_EQ(utils_testing_failures(), std::count(seen.begin(), seen.end(), 'x'));
+    }
+    EXPECT_EQ(utils_testing_count_calls("access"), 4);
+    EXPECT_EQ(utils_testing_count_calls("acces"), -1);
+    for (auto [name, nth, error, times] : {std::tuple("acces", 1, 1, 1),
+                                           {"access", 0, 1, 1},
+                                           {"access", 1, 0, 1},
+                                           {"access", 1, 1, -1}})
+        EXPECT_EQ(utils_testing_fail_call(name, nth, error, times), -1) << name << nth << error;
+    EXPECT_EQ(errno, EINVAL);
+}
+
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// Every listed function fails when asked to, in the form that this program's sources call.
+TEST_F(Testing, EachFunctionSaysItsErrorInItsOwnWay) {
+    const std::pair<const char *, bool (*)()> cases[] = {
+        {"open", [] { return open("/", O_RDONLY) == -1; }},
+        {"fcntl", [] { return fcntl(0, F_GETFD) == -1; }},
+        {"ioctl", [] { return ioctl(0, FIONREAD, nullptr) == -1; }},
+        {"poll", [] { return poll(nullptr, 0, 0) == -1; }},
+        {"fstat",
+         [] {
+             struct stat s;
+             return fstat(0, &s) == -1;
+         }},
+        {"lseek", [] { return lseek(0, 0, SEEK_CUR) == -1; }},
+        {"fopen", [] { return fopen("/", "r") == nullptr; }},
+        {"popen", [] { return popen("true", "r") == nullptr; }},
+        {"mmap",
+         [] { return mmap(nullptr, 1, 0, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED; }},
+        {"shmat", [] { return shmat(-1, nullptr, 0) == reinterpret_cast<void *>(-1); }},
+        {"select",
+         [] {
+             timeval no{};
+             return select(0, nullptr, nullptr, nullptr, &no) == -1;
+         }},
+        {"fork", [] { return fork() == -1; }},
+        {"nanosleep",
+         [] {
+             timespec no{};
+             return nanosleep(&no, nullptr) == -1;
+         }},
+        {"posix_fallocate", [] { return (errno = posix_fallocate(-1, 0, 1)) != 0; }},
+        {"pthread_mutex_lock", [] { return (errno = pthread_mutex_lock(&mutex)) != 0; }}};
+    for (auto [name, fails] : cases) {
+        ASSERT_EQ(utils_testing_fail_call(name, 1, EXDEV, 1), 0) << name;
+        EXPECT_TRUE(fails()) << name;
+        EXPECT_EQ(errno, EXDEV) << name;
+        EXPECT_EQ(utils_testing_failures(), 1) << name;
+    }
+    int listed = 0;
+    while (utils_testing_function(listed) != nullptr)
+        EXPECT_EQ(utils_testing_count_calls(utils_testing_function(listed++)) < 0, false);
+    EXPECT_GT(listed, 100);
+    EXPECT_EQ(utils_testing_function(-1), nullptr);
+}
+
+TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
+    void *(*const makers[])() = {
+        [] { return malloc(10); }, [] { return calloc(2, 5); }, [] { return realloc(nullptr, 10); },
+        [] { return aligned_alloc(64, 64); }, [] { return static_cast<void *>(strdup("text")); }};
+    int before = utils_testing_live_blocks();
+    for (auto make : makers) {
+        void *block = make();
+        EXPECT_EQ(utils_testing_live_blocks(), before + 1);
+        free(block);
+        EXPECT_EQ(utils_testing_live_blocks(), before);
+    }
+    auto *block = static_cast<char *>(malloc(4));
+    memcpy(block, "abc", 4);
+    utils_testing_fail_allocation(2, 1);
+    auto *larger = static_cast<char *>(realloc(block, 4000));
+    void *refused = malloc(10);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(utils_testing_failures(), 1);
+    EXPECT_EQ(refused, nullptr);
+    EXPECT_STREQ(larger, "abc");
+    free(larger);
+    EXPECT_EQ(utils_testing_live_blocks(), before);
+}
+
+TEST_F(Testing, StreamsAreShortenedAndPacketsAreNot) {
+    for (auto [type, sent] : {std::pair(SOCK_STREAM, 2), {SOCK_SEQPACKET, 5}}) {
+        int ends[2];
+        char text[8] = "";
+        ASSERT_EQ(socketpair(AF_UNIX, type, 0, ends), 0);
+        utils_testing_short_io(2);
+        EXPECT_EQ(write(ends[0], "12345", 5), sent);
+        EXPECT_EQ(send(ends[0], "6789", 4, 0), std::min(sent, 4));
+        EXPECT_EQ(recv(ends[1], text, sizeof text, MSG_PEEK), sent);
+        EXPECT_EQ(read(ends[1], text, sizeof text), sent);
+        utils_testing_short_io(0);
+        for (int end : ends)
+            close(end);
+    }
+}
+
+TEST_F(Testing, AReplacementReachesTheFunctionItself) {
+    static int asked;
+    auto root = [](const char *, int flags, uintptr_t) { return ++asked, open("/", flags); };
+    int before = utils_testing_open_descriptors();
+    support::replace_call("open", root);
+    int fd = open("/no such file", O_RDONLY | O_DIRECTORY);
+    EXPECT_EQ(asked, 1);
+    EXPECT_EQ(utils_testing_open_descriptors(), before + 1);
+    utils_testing_replace_call("open", nullptr);
+    EXPECT_EQ(open("/no such file", O_RDONLY), -1);
+    close(fd);
+    EXPECT_EQ(utils_testing_open_descriptors(), before);
+}
+
+TEST_F(Testing, OtherThreadsAreLeftAloneOnDemand) {
+    utils_testing_this_thread_only(1);
+    utils_testing_fail_call("access", 1, EIO, UTILS_TESTING_FROM_THEN_ON);
+    int result = -1;
+    std::thread([&] { result = access("/", F_OK); }).join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(access("/", F_OK), -1);
+    EXPECT_EQ(utils_testing_count_calls("access"), 1);
+}
+
+TEST_F(Testing, ClocksStandMoveAndStep) {
+    auto shown = [](clockid_t clock) {
+        timespec now{};
+        clock_gettime(clock, &now);
+        return now.tv_sec * support::kSecond + now.tv_nsec;
+    };
+    for (clockid_t clock : {CLOCK_REALTIME, CLOCK_MONOTONIC}) {
+        int64_t real = shown(clock);
+        ASSERT_EQ(utils_testing_advance_clock(clock, 5000 * support::kSecond), 0);
+        EXPECT_NEAR(static_cast<double>(shown(clock) - real) / support::kSecond, 5000, 60);
+        ASSERT_EQ(utils_testing_set_clock(clock, 77 * support::kSecond + 7), 0);
+        EXPECT_EQ(shown(clock), 77 * support::kSecond + 7);
+        utils_testing_step_clock(clock, support::kSecond / 2);
+        EXPECT_EQ(shown(clock), 77 * support::kSecond + 7);
+        EXPECT_EQ(shown(clock), 77 * support::kSecond + support::kSecond / 2 + 7);
+        utils_testing_advance_clock(clock, -78 * support::kSecond);
+        EXPECT_EQ(shown(clock), -support::kSecond / 2 + 7);
+    }
+    utils_testing_set_clock(CLOCK_REALTIME, 9 * support::kSecond - 1);
+    timeval day{};
+    gettimeofday(&day, nullptr);
+    EXPECT_EQ(time(nullptr), 8);
+    EXPECT_EQ(day.tv_sec, 8);
+    EXPECT_EQ(day.tv_usec, 999999);
+    utils_testing_release_clock(CLOCK_REALTIME);
+    EXPECT_GT(time(nullptr), 1000000);
+    EXPECT_EQ(utils_testing_set_clock(CLOCK_PROCESS_CPUTIME_ID, 1), -1);
+    ASSERT_EQ(utils_testing_set_ticks(0x123456789AULL), 0);
+    EXPECT_EQ(timebase_read(), 0x123456789AULL);
+    utils_testing_reset();
+    EXPECT_NE(timebase_read(), 0x123456789AULL);
+}
+
+}  // namespace
