@@ -43,6 +43,8 @@ packages_asan := $(test_packages)
 packages_tsan := $(test_packages)
 packages_clang := $(test_packages) clang
 packages_fuzz := $(build_packages) bubblewrap clang libclang-rt-14-dev
+packages_model := spin gcc libc6-dev
+packages_soak := $(build_packages) bubblewrap python3
 packages_bench := $(build_packages) bubblewrap binutils libbenchmark-dev libglib2.0-dev libevent-dev libspdlog-dev \
     zlib1g-dev libdeflate-dev libzstd-dev libuv1-dev libtbb-dev liblz4-dev python3 python3-matplotlib
 packages_bench-check := $(packages_bench)
@@ -72,7 +74,7 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help deps demo test native target target-system corners $(corners) asan tsan clang fuzz bench bench-check lint format docs package install \
+.PHONY: help deps demo test native target target-system corners $(corners) asan tsan clang fuzz model soak bench bench-check lint format docs package install \
     abi abi-update $(abi_corners:%=libraries-%) reproducible clean ci
 
 help: ## This list
@@ -136,10 +138,20 @@ clang: ## Build everything with clang++ (warnings are errors) and run the tests
 	$(needs)
 	$(call check,clang)
 
-fuzz: ## Run every fuzz target for SECONDS (default 20)
+fuzz: ## Run every fuzz target for SECONDS (default 20), on from the inputs that are kept and earlier runs
 	$(needs)
 	$(call build,fuzz)
 	@scripts/fuzz build/fuzz $(SECONDS)
+
+model: ## Check the models of the protocols, and that their planted faults are found
+	$(needs)
+	@scripts/model
+
+soak: SECONDS := $(if $(filter command line environment,$(origin SECONDS)),$(SECONDS),60)
+soak: ## Keep a daemon and everything at it busy for SECONDS (default 60), with kills; SEED repeats the choices
+	$(needs)
+	$(call build,demo,--target soak)
+	@scripts/soak build/demo $(SECONDS) $(SEED)
 
 bench: ## Run the benchmarks, ours and their peers side by side, all or FAMILY=name, BEFORE=folder of older libraries; draws docs/bench
 	$(needs)

@@ -89,7 +89,8 @@ int msgQReceive(msgQHandle queue, void *buf, unsigned size, int timeout_ms);
 /**
  * Discards waiting messages and frees the queue; wakes nobody. A sender whose message made the
  * caller delete the queue may still be busy waking it: the call waits for that, at most 100 ms,
- * except in a child that was forked after msgQCreate().
+ * except in a child that was forked after msgQCreate(); a sender that is held up for longer uses
+ * memory that was freed.
  * @return 0
  */
 int msgQDelete(msgQHandle queue);

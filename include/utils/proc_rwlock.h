@@ -13,10 +13,11 @@
  * that is ignored.
  *
  * Readers come before writers: while readers hold the lock, more may join, and after a write
- * waiting readers go first. The thread that took the file's lock for a process is its owner and, on
- * unlocking, waits for the process's other readers. A thread that holds the lock must not take it
- * again. A call that waits for another process keeps the record busy: other threads of the process,
- * their try-locks included, wait behind it.
+ * waiting readers go first; readers of one process that overlap without a gap keep the writers of
+ * every process waiting, and their owner in its unlock, without end. The thread that took the
+ * file's lock for a process is its owner and, on unlocking, waits for the process's other readers.
+ * A thread that holds the lock must not take it again. A call that waits for another process keeps
+ * the record busy: other threads of the process, their try-locks included, wait behind it.
  *
  * A waiting call may fail with EDEADLK: the system looks for circles of processes, not of threads,
  * so it may see one (fcntl(), POSIX.1) where two processes wait for two locks in different threads

@@ -106,8 +106,9 @@ void timer_flush_r(void);
 /**
  * Stops the service thread: it ends soon after this call has returned, and every timer armed now is
  * deleted, even while its handler runs: by the thread, or before it by the next call that creates
- * or sets a timer or starts a service. Idle timers stay valid; one that is set after a close fires
- * only once a service runs again, which the next create or timer_init_r() starts. @return 0
+ * or sets a timer or starts a service. Idle timers stay valid; one that is set after a close, also
+ * one whose create overlapped the close, fires only once a service runs again, which the next
+ * create or timer_init_r() starts. @return 0
  */
 int timer_close_r(void);
 

@@ -3,8 +3,6 @@
 // exits without a complaint of the sanitizers.
 #include <sys/shm.h>
 
-#include <random>
-
 #include "testd.h"
 
 namespace {
@@ -124,27 +122,7 @@ TEST(Ipc, ManyRequestsBySharedMemoryLeaveNoSegment) {
     EXPECT_EQ(support::captured(1, [] { EXPECT_EQ(system("ipcs -m | grep -c 0x"), 256); }), "0\n");
 }
 
-std::string mutated(std::string bytes) {
-    static std::mt19937 random(1);
-    static const uint32_t kWords[] = {0, 1, 2, 4, 7, 8, 20, 0x7FFFFFFF, 0xFFFFFFF0, 0xFFFFFFFF};
-    for (size_t n = 1 + random() % 4; n > 0 && !bytes.empty(); --n) {
-        size_t at = random() % bytes.size(), kind = random() % 5;
-        if (kind == 0)
-            bytes[at] = static_cast<char>(bytes[at] ^ 1 << random() % 8);
-        else if (kind == 1)
-            bytes[at] = static_cast<char>(random());
-        else if (kind == 2)
-            bytes.replace(at / 4 * 4, 4, words({kWords[random() % std::size(kWords)]}));
-        else if (kind == 3)
-            bytes.resize(at);
-        else
-            bytes.insert(at, bytes.substr(0, random() % 64));
-    }
-    return bytes;
-}
-
-// Of the 100,000 mutations, commands, blocks and redirects get a third each.
-TEST(Ipc, TruncatedAndMutatedInputLeavesTheDaemonServing) {
+TEST(Ipc, TruncatedInputLeavesTheDaemonServing) {
     Daemon daemon;
     int segments = support::segments();  // the killed daemon could not remove its own
     EXPECT_EQ(qelDRedirectOutput("/dev/null", "testd", kRedirect), 0);
@@ -181,18 +159,6 @@ TEST(Ipc, TruncatedAndMutatedInputLeavesTheDaemonServing) {
             EXPECT_EQ(send_block(fd, kRedirect, inline_block(valid.substr(0, length))) != -22,
                       whole);
         }
-    }
-    for (size_t i = 0; i < (slow() ? 2000 : 33334); ++i) {
-        send_command(mutated(command));
-        std::string payload = mutated(redirects[i % 2]), block = blocks[i % 3];
-        send_block(fd, kRedirect,
-                   i % 4 == 0 ? mutated(inline_block(payload)) + "x" : inline_block(payload));
-        ASSERT_FALSE(HasFailure()) << i;
-        int id = i % 50 == 0 ? shmget(IPC_PRIVATE, 3000, IPC_CREAT | 0600) : -1;
-        if (id >= 0)
-            block = words({2, 0, 0, 20, 8, static_cast<uint32_t>(id), 3000});
-        send_block(fd, kSum, mutated(block) + "x");
-        shmctl(id, IPC_RMID, nullptr);
     }
     EXPECT_EQ(support::segments(), segments);
     EXPECT_EQ(send_command(support::command_message({"ab", "c"})), "2 1 2");

@@ -140,27 +140,6 @@ TEST(LogCompress, DecoderKeepsItsRules) {
     EXPECT_EQ(decoded(coded({"abc1", "xyz2", "", "xyz3"})).first, (Lines{"abc1", "xyz2", "abc3"}));
 }
 
-TEST(LogCompress, SurvivesTenMillionRandomBytes) {
-    std::mt19937 random(7);
-    size_t total = support::emulated() ? 1000000 : 10000000, errors = 0, lines = 0;
-    while (total > 0) {
-        std::string stream(std::min<size_t>(total, 256 + random() % 8192), '\0');
-        // Plain noise, and noise that is near to a stream.
-        bool near = random() % 2;
-        for (char &byte : stream) {
-            auto value = random();
-            byte = static_cast<char>(near && value % 3 == 0 ? value >> 8 & 3 : value >> 16);
-            if (near && value % 16 == 0)
-                byte = '\x80';
-        }
-        total -= stream.size();
-        auto result = decoded(stream);
-        lines += result.first.size();
-        errors += result.second;
-    }
-    EXPECT_GT(std::min(errors, lines), 1000u);
-}
-
 TEST(LogCompress, ShowsAStreamBetweenItsHeadings) {
     unsigned char stream[256] = "abc\n\x80\x84\0\x80\x80";
     for (auto [length, text] : {std::pair(256,

@@ -1,14 +1,17 @@
 #include "utils/wwn.h"
 
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "fuzz/wwn_fuzz.cpp"
+#include "fuzz/fuzz.h"
 #include "support/support.h"
 
 namespace {
+
+auto exact(const std::string &text) {
+    return fuzz::exact(text, 1);
+}
 
 struct Case {
     const char *text, *start, *end;
@@ -66,21 +69,6 @@ TEST(StrElement, ReadsOneValueAndStaysWithinTextAndOutput) {
             EXPECT_EQ(dst, expected);
             EXPECT_EQ(cursor - text.get(), mode == STR_ELEMENT_ADVANCE ? c.moved : 0);
         }
-    }
-}
-
-// The checks of the fuzz target, over texts made of every piece that means something.
-TEST(TaggedText, SurvivesRandomTexts) {
-    const char *const pieces[] = {"W=", "\"", "<T>", "</S>", "\\", ">", "ab:", "ISN=", "WWN="};
-    std::mt19937 random(1);
-    for (int round = 0; round < (support::emulated() ? 5000 : 100000); ++round) {
-        std::string input(1, static_cast<char>(random()));
-        input += random() % 4 != 0 ? "W=" : "<T>";
-        (input += '\0') += random() % 4 != 0 ? "</S>" : pieces[random() % std::size(pieces)];
-        input += '\0';
-        while (random() % 12 != 0)
-            input += pieces[random() % std::size(pieces)];
-        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.data()), input.size());
     }
 }
 
