@@ -13,7 +13,7 @@ CCACHE := $(shell command -v ccache 2>/dev/null)
 export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 
-build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev
+build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev nlohmann-json3-dev
 test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
 docs_packages := doxygen mandoc man-db help2man python3
 

@@ -31,10 +31,7 @@ list(JOIN pkg_config_libs " " pkg_config_libs)
 configure_file(cmake/libutils.pc.in libutils.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/libutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# gdb loads the extension together with the library: its path is the library's, below auto-load.
-# The prefix is the one of the installation, known only then.
-install(FILES share/gdb/libutils-gdb.py RENAME libutils.so.${UTILS_SOVERSION}-gdb.py
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
+include(InstallGdb)
 
 if(UTILS_DOCS)
     file(GLOB documented CONFIGURE_DEPENDS include/utils/*.h platform/include/utils/platform/*.h

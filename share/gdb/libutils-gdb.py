@@ -1,8 +1,8 @@
 """gdb extension of libutils: readable lists, queues, timers, strings and hash tables, and commands that
 print event logs, the log cache and the armed timers of a process or of its core file.
 
-gdb loads it by itself together with the library when it is installed under gdb's auto-load directory;
-otherwise: source libutils-gdb.py. It reads memory only, so it works on core files of either byte order.
+gdb loads it by itself together with the library: from its own data directory, or from beside the library
+when the user trusts that place (add-auto-load-safe-path); otherwise: source libutils-gdb.py. It reads memory only, so it works on core files of either byte order.
 `help utils` lists the commands. They need the debug information of the library.
 """
 import re
@@ -92,6 +92,8 @@ class ListPrinter:
         whole = None not in nodes and len(nodes) == count and \
             int(self.value["tail"]) == (int(nodes[-1]) if nodes else 0)
         found = len(nodes) - nodes.count(None)
+        if count == 0 and whole:
+            return "empty LIST"
         return f"LIST of {count}" + ("" if whole else f", DAMAGED: {found} nodes can be reached")
 
     def children(self):
@@ -110,7 +112,8 @@ class QueuePrinter:
 
     def to_string(self):
         v = self.value
-        return (f"queue {quoted(field_text(v['name']))}: {int(v['queued']['count'])} of {int(v['maxMsgs'])} queued, "
+        queued = int(v['queued']['count'])
+        return (f"queue {quoted(field_text(v['name']))}: {queued or 'empty, none'} of {int(v['maxMsgs'])} queued, "
                 f"at most {int(v['maxMsgLength'])} bytes each, high water {int(v['highWater'])}, "
                 f"{int(v['missCount'])} missed")
 
@@ -194,6 +197,8 @@ class StringPrinter:
         if int(self.value["buf"]) == 0:
             return "qelString that lost its text"
         text = text_of(self.value["buf"], int(self.value["size"]))
+        if not text:
+            return f"empty qelString in {int(self.value['size'])} bytes"
         return f"qelString of {len(text)} in {int(self.value['size'])} bytes: {quoted(text)}"
 
 
@@ -205,7 +210,8 @@ class BufferPrinter:
         self.value = value
 
     def to_string(self):
-        return f"Buffer with {int(self.value['used'])} of {int(self.value['size'])} bytes used"
+        used, size = int(self.value["used"]), int(self.value["size"])
+        return f"Buffer with {used} of {size} bytes used" if used > 0 else f"empty Buffer of {size} bytes"
 
     def children(self):
         used = int(self.value["used"])
@@ -229,7 +235,8 @@ class HashPrinter:
                     yield node.cast(header).dereference()
 
     def to_string(self):
-        return f"hash_table of {sum(1 for _ in self.headers())} keys"
+        keys = sum(1 for _ in self.headers())
+        return f"hash_table of {keys} keys" if keys > 0 else "empty hash_table"
 
     def children(self):
         block = typed("hash_block").pointer()
@@ -305,7 +312,7 @@ class TimersCommand(gdb.Command):
 
     def invoke(self, argument, from_tty):
         chain = list(walk(static("chain", "timer.cpp"), "next", MOST_NODES))
-        print(f"{len(chain) - chain.count(None)} armed timers" + (", then the chain is DAMAGED" if None in chain else ""))
+        print(f"{len(chain) - chain.count(None) or 'no'} armed timers" + (", then the chain is DAMAGED" if None in chain else ""))
         for node in chain:
             if node is not None:
                 print(f"{int(node):#x}: {TimerPrinter(node.dereference()).to_string()}")
@@ -341,6 +348,8 @@ class EvlogCommand(gdb.Command):
             self.show_memory(value.address)
             return
         logs = list(walk(value["head"], "next", MOST_ENTRIES))
+        if not logs:
+            print("no event logs: the database is empty")
         for log in logs:
             if log is not None:
                 self.show_memory(log)
@@ -371,6 +380,8 @@ class EvlogCommand(gdb.Command):
         for index in (list(range(current, total)) if wrapped else []) + list(range(current)):
             at = header.sizeof + index * entry.sizeof
             EvlogCommand.show_entry(gdb.Value(raw[at:at + entry.sizeof], entry))
+        if current == 0 and not wrapped:
+            print("no events")
 
     @staticmethod
     def show_entry(event):
@@ -396,7 +407,8 @@ class LogCacheCommand(gdb.Command):
         memory = gdb.selected_inferior()
         older = bytes(memory.read_memory(write, room)) if int(cache["wraps"]) > 0 and room > 0 else b""
         newer = bytes(memory.read_memory(start, write - start)) if write > start else b""
-        print(f"log cache {quoted(field_text(cache['path']))}: {size} bytes, started again {int(cache['wraps'])} times")
+        print(f"log cache {quoted(field_text(cache['path']))}: {size} bytes, started again {int(cache['wraps'])} times"
+              + ("" if older or newer else ", empty"))
         if not re.match(rb"\d\d:\d\d:\d\d \d+ ", older):  # its first line is cut
             older = older.split(b"\n", 1)[1] if b"\n" in older else b""
         for line in (older + newer).replace(b"\0", b"").decode("utf-8", "backslashreplace").splitlines():

@@ -1,11 +1,18 @@
 #!/usr/bin/env bash
-# The gdb extension on a real core file: gdb loads it together with the library, and what it prints is what
-# the program had.
-#   gdb_extension.sh PROGRAM LIBRARY EXTENSION
+# The gdb extension on a real core file: gdb loads it together with an installed library, whose debug information
+# stands apart, and what it prints is what the program had.
+#   gdb_extension.sh PROGRAM BUILD-DIRECTORY
 set -euo pipefail
-program=$1 library=$(readlink -f "$2") extension=$3
+program=$1 build=$2 prefix="/tmp/a prefix"
 fail() { echo "gdb_extension: $*" >&2; exit 1; }
 
+DESTDIR=/tmp/stage cmake --install "$build" --prefix /opt/x >/tmp/install.log || { cat /tmp/install.log; fail "not installed"; }
+find /tmp/stage/usr/share/gdb/auto-load/opt/x -name 'libutils.so.1.0-gdb.py' | grep -q . || fail "not in gdb's data directory"
+cmake --install "$build" --prefix "$prefix" --strip >/tmp/install.log || { cat /tmp/install.log; fail "not installed"; }
+library=$(readlink -f "$(find "$prefix" -name libutils.so)")
+! readelf -S "$library" | grep -q debug_info || fail "the library is not stripped"
+grep -q '/\.debug/libutils.so.1.0.debug$' "$build/install_manifest.txt" || fail "the debug information would outlive the library"
+export LD_LIBRARY_PATH=${library%/*}
 ulimit -c unlimited
 { "$program" >/dev/null 2>&1 || true; } 2>/dev/null
 core=$(find /tmp -maxdepth 1 -name 'core*' | head -n 1)
@@ -15,14 +22,10 @@ if [ -z "$core" ]; then # the machine sends core files elsewhere
     [ -s "$core" ] || { cat /tmp/gdb.log; fail "no core file"; }
 fi
 
-autoload=/tmp/auto-load
-mkdir -p "$autoload$(dirname "$library")"
-cp "$extension" "$autoload$library-gdb.py"
 debug() { # what gdb prints for its commands, the greeting left out
     local arguments=()
     for command in "$@"; do arguments+=(-ex "$command"); done
-    gdb -q -nx -batch -iex "set auto-load safe-path $autoload" -iex "set auto-load scripts-directory $autoload" \
-        -ex 'echo ----\n' "${arguments[@]}" "$program" "$core" 2>&1 | sed '1,/^----$/d' || true
+    gdb -q -nx -batch -iex "add-auto-load-safe-path $prefix" -ex 'echo ----\n' "${arguments[@]}" "$program" "$core" 2>&1 | sed '1,/^----$/d' || true
 }
 expect() { grep -qE -- "$1" <<<"$out" || { echo "$out"; fail "misses: $1"; }; }
 
@@ -41,10 +44,18 @@ out=$(debug 'print *text' 'print bytes' 'print/x *table')
 expect '^\$1 = qelString of 20 in [0-9]+ bytes: "port 41 says \\"ready\\""$'
 expect '^\$2 = Buffer with 3 of 16 bytes used = \{data = "raw"\}$'
 expect '^\$3 = hash_table of 1 keys = \{\[0x4d2\] = .*0x51, 0x52'
+out=$(debug 'print no_nodes' 'print *no_messages' 'print *no_text' 'print no_bytes' 'print *no_keys' 'utils evlog no_logs' 'utils evlog *no_events')
+expect '^\$1 = empty LIST$'
+expect '^\$2 = queue "silence": empty, none of 8 queued, '
+expect '^\$3 = empty qelString in [0-9]+ bytes$'
+expect '^\$4 = empty Buffer of 16 bytes$'
+expect '^\$5 = empty hash_table$'
+expect '^no event logs: the database is empty$'
+[ "$(tail -n 2 <<<"$out")" = $'event log "quiet" (quiet): 4 entries, current 0, wrapped 0\nno events' ] || fail "an empty log: $out"
 out=$(debug 'utils evlog' 'utils evlog logs.head')
 expect '^event log "fabric" \(fab\): 4 entries, current 2, wrapped 1$'
 [ "$(grep -oE 'event [0-9] of 6' <<<"$out" | tr -dc 0-9)" = 3646566636465666 ] || fail "wrong events: $out"
-section=$(echo /dev/shm/trace/*)
+section=$(echo /dev/shm/trace/*fabri*)
 cp "$section" /tmp/section
 rm "$section"
 out=$(debug 'utils evlog --file /tmp/section')

@@ -17,12 +17,14 @@ struct port {
 
 LIST ports;
 LIST damaged;
-msgQHandle events;
+LIST no_nodes;
+msgQHandle events, no_messages;
 timerHandle every, once, idle;
-qelString *text;
-Buffer bytes;
-hash_table *table;
-qel_evlog_db logs;
+qelString *text, *no_text;
+Buffer bytes, no_bytes;
+hash_table *table, *no_keys;
+qel_evlog_db logs, no_logs;
+qel_evlog_handle *no_events;
 
 static void on_timer(uintptr_t number, uintptr_t unused) {
     (void)number;
@@ -55,10 +57,17 @@ int main(void) {
     table = create_hash_table(pid_hash, pid_cmp);
     add_to_hash(1234, 0x51, table);
     add_to_hash(1234, 0x52, table);
+    lstInit(&no_nodes);
+    no_messages = msgQCreate(8, sizeof(timer_message), 0, "silence");
+    no_text = qelStringInit(0, 0);
+    initBuffer(&no_bytes, 16);
+    no_keys = create_hash_table(pid_hash, pid_cmp);
+    qel_evlog_init(&no_logs);
     qel_evlog_init(&logs);
     qel_evlog_handle *log = qel_evlog_newHandle(&logs, 4, "fabric", "fab");
     for (int i = 1; i <= 6; ++i)
         qel_evlog(log, "event %d of 6\n", i);
+    no_events = qel_evlog_newHandle(&logs, 4, "quiet", "quiet");
     log_cache_init("subject");
     for (int i = 0; i < 2000; ++i)
         log_cache_write("line %d of the cache\n", i);

@@ -59,6 +59,19 @@ Failure no_such_daemon(const std::string &name) {
                    kNoSuchDaemon);
 }
 
+// Why the socket of a daemon does not take a connection; `reason` is what the system says.
+Failure no_connection(const std::string &name, const char *socket, int reason) {
+    if (reason == EAGAIN)
+        return Failure(name + " takes no more connections", kNoAnswer);
+    if (reason == EACCES || reason == EPERM)
+        return Failure(name + ": permission denied: its " + socket + " is another user's");
+    Daemon daemon = find_daemon(name);
+    if (daemon.life != Life::kRunning)
+        return no_such_daemon(name);
+    std::string process = daemon.pid != 0 ? ", process " + std::to_string(daemon.pid) + "," : "";
+    return Failure(name + process + " runs and has no " + socket);
+}
+
 bool send_all(int fd, const char *bytes, size_t count) {
     while (count > 0) {
         ssize_t sent = send(fd, bytes, count, MSG_NOSIGNAL);
@@ -83,8 +96,8 @@ bool send_all(int fd, const std::string &text) {
 
 // Carries bytes between the command channel and the daemon until one of them ends, or until the
 // daemon has been silent for `timeout_ms`; checks what it says when that goes to a terminal.
-// Whether it ended in time.
-bool carry(int channel, int daemon, int timeout_ms, bool to_terminal) {
+// Whether it ended in time; `answered` when it has said anything.
+bool carry(int channel, int daemon, int timeout_ms, bool to_terminal, bool &answered) {
     bool asking = true, heard = true;
     TextFilter filter;
     // A daemon that ends the connection at once must not keep the command from being sent.
@@ -113,6 +126,7 @@ bool carry(int channel, int daemon, int timeout_ms, bool to_terminal) {
             if (count < 0 && (errno == EAGAIN || errno == EINTR))
                 continue;
             std::string_view text(bytes, count > 0 ? static_cast<size_t>(count) : 0);
+            answered |= count > 0;
             bool sent = !to_terminal   ? send_all(channel, text.data(), text.size())
                         : text.empty() ? send_all(channel, filter.end())
                                        : send_all(channel, filter.pass(text));
@@ -128,27 +142,19 @@ struct CommandLine {
     int timeout = kDefaultTimeout;
 };
 
-ucred peer_of(const Socket &daemon) {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    if (getsockopt(daemon.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
-        throw system_failure("cannot tell who answers");
-    return peer;
-}
-
 // Who can write to the sockets' directory can stand there in a daemon's place. Trusted are root,
 // our own user, and the one that root lets write the daemon's pid file.
-void require_trusted(const std::string &daemon, const ucred &peer) {
+void require_trusted(const std::string &daemon, const Peer &peer) {
     std::string pid_file =
         kPidDirectory + ("/" + daemon + "." + std::to_string(getMySwitch()) + ".pid");
     struct stat owned {};
-    if (peer.uid != 0 && peer.uid != geteuid() &&
-        (lstat(pid_file.c_str(), &owned) != 0 || owned.st_uid != peer.uid))
-        throw Failure(daemon + " is served by " + user_name(peer.uid) + ", who is not trusted");
+    if (peer.user != 0 && peer.user != geteuid() &&
+        (lstat(pid_file.c_str(), &owned) != 0 || owned.st_uid != peer.user))
+        throw Failure(daemon + " is served by " + user_name(peer.user) + ", who is not trusted");
 }
 
-// Sends the words to the daemon and copies what it says to `out`.
-void relay(const Socket &daemon, const CommandLine &line, int out) {
+// Sends the words to the daemon and copies what it says to `out`; whether it has said anything.
+bool relay(const Socket &daemon, const CommandLine &line, int out) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
         throw system_failure("cannot make a channel");
@@ -158,11 +164,11 @@ void relay(const Socket &daemon, const CommandLine &line, int out) {
     for (const std::string &word : line.words)
         words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
-    bool in_time = true, to_terminal = isatty(out) == 1;
+    bool in_time = true, answered = false, to_terminal = isatty(out) == 1;
     std::exception_ptr failure;
     std::thread carrier([&] {
         try {
-            in_time = carry(theirs.get(), daemon.get(), line.timeout * 1000, to_terminal);
+            in_time = carry(theirs.get(), daemon.get(), line.timeout * 1000, to_terminal, answered);
         } catch (...) {
             failure = std::current_exception();
         }
@@ -176,15 +182,16 @@ void relay(const Socket &daemon, const CommandLine &line, int out) {
     if (!in_time)
         throw Failure(line.daemon + " did not answer within " + std::to_string(line.timeout) + " s",
                       kNoAnswer);
+    return answered;
 }
 
 // Asks for what this process's last command gave, by the daemon's own word: 0 from one that keeps
 // no results and from one that has ended, nothing from one that has no room for us now.
-std::optional<int> kept_result(const CommandLine &line, const ucred &first) {
+std::optional<int> kept_result(const CommandLine &line, const Peer &first) {
     Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
     if (daemon.get() < 0 && errno == EAGAIN)
         return std::nullopt;
-    if (daemon.get() < 0 || peer_of(daemon).pid != first.pid)
+    if (daemon.get() < 0 || peer_of(daemon.get()).pid != first.pid)
         return 0;
     Socket answer(memfd_create("result", MFD_CLOEXEC));
     relay(daemon, {line.daemon, {"result"}, line.timeout}, answer.get());
@@ -198,7 +205,7 @@ std::optional<int> kept_result(const CommandLine &line, const ucred &first) {
     return end != text && *end == '\n' ? static_cast<int>(result) : 0;
 }
 
-int command_result(const CommandLine &line, const ucred &first) {
+int command_result(const CommandLine &line, const Peer &first) {
     std::optional<int> result;
     if (!holds_before(deadline_in(kResultSeconds),
                       [&] { return (result = kept_result(line, first)).has_value(); }))
@@ -208,13 +215,13 @@ int command_result(const CommandLine &line, const ucred &first) {
 
 void run_command(const CommandLine &line) {
     Socket daemon(connect_to(command_socket(line.daemon), SOCK_STREAM));
-    if (daemon.get() < 0 && errno == EAGAIN)
-        throw Failure(line.daemon + " takes no more connections", kNoAnswer);
     if (daemon.get() < 0)
-        throw no_such_daemon(line.daemon);
-    ucred peer = peer_of(daemon);
+        throw no_connection(line.daemon, "command socket", errno);
+    Peer peer = peer_of(daemon.get());
     require_trusted(line.daemon, peer);
-    relay(daemon, line, STDOUT_FILENO);
+    if (!relay(daemon, line, STDOUT_FILENO) && peer.refuses_us())
+        throw Failure(line.daemon + ": permission denied: it runs as " + user_name(peer.user) +
+                      " and says nothing to others");
     daemon.close();
     if (int result = command_result(line, peer); result != 0)
         throw Failure(line.daemon + ": " + line.words[0] + " gave " + std::to_string(result),
@@ -226,9 +233,8 @@ bool server_of(const std::string &target, std::string &host, int &port) {
     size_t colon = target.rfind(':');
     if (target.find('/') != std::string::npos || colon == std::string::npos)
         return false;
-    char *end = nullptr;
-    long number = strtol(target.c_str() + colon + 1, &end, 10);
-    if (*end != '\0' || number < 1 || number > 65535)
+    std::optional<int> number = number_in(target.substr(colon + 1), 1, 65535);
+    if (!number)
         throw Failure("not a port: " + target.substr(colon + 1), kUsage);
     addrinfo wanted{}, *found = nullptr;
     wanted.ai_family = AF_INET;
@@ -240,13 +246,14 @@ bool server_of(const std::string &target, std::string &host, int &port) {
     getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
     freeaddrinfo(found);
     host = text;
-    port = static_cast<int>(number);
+    port = *number;
     return true;
 }
 
 // The process that serves the daemon's requests. A failed request reads like a success, so it is
 // found first, and looked at afterwards.
 Process serving_process(const std::string &name, Deadline end) {
+    learn_node();
     int fd = -1;
     auto connected = [&] {
         fd = connect_to(request_socket(name), SOCK_SEQPACKET);
@@ -254,16 +261,13 @@ Process serving_process(const std::string &name, Deadline end) {
     };
     if (name.size() >= IPC_NAME_SIZE)
         throw no_such_daemon(name);
-    if (!holds_before(end, connected))
-        throw Failure(name + " takes no more connections", kNoAnswer);
+    if (!holds_before(end, connected) || fd < 0)
+        throw no_connection(name, "request socket", errno);
     Socket socket(fd);
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    if (fd < 0 || getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
-        throw no_such_daemon(name);
-    if (peer.pid <= 0)
+    int pid = peer_of(fd).pid;
+    if (pid <= 0)
         throw Failure("the process of " + name + " cannot be seen from here");
-    return Process(peer.pid);
+    return Process(pid);
 }
 
 // Where a daemon's output shall go.

@@ -1,257 +1,219 @@
-// qelctl evlog: event logs of living and dead processes, read from their trace sections. A section
-// is copied before it is looked at, and everything in it is checked: its writer may be running,
-// dead or another program altogether.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+// qelctl evlog: event logs of living and dead processes, listed, printed, followed and drawn.
+#include "evlog.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
+#include <climits>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <optional>
-#include <vector>
 
+#include "json.h"
 #include "process.h"
 #include "qelctl.h"
 #include "text.h"
-#include "utils/evlog.h"
-#include "utils/platform/posix/trace_files.h"
 
 namespace qelctl {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr long kFollowPauseNs = 100 * 1000 * 1000;
-
-// A copy of a section, ready for qel_evlog_dump().
-class Section {
-  public:
-    explicit Section(const fs::path &path) {
-        int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-        if (fd < 0)
-            throw system_failure(path);
-        constexpr size_t kMost =
-            sizeof(qel_evlog_handle) + QEL_EVLOG_MAX_ENTRIES * sizeof(qel_evlog_entry);
-        bytes_.resize((kMost + sizeof(qel_evlog_handle) - 1) / sizeof(qel_evlog_handle));
-        struct stat status {};
-        ssize_t size = fstat(fd, &status) == 0 ? pread(fd, bytes_.data(), kMost, 0) : -1;
-        close(fd);
-        owner_ = status.st_uid;
-        if (size < 0)
-            throw system_failure(path);
-        if (!prepare(static_cast<size_t>(size)))
-            throw Failure(path.string() + ": not an event log");
-    }
-
-    qel_evlog_handle *log() { return &bytes_[0]; }
-    uid_t owner() const { return owner_; }
-    int total() { return log()->total; }
-    // How many events were ever written, modulo what the header can count.
-    int position() { return log()->wrapped * total() + log()->current; }
-    int positions() { return 256 * total(); }
-    qel_evlog_entry *entry(int position) { return &log()->entries[position % total()]; }
-
-  private:
-    bool prepare(size_t size) {
-        qel_evlog_handle *header = log();
-        if (size < sizeof *header || header->magic != QEL_EVLOG_MAGIC || header->total < 1 ||
-            header->total > QEL_EVLOG_MAX_ENTRIES || header->current < 0 ||
-            header->current >= header->total ||
-            size < sizeof *header + static_cast<size_t>(header->total) * sizeof(qel_evlog_entry))
-            return false;
-        header->entries = reinterpret_cast<qel_evlog_entry *>(header + 1);
-        header->next = nullptr;
-        header->name[sizeof header->name - 1] = '\0';
-        header->shortcut[sizeof header->shortcut - 1] = '\0';
-        for (int i = 0; i < header->total; ++i)
-            header->entries[i].text[QEL_EVLOG_TEXT_SIZE - 1] = '\0';
-        return pthread_mutex_init(&header->lock, nullptr) == 0;
-    }
-
-    std::vector<qel_evlog_handle> bytes_;
-    uid_t owner_ = 0;
-};
-
-// Anyone can leave a section under any process's number. What root did not write says so in every
-// line, since its texts may look like anything.
-std::string line_mark(const Section &section) {
-    return section.owner() == 0 ? "" : user_name(section.owner()) + ": ";
+const char *state_of(const SectionFile &file) {
+    return is_alive(file) ? "running" : "dead";
 }
 
-struct SectionFile {
-    fs::path path;
-    int pid = 0, section = 0;
-    std::string program, name;
-    std::optional<trace_owner> writer;
-};
-
-// A process of the same number that started at another time is another one.
-bool alive(const SectionFile &file) {
-    std::optional<ProcessStatus> now = process_status(file.pid);
-    if (now && file.writer && file.writer->start != 0)
-        return static_cast<uint64_t>(now->start_ticks) == file.writer->start;
-    return kill(file.pid, 0) == 0 || errno != ESRCH;
+void print_list(const std::vector<SectionFile> &files) {
+    printf("%-7s  %-7s  %-8s  %-16s  %-20s  %-6s  %-7s  %s\n", "PID", "SECTION", "OWNER", "PROGRAM",
+           "NAME", "SWITCH", "STATE", "DAEMON");
+    for (const SectionFile &file : files)
+        printf("%-7d  %-7d  %-8s  %-16s  %-20s  %-6s  %-7s  %s\n", file.pid, file.section,
+               user_name(file.owner).c_str(), visible_name(file.program).c_str(),
+               visible_name(file.name).c_str(), file.switch_text().c_str(), state_of(file),
+               visible_name(file.daemon).c_str());
 }
 
-// What the file's end says, unless that is missing or of another process.
-std::optional<trace_owner> writer_of(const fs::path &path, int pid) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    struct stat status {};
-    trace_owner writer{};
-    constexpr ssize_t kSize = sizeof writer;
-    bool whole = fd >= 0 && fstat(fd, &status) == 0 &&
-                 pread(fd, &writer, sizeof writer, status.st_size - kSize) == kSize;
-    if (fd >= 0)
-        close(fd);
-    if (!whole || writer.magic != TRACE_OWNER_MAGIC || writer.pid != pid)
-        return {};
-    return writer;
+std::string day_of(const Event &event) {
+    auto seconds = static_cast<time_t>(event.time_us / 1000000);
+    tm local{};
+    char text[32] = "";
+    if (localtime_r(&seconds, &local) != nullptr)
+        strftime(text, sizeof text, "%Y-%m-%d", &local);
+    return text;
 }
 
-std::optional<SectionFile> parse(const fs::path &path) {
-    SectionFile file;
-    char program[TRACE_PROGRAM_SIZE], name[TRACE_NAME_SIZE];
-    if (sscanf(path.filename().c_str(), TRACE_FILE_SCAN, &file.pid, &file.section, program, name) !=
-        4)
-        return {};
-    file.path = path;
-    file.program = program;
-    file.name = name;
-    file.writer = writer_of(path, file.pid);
-    return file;
+// The days of the first event and the last: the events themselves say the time of day only.
+std::string days_of(Section &section) {
+    std::vector<Event> events = section.events();
+    if (events.empty())
+        return "no events";
+    std::string first = day_of(events.front()), last = day_of(events.back());
+    return first == last ? first : first + " to " + last;
 }
 
-// The section files, of one process or of all (pid 0), by process and number.
-std::vector<SectionFile> section_files(int pid) {
-    std::vector<SectionFile> files;
-    std::error_code error;
-    for (const fs::directory_entry &entry : fs::directory_iterator(TRACE_DIRECTORY, error)) {
-        std::optional<SectionFile> file = parse(entry.path());
-        if (file && (pid == 0 || file->pid == pid))
-            files.push_back(*file);
-    }
-    if (error && error != std::errc::no_such_file_or_directory)
-        throw Failure(TRACE_DIRECTORY ": " + error.message());
-    std::sort(files.begin(), files.end(), [](const SectionFile &a, const SectionFile &b) {
-        return std::tie(a.pid, a.section) < std::tie(b.pid, b.section);
-    });
-    return files;
-}
-
-void list_sections() {
-    printf("%-7s  %-7s  %-8s  %-16s  %-20s  %-6s  %s\n", "PID", "SECTION", "OWNER", "PROGRAM",
-           "NAME", "SWITCH", "STATE");
-    for (const SectionFile &file : section_files(0)) {
-        struct stat status {};
-        bool there = lstat(file.path.c_str(), &status) == 0;
-        printf("%-7d  %-7d  %-8s  %-16s  %-20s  %-6s  %s\n", file.pid, file.section,
-               there ? user_name(status.st_uid).c_str() : "-", visible_name(file.program).c_str(),
-               visible_name(file.name).c_str(),
-               file.writer ? std::to_string(file.writer->switch_no).c_str() : "-",
-               alive(file) ? "running" : "dead");
-    }
-}
-
-void print_entry(FILE *output, Section &section, int position) {
-    char line[QEL_EVLOG_LINE_SIZE] = "";
-    if (section.entry(position)->seconds == 0)
-        return;  // the log was cleared meanwhile
-    qel_evlog_entry_dump(output, line, section.entry(position), 1);
-    fputs(line, output);
-}
-
-// Prints events as they come, until the writer is dead (or for good, when it is not known).
-void follow(const SectionFile &file) {
-    int last = -1;
-    while (true) {
-        bool ends = file.pid > 0 && !alive(file);
-        Section section(file.path);
-        int position = section.position();
-        if (last < 0)  // a slot ahead that was written before says that the ring has wrapped
-            last = section.entry(position)->seconds != 0 ? position - section.total() : 0;
-        if (position < last)
-            position += section.positions();
-        {
-            VisibleOutput output(line_mark(section));
-            // A writer that has lapped us leaves only what the ring still holds.
-            for (int i = std::max(last, position - section.total()); i < position; ++i)
-                print_entry(output.stream(), section, i + section.positions());
-        }
-        last = position % section.positions();
-        if (fflush(stdout) != 0 || ferror(stdout) != 0 || ends)
-            return;
-        timespec pause{0, kFollowPauseNs};
-        nanosleep(&pause, nullptr);
-    }
-}
-
-void dump(const fs::path &path) {
-    Section section(path);
-    VisibleOutput output(line_mark(section));
+void dump(const SectionFile &file, Section &section) {
+    VisibleOutput output(line_mark(section.owner()));
+    fprintf(output.stream(), "daemon             :%s\n",
+            file.daemon.empty() ? "-" : visible_name(file.daemon).c_str());
+    fprintf(output.stream(), "switch             :%s\n", file.switch_text().c_str());
+    if (file.pid > 0)
+        fprintf(output.stream(), "process            :%d (%s)\n", file.pid, state_of(file));
+    else
+        fprintf(output.stream(), "process            :-\n");
+    fprintf(output.stream(), "date               :%s\n", days_of(section).c_str());
     fprintf(output.stream(), "owner              :%s\n", user_name(section.owner()).c_str());
     qel_evlog_dump(output.stream(), section.log(), 1);
 }
 
+Json description_of(const SectionFile &file) {
+    return {{"daemon", known_or_null(!file.daemon.empty(), file.daemon)},
+            {"switch", file.writer ? Json(file.writer->switch_no) : Json(nullptr)},
+            {"pid", known_or_null(file.pid > 0, file.pid)},
+            {"section", known_or_null(file.pid > 0, file.section)},
+            {"program", known_or_null(!file.program.empty(), file.program)},
+            {"state", file.pid > 0 ? Json(state_of(file)) : Json(nullptr)},
+            {"owner", user_name(file.owner)},
+            {"file", file.path.string()}};
+}
+
+Json log_of(const SectionFile &file, Section &section) {
+    Json log = description_of(file);
+    log["owner"] = user_name(section.owner());
+    log["name"] = section.name();
+    log["shortcut"] = section.shortcut();
+    log["entries"] = section.total();
+    log["events"] = Json::array();
+    for (const Event &event : section.events())
+        log["events"].push_back(
+            {{"time", static_cast<double>(event.time_us) / 1e6}, {"text", event.text}});
+    return log;
+}
+
+void print_document(const std::vector<SectionFile> &files, bool with_events) {
+    Json document = new_document();
+    document["logs"] = Json::array();
+    std::optional<Failure> failure;
+    if (with_events)
+        failure = each_log(files, [&](const SectionFile &file, Section &section) {
+            document["logs"].push_back(log_of(file, section));
+        });
+    else
+        for (const SectionFile &file : files)
+            document["logs"].push_back(description_of(file));
+    print_json(document);
+    if (failure)
+        throw Failure(*failure);
+}
+
 struct Choice {
-    int pid = 0;
-    std::string file;
+    std::vector<int> pids;
+    std::vector<std::string> files, daemons;
     bool follow = false;
+    std::string timeline;
+
+    bool any() const { return !pids.empty() || !files.empty() || !daemons.empty(); }
+    bool holds(const SectionFile &file) const {
+        return !any() || std::count(pids.begin(), pids.end(), file.pid) > 0 ||
+               std::count(daemons.begin(), daemons.end(), file.daemon) > 0 ||
+               std::count(daemons.begin(), daemons.end(), file.program) > 0;
+    }
 };
 
-void show(const Choice &choice) {
+std::vector<SectionFile> chosen(const Choice &choice) {
     std::vector<SectionFile> files;
-    if (!choice.file.empty()) {
-        fs::path path = choice.file.find('/') != std::string::npos
-                            ? fs::path(choice.file)
-                            : fs::path(TRACE_DIRECTORY) / choice.file;
-        files.push_back(parse(path).value_or(SectionFile{path, 0, 0, "", "", {}}));
-    } else if (choice.pid != 0) {
-        files = section_files(choice.pid);
-        if (files.empty())
-            throw Failure("process " + std::to_string(choice.pid) + " has left no event log");
-    } else {
-        return list_sections();
-    }
-    if (choice.follow && files.size() > 1)
-        throw Failure("several logs; name the one to follow with --file", kUsage);
+    for (const std::string &name : choice.files)
+        files.push_back(section_file(name));
+    if (!choice.any() || !choice.pids.empty() || !choice.daemons.empty())
+        for (const SectionFile &file : section_files())
+            if (choice.holds(file))
+                files.push_back(file);
+    return files;
+}
+
+// Every process and daemon that was asked for has a log.
+void require_logs(const Choice &choice, const std::vector<SectionFile> &files) {
+    for (int pid : choice.pids)
+        if (std::none_of(files.begin(), files.end(), [&](auto &file) { return file.pid == pid; }))
+            throw Failure("process " + std::to_string(pid) + " has left no event log");
+    for (const std::string &name : choice.daemons)
+        if (std::none_of(files.begin(), files.end(),
+                         [&](auto &file) { return file.daemon == name || file.program == name; }))
+            throw Failure("daemon " + name + " has left no event log");
+}
+
+void show(const Choice &choice) {
     if (choice.follow)
-        return follow(files[0]);
-    // One that cannot be read hides none of the others.
+        return follow([&] { return chosen(choice); });
+    std::vector<SectionFile> files = chosen(choice);
+    require_logs(choice, files);
+    if (!choice.timeline.empty())
+        write_timeline(files, choice.timeline);
+    else if (common_options().json)
+        print_document(files, choice.any());
+    else if (!choice.any())
+        print_list(files);
+    else if (std::optional<Failure> failure = each_log(files, dump))
+        throw Failure(*failure);
+}
+
+}  // namespace
+
+std::optional<Failure> each_log(const std::vector<SectionFile> &files,
+                                const std::function<void(const SectionFile &, Section &)> &visit) {
     std::optional<Failure> failure;
     for (const SectionFile &file : files) {
         try {
-            dump(file.path);
+            Section section(file.path);
+            visit(file, section);
         } catch (const Failure &reason) {
             if (failure)
                 report(*failure);
             failure = reason;
         }
     }
-    if (failure)
-        throw Failure(*failure);
+    return failure;
 }
-
-}  // namespace
 
 void add_evlog(CLI::App &app) {
     static Choice choice;
     CLI::App *command =
         add_subcommand(app, "evlog", "Print event logs of living and dead processes");
-    auto *pid = command->add_option("--pid", choice.pid, "Every log of this process")
-                    ->check(CLI::PositiveNumber)
-                    ->type_name("PID");
-    command->add_option("--file", choice.file, "One section: a file name of the list, or a path")
-        ->excludes(pid)
+    add_switch_option(*command, "Only logs of this logical switch (default: all)");
+    add_json_option(*command);
+    command->add_option("--pid", choice.pids, "Every log of this process; may be repeated")
+        ->check(CLI::Range(1, INT_MAX))
+        ->allow_extra_args(false)
+        ->type_name("PID");
+    command
+        ->add_option("--daemon", choice.daemons,
+                     "Every log of processes of this daemon or program; may be repeated")
+        ->allow_extra_args(false)
+        ->type_name("DAEMON");
+    command
+        ->add_option("--file", choice.files,
+                     "One section: a file name of the list, or a path; may be repeated")
+        ->allow_extra_args(false)
         ->type_name("SECTION");
-    command->add_flag("--follow", choice.follow,
-                      "Print events as they come, until the process is dead");
+    auto *follow = command->add_flag("--follow", choice.follow,
+                                     "Print events as they come, until the processes are dead");
+    command
+        ->add_option("--timeline", choice.timeline,
+                     "Write the logs to FILE for a viewer instead ('-': standard output)")
+        ->excludes(follow)
+        ->type_name("FILE");
     command->footer(
-        "Without --pid and --file, lists the sections that there are. Lines of a section that root "
-        "does not\nown begin with its owner's name.");
+        "Without --pid, --daemon and --file, lists the logs that there are; --follow and "
+        "--timeline\n"
+        "then take all. DAEMON is the daemon's name where a pid file says it, else the program's.\n"
+        "Each log is headed by its daemon, switch, process, the day of its first event and of its\n"
+        "last, and its owner. Lines of a log that root does not own begin with its owner's name.\n"
+        "Followed together, each line names daemon, process and log.\n\n"
+        "A timeline is a trace-event file (JSON) for chrome://tracing or Perfetto, with one track "
+        "a\n"
+        "daemon and log; when FILE ends in .html it is a page by itself that any browser shows\n"
+        "without a network, with zoom, search and a colour for each log. Control characters in\n"
+        "texts are shown as \\xNN there.\n\n"
+        "JSON: logs, an array of objects with daemon, switch, pid, section, program, state "
+        "(running\n"
+        "or dead), owner and file; of those asked for also name, shortcut, entries (the size of "
+        "the\n"
+        "ring) and events, the oldest first: time (with a fraction) and text. With --follow one\n"
+        "object a line and event: format, daemon, switch, pid, log, time and text.");
     command->callback([] { show(choice); });
 }
 

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "json.h"
 #include "qelctl.h"
 #include "text.h"
 #include "utils/log_compress.h"
@@ -37,6 +38,11 @@ constexpr const char *kFormat =
     "0x80; lines of more than 255 characters travel in pieces. Kind R: bytes as they are, for "
     "what\n"
     "is not plain ASCII text.";
+
+constexpr const char *kDocument =
+    "JSON: lines (an array of texts without their line ends), frames, text_bytes and "
+    "packed_bytes.\n"
+    "A stream that is damaged leaves the document unfinished, and the exit status is 1.";
 
 struct FileCloser {
     void operator()(FILE *file) const {
@@ -93,7 +99,7 @@ class Progress {
 
 void write_out(const void *bytes, size_t count) {
     if (fwrite(bytes, 1, count, stdout) != count)
-        throw system_failure("cannot write");
+        fail_to_write();
 }
 
 void write_frame(char kind, const unsigned char *bytes, size_t count) {
@@ -264,8 +270,36 @@ void unpack(const std::string &path) {
                    [](std::string_view piece) { write_out(piece.data(), piece.size()); });
 }
 
+// The lines go out as they come: a log may be larger than memory.
+void show_json(FILE *input) {
+    std::string line;
+    bool any = false;
+    auto write_line = [&] {
+        printf("%s%s", any ? "," : "", text_of(line).c_str());
+        any = true;
+        line.clear();
+    };
+    printf("{\"format\":1,\"lines\":[");
+    Totals totals = unpack_all(input, [&](std::string_view piece) {
+        for (size_t end; (end = piece.find('\n')) != std::string_view::npos;
+             piece.remove_prefix(end + 1)) {
+            line += piece.substr(0, end);
+            write_line();
+        }
+        line += piece;
+        if (ferror(stdout) != 0)
+            fail_to_write();
+    });
+    if (!line.empty())
+        write_line();
+    printf("],\"frames\":%zu,\"text_bytes\":%zu,\"packed_bytes\":%zu}\n", totals.frames,
+           totals.text, totals.coded);
+}
+
 void show(const std::string &path) {
     File input = open_input(path);
+    if (common_options().json)
+        return show_json(input.get());
     Totals totals = print_checked(input.get());
     fprintf(stderr, "%zu frames, %zu lines, %zu bytes of text in %zu (%.1f : 1)\n", totals.frames,
             totals.lines, totals.text, totals.coded,
@@ -280,6 +314,7 @@ void add_log(CLI::App &app) {
     CLI::App *command =
         add_subcommand(app, "log", "Pack text logs into a compressed line stream and back");
     command->require_subcommand(1);
+    add_json_option(*command);
     command->footer(kFormat);
     struct {
         const char *name, *description;
@@ -294,7 +329,9 @@ void add_log(CLI::App &app) {
     for (auto &action : actions) {
         CLI::App *one = add_subcommand(*command, action.name, action.description);
         one->add_option("FILE", path, "Input (default, and for '-': standard input)");
-        one->footer(kFormat);
+        if (action.run == show)
+            add_json_option(*one);
+        one->footer(action.run == show ? std::string(kFormat) + "\n\n" + kDocument : kFormat);
         one->callback([run = action.run] { run(path); });
     }
 }

@@ -1,13 +1,16 @@
 // qelctl stats: the service statistics report of a switch, as a table or as bars.
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <vector>
 
+#include "json.h"
 #include "qelctl.h"
 #include "text.h"
 #include "utils/identity.h"
@@ -16,10 +19,12 @@
 namespace qelctl {
 namespace {
 
-// The numbers of a row stand in columns of these widths at its end.
+// The numbers of a row stand in columns of these widths at its end, in front of them the label and
+// the request, each with blanks up to its width. A longer one moves what follows.
 constexpr int kWidths[] = {8, 8, 8, 12, 12, 12, 12, 12};
 constexpr size_t kNumbersWidth = 84;
 constexpr size_t kLabelWidth = 5;
+constexpr size_t kRequestWidth = 35;
 enum Column {
     kCalls,
     kRejects,
@@ -42,6 +47,13 @@ std::string trimmed(const std::string &text) {
     return begin == std::string::npos ? "" : text.substr(begin, end - begin + 1);
 }
 
+// Where the label ends. A request that ends in blanks is not longer than its column, so that the
+// label has the rest; any other is taken to have moved the numbers by itself.
+size_t label_width(const std::string &names) {
+    bool padded = names.back() == ' ' && names.size() > kLabelWidth + kRequestWidth;
+    return padded ? names.size() - kRequestWidth : kLabelWidth;
+}
+
 // The heading and whatever else does not end in eight numbers is no row.
 bool parse(const std::string &line, Row &row) {
     if (line.size() < kNumbersWidth + kLabelWidth)
@@ -56,33 +68,65 @@ bool parse(const std::string &line, Row &row) {
             return false;
     }
     std::string names = line.substr(0, line.size() - kNumbersWidth);
-    row.service = visible_name(trimmed(names.substr(0, kLabelWidth)));
-    row.request = visible_name(trimmed(names.substr(kLabelWidth)));
+    size_t label = label_width(names);
+    row.service = visible_name(trimmed(names.substr(0, label)));
+    row.request = visible_name(trimmed(names.substr(label)));
     return true;
 }
 
-std::vector<Row> read_report(const std::string &path) {
-    std::ifstream file(path);
-    if (!file)
-        throw Failure(path + ": no report");
+struct Report {
+    std::string path, owner;
     std::vector<Row> rows;
+};
+
+Report read_report(const std::string &path) {
+    std::ifstream file(path);
+    struct stat status {};
+    if (!file || stat(path.c_str(), &status) != 0)
+        throw Failure(path + (errno == EACCES ? ": permission denied" : ": no report"));
+    Report report{path, user_name(status.st_uid), {}};
     Row row;
     for (std::string line; std::getline(file, line);) {
         if (parse(line, row))
-            rows.push_back(row);
+            report.rows.push_back(row);
     }
-    if (rows.empty())
+    if (report.rows.empty())
         throw Failure(path + ": no rows");
-    return rows;
+    return report;
+}
+
+void print_document(const Report &report, int switch_no) {
+    Json document = new_document();
+    document["switch"] = switch_no;
+    document["file"] = report.path;
+    document["owner"] = report.owner;
+    document["rows"] = Json::array();
+    for (const Row &row : report.rows)
+        document["rows"].push_back(
+            {{"service", row.service},
+             {"request", row.request},
+             {"calls", row.numbers[kCalls]},
+             {"rejects", row.numbers[kRejects]},
+             {"drops", row.numbers[kDrops]},
+             {"service_us",
+              {{"average", row.numbers[kAverage]},
+               {"highest", row.numbers[kHighest]},
+               {"lowest", row.numbers[kLowest]}}},
+             {"queue_ms",
+              {{"average", row.numbers[kQueueAverage]}, {"highest", row.numbers[kQueueHighest]}}}});
+    print_json(document);
 }
 
 void print_table(const std::vector<Row> &rows) {
-    printf("%-7s  %-24s  %8s %8s %8s  %10s %10s %10s  %8s %8s\n", "", "", "", "", "", "SERVICE us",
-           "", "", "QUEUE ms", "");
-    printf("%-7s  %-24s  %8s %8s %8s  %10s %10s %10s  %8s %8s\n", "SERVICE", "REQUEST", "CALLS",
-           "REJECTS", "DROPS", "AVERAGE", "HIGHEST", "LOWEST", "AVERAGE", "HIGHEST");
+    int label = 7;
     for (const Row &row : rows)
-        printf("%-7s  %-24s  %8lld %8lld %8lld  %10lld %10lld %10lld  %8lld %8lld\n",
+        label = std::max(label, static_cast<int>(row.service.size()));
+    printf("%-*s  %-24s  %8s %8s %8s  %10s %10s %10s  %8s %8s\n", label, "", "", "", "", "",
+           "SERVICE us", "", "", "QUEUE ms", "");
+    printf("%-*s  %-24s  %8s %8s %8s  %10s %10s %10s  %8s %8s\n", label, "SERVICE", "REQUEST",
+           "CALLS", "REJECTS", "DROPS", "AVERAGE", "HIGHEST", "LOWEST", "AVERAGE", "HIGHEST");
+    for (const Row &row : rows)
+        printf("%-*s  %-24s  %8lld %8lld %8lld  %10lld %10lld %10lld  %8lld %8lld\n", label,
                row.service.c_str(), row.request.c_str(), row.numbers[kCalls], row.numbers[kRejects],
                row.numbers[kDrops], row.numbers[kAverage], row.numbers[kHighest],
                row.numbers[kLowest], row.numbers[kQueueAverage], row.numbers[kQueueHighest]);
@@ -93,7 +137,7 @@ size_t terminal_width() {
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
         return size.ws_col;
     const char *columns = getenv("COLUMNS");
-    return columns != nullptr && atoi(columns) > 0 ? static_cast<size_t>(atoi(columns)) : 80;
+    return static_cast<size_t>(number_in(columns != nullptr ? columns : "", 1, 10000).value_or(80));
 }
 
 void print_bars(const std::vector<Row> &rows, Column column, const char *title) {
@@ -105,7 +149,7 @@ void print_bars(const std::vector<Row> &rows, Column column, const char *title) 
     printf("%s\n", title);
     for (const Row &row : rows) {
         auto length =
-            static_cast<size_t>(static_cast<double>(row.numbers[column]) *
+            static_cast<size_t>(static_cast<double>(std::max(row.numbers[column], 0LL)) *
                                 static_cast<double>(width) / static_cast<double>(highest));
         printf("%-7s  %-24s  %10lld  %s\n", row.service.c_str(), row.request.c_str(),
                row.numbers[column], std::string(std::min(length, width), '#').c_str());
@@ -119,14 +163,18 @@ struct Choice {
 
 void stats(const Choice &choice) {
     char path[64];
-    snprintf(path, sizeof path, SERVICE_STAT_FILE,
-             choice.switch_no >= 0 ? choice.switch_no : getMySwitch());
-    std::vector<Row> rows = read_report(path);
+    int switch_no = choice.switch_no >= 0 ? choice.switch_no : getMySwitch();
+    snprintf(path, sizeof path, SERVICE_STAT_FILE, switch_no);
+    Report report = read_report(path);
+    if (common_options().json)
+        return print_document(report, switch_no);
+    if (report.owner != user_name(0))
+        printf("The report is %s's.\n", report.owner.c_str());
     if (!choice.plot)
-        return print_table(rows);
-    print_bars(rows, kCalls, "Calls");
+        return print_table(report.rows);
+    print_bars(report.rows, kCalls, "Calls");
     printf("\n");
-    print_bars(rows, kAverage, "Average service time (microseconds)");
+    print_bars(report.rows, kAverage, "Average service time (microseconds)");
 }
 
 }  // namespace
@@ -134,9 +182,20 @@ void stats(const Choice &choice) {
 void add_stats(CLI::App &app) {
     static Choice choice;
     CLI::App *command = add_subcommand(app, "stats", "Print the service statistics of a switch");
-    command->add_option("SWITCH", choice.switch_no, "Logical switch (default: this one)")
-        ->check(CLI::Range(0, 240));
+    add_switch_option(*command, "Logical switch (default: KORIN_SWITCHNO, else 0)");
+    add_json_option(*command);
+    command->add_option("SWITCH", choice.switch_no, "The same as --switch")
+        ->check(CLI::Range(0, IDENTITY_SWITCH_MAX));
     command->add_flag("--plot", choice.plot, "Draw bars instead of a table");
+    command->footer(
+        "The report is a text of fixed columns: 5 characters for the label of the service, 35 for "
+        "the\n"
+        "request, then the numbers. A longer label or request moves what follows: a label of any\n"
+        "length is still found when its request has less than 35 characters; else the first 5\n"
+        "characters are taken for the label.\n\n"
+        "JSON: switch, file, owner and rows, an array of objects with service, request, calls,\n"
+        "rejects, drops, service_us (average, highest and lowest, in microseconds) and queue_ms\n"
+        "(average and highest, in milliseconds).");
     command->callback([] { stats(choice); });
 }
 

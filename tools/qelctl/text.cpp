@@ -3,6 +3,7 @@
 #include <pwd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
 
 #include "qelctl.h"
@@ -103,6 +104,13 @@ std::string visible_name(std::string_view name) {
     std::string visible;
     make_visible(visible, name, false, false);
     return visible;
+}
+
+std::optional<int> number_in(std::string_view text, int lowest, int highest) {
+    int value = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole && value >= lowest && value <= highest ? std::optional(value) : std::nullopt;
 }
 
 std::string user_name(uid_t user) {

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,9 @@ std::string visible_text(std::string_view text);
 
 // The same in one line: line ends and tabs are control characters here.
 std::string visible_name(std::string_view name);
+
+// A decimal number within bounds and nothing else; none otherwise.
+std::optional<int> number_in(std::string_view text, int lowest, int highest);
 
 // "root", another user's name, or the number of one who has none. Only user 0 is called root.
 std::string user_name(uid_t user);
