@@ -33,6 +33,15 @@ install(FILES ${PROJECT_BINARY_DIR}/libutils.pc DESTINATION ${CMAKE_INSTALL_LIBD
 
 include(InstallGdb)
 
+# The pages that are written by hand need no tools.
+file(GLOB pages RELATIVE ${PROJECT_SOURCE_DIR}/docs/man CONFIGURE_DEPENDS docs/man/*.7)
+string(TIMESTAMP DATE "%Y-%m-%d" UTC)
+set(VERSION ${PROJECT_VERSION})
+foreach(page IN LISTS pages)
+    configure_file(docs/man/${page} man7/${page} @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/man7/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
+endforeach()
+
 if(UTILS_DOCS)
     file(GLOB documented CONFIGURE_DEPENDS include/utils/*.h platform/include/utils/platform/*.h
          platform/posix/include/utils/platform/posix/*.h lib/*/include/utils/*.h docs/* docs/man/*.7
