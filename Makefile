@@ -21,6 +21,7 @@ docs_packages := doxygen mandoc man-db help2man python3
 corners := uchar s390x i686 aarch64 armhf riscv64 musl
 # One corner for each word size and byte order keeps a description of the binary interface.
 abi_corners := native ppc s390x i686
+abi_libraries := utils utils-platform utils-daemon
 
 # What each target needs, under its name.
 packages_demo := $(build_packages) bubblewrap
@@ -106,14 +107,14 @@ $(corners):
 	$(call check,$@)
 
 abi: $(abi_corners:%=libraries-%) ## Hold the binary interface against its description below abi/
-	@scripts/abi check $(abi_corners)
+	@scripts/abi check "$(abi_libraries)" $(abi_corners)
 
 abi-update: $(abi_corners:%=libraries-%) ## Store the description of the binary interface after a deliberate change
-	@scripts/abi update $(abi_corners)
+	@scripts/abi update "$(abi_libraries)" $(abi_corners)
 
 $(abi_corners:%=libraries-%): libraries-%:
 	@scripts/need abi $(packages_abi)
-	$(call build,$*,--target utils utils-platform utils-daemon)
+	$(call build,$*,--target $(abi_libraries))
 
 reproducible: ## Build the libraries in two folders and compare them byte by byte
 	$(needs)
