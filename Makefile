@@ -14,7 +14,7 @@ export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev
-test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
+test_packages := $(build_packages) googletest bubblewrap binutils gdb netcat-openbsd util-linux procps psmisc python3
 docs_packages := doxygen mandoc man-db help2man python3
 
 # The other processors and the other C library; ppc is "make target".

@@ -1,6 +1,7 @@
 #include "support/support.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -107,6 +108,14 @@ void write_file(const std::string &path, std::string_view content) {
 std::string read_file(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void read_late(const std::string &path) {
+    const timespec times[2] = {{INT64_C(0x80000000), 0}, {0, UTIME_OMIT}};
+    if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
+        perror(path.c_str());
+        abort();
+    }
 }
 
 bool emulated() {

