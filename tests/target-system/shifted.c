@@ -1,5 +1,7 @@
-/* Runs a program whose monotonic clock comes to 2^32 ms, where 32 bits of milliseconds begin again,
-   a few seconds after its start.  shifted SECONDS PROGRAM [ARG...] */
+/* The machine's clocks in trouble.
+     shifted                           the date leaps by a day, there and back, each second
+     shifted SECONDS PROGRAM [ARG...]  runs a program whose monotonic clock comes to 2^32 ms, where
+   32 bits of milliseconds begin again, that long after its start */
 #define _GNU_SOURCE
 #include <sched.h>
 #include <stdio.h>
@@ -8,9 +10,22 @@
 #include <time.h>
 #include <unistd.h>
 
+static int leap(void) {
+    struct timespec now;
+    for (int day = 86400;; day = -day) {
+        sleep(1);
+        clock_gettime(CLOCK_REALTIME, &now);
+        now.tv_sec += day;
+        if (clock_settime(CLOCK_REALTIME, &now) != 0)
+            return 1;
+    }
+}
+
 int main(int count, char **words) {
     struct timespec now;
-    if (count < 3 || unshare(CLONE_NEWTIME) != 0 || clock_gettime(CLOCK_MONOTONIC, &now) != 0)
+    if (count < 3)
+        return leap();
+    if (unshare(CLONE_NEWTIME) != 0 || clock_gettime(CLOCK_MONOTONIC, &now) != 0)
         return 125;
     FILE *offsets = fopen("/proc/self/timens_offsets", "we");
     if (offsets == NULL ||
