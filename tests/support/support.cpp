@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -80,6 +81,8 @@ Ending in_child(const std::function<int()> &body, bool core) {
         ending.status = ending.exited ? WEXITSTATUS(status) : WTERMSIG(status);
     }
     ending.err = err.finish();
+    if (emulated())
+        ending.err.erase(std::min(ending.err.find(emulator() + ": "), ending.err.size()));
     ending.out = out.finish();
     return ending;
 }
@@ -120,6 +123,11 @@ void read_late(const std::string &path) {
 
 bool emulated() {
     return getenv("UTILS_EMULATOR") != nullptr;
+}
+
+std::string emulator() {
+    std::string path = getenv("UTILS_EMULATOR"), name = path.substr(path.rfind('/') + 1);
+    return name.substr(0, name.find('-'));
 }
 
 std::string runnable(const std::string &command) {
