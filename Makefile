@@ -21,7 +21,7 @@ docs_packages := doxygen mandoc man-db help2man python3
 corners := uchar s390x i686 aarch64 armhf riscv64 musl
 # One corner for each word size and byte order keeps a description of the binary interface.
 abi_corners := native ppc s390x i686
-abi_libraries := utils utils-platform utils-daemon
+abi_libraries := utils utils-platform utils-daemon utils-testing
 
 # What each target needs, under its name.
 packages_demo := $(build_packages) bubblewrap
