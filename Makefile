@@ -14,13 +14,14 @@ export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev nlohmann-json3-dev
-test_packages := $(build_packages) googletest bubblewrap binutils gdb socat netcat-openbsd util-linux procps psmisc python3
+test_packages := $(build_packages) googletest bubblewrap binutils gdb netcat-openbsd util-linux procps psmisc python3
 docs_packages := doxygen mandoc man-db help2man python3
 
 # The other processors and the other C library; ppc is "make target".
 corners := uchar s390x i686 aarch64 armhf riscv64 musl
 # One corner for each word size and byte order keeps a description of the binary interface.
 abi_corners := native ppc s390x i686
+abi_libraries := utils utils-platform utils-daemon utils-testing
 
 # What each target needs, under its name.
 packages_demo := $(build_packages) bubblewrap
@@ -108,14 +109,14 @@ $(corners):
 	$(call check,$@)
 
 abi: $(abi_corners:%=libraries-%) ## Hold the binary interface against its description below abi/
-	@scripts/abi check $(abi_corners)
+	@scripts/abi check "$(abi_libraries)" $(abi_corners)
 
 abi-update: $(abi_corners:%=libraries-%) ## Store the description of the binary interface after a deliberate change
-	@scripts/abi update $(abi_corners)
+	@scripts/abi update "$(abi_libraries)" $(abi_corners)
 
 $(abi_corners:%=libraries-%): libraries-%:
 	@scripts/need abi $(packages_abi)
-	$(call build,$*,--target utils utils-platform utils-daemon)
+	$(call build,$*,--target $(abi_libraries))
 
 reproducible: ## Build the libraries in two folders and compare them byte by byte
 	$(needs)

@@ -1,9 +1,11 @@
 #include "support/support.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -79,6 +81,8 @@ Ending in_child(const std::function<int()> &body, bool core) {
         ending.status = ending.exited ? WEXITSTATUS(status) : WTERMSIG(status);
     }
     ending.err = err.finish();
+    if (emulated())
+        ending.err.erase(std::min(ending.err.find(emulator() + ": "), ending.err.size()));
     ending.out = out.finish();
     return ending;
 }
@@ -109,8 +113,21 @@ std::string read_file(const std::string &path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+void read_late(const std::string &path) {
+    const timespec times[2] = {{INT64_C(0x80000000), 0}, {0, UTIME_OMIT}};
+    if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
+        perror(path.c_str());
+        abort();
+    }
+}
+
 bool emulated() {
     return getenv("UTILS_EMULATOR") != nullptr;
+}
+
+std::string emulator() {
+    std::string path = getenv("UTILS_EMULATOR"), name = path.substr(path.rfind('/') + 1);
+    return name.substr(0, name.find('-'));
 }
 
 std::string runnable(const std::string &command) {

@@ -26,7 +26,7 @@ struct Ending {
     bool exited = false;  // with `status`, otherwise by signal `status`
     int status = -1;
     std::string out;  // its standard output
-    std::string err;  // its standard error
+    std::string err;  // its standard error, without an emulator's words about a crash
 };
 
 // Runs `body` in a forked child and waits for it; the child exits with what `body` returns. Core
@@ -40,6 +40,9 @@ testing::AssertionResult passes_in_child(const std::function<void()> &body);
 // Writes or reads a whole file of the image; a failure to write stops the test program.
 void write_file(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path);
+
+// Says that a file or directory was last read after 2038, which 32 bits with a sign cannot tell.
+void read_late(const std::string &path);
 
 // Runs `call` with its first, then its second, ... allocation failing, each time followed by
 // `refused(result)`, until it runs through undisturbed. Returns its result then.
@@ -72,8 +75,9 @@ void replace_call(const char *function, Replacement replacement) {
         abort();
 }
 
-// Whether the programs run under an emulator of the target.
+// Whether the programs run under an emulator, and its name as it gives it itself.
 bool emulated();
+std::string emulator();
 
 // `command` as it must be started here: behind the emulator's name when there is one.
 std::string runnable(const std::string &command);

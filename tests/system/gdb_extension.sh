@@ -13,6 +13,7 @@ library=$(readlink -f "$(find "$prefix" -name libutils.so)")
 ! readelf -S "$library" | grep -q debug_info || fail "the library is not stripped"
 grep -q '/\.debug/libutils.so.1.0.debug$' "$build/install_manifest.txt" || fail "the debug information would outlive the library"
 export LD_LIBRARY_PATH=${library%/*}
+export TZ=UTC0
 ulimit -c unlimited
 { "$program" >/dev/null 2>&1 || true; } 2>/dev/null
 core=$(find /tmp -maxdepth 1 -name 'core*' | head -n 1)
@@ -59,7 +60,7 @@ section=$(echo /dev/shm/trace/*fabri*)
 cp "$section" /tmp/section
 rm "$section"
 out=$(debug 'utils evlog --file /tmp/section')
-expect '^[0-9:]{8}\.[0-9]{3} event 6 of 6$'
+expect '^03:14:08\.[0-9]{3} event 6 of 6$'
 out=$(debug 'utils evlog')
 expect 'cannot be read'
 out=$(debug 'utils log-cache')

@@ -68,6 +68,7 @@ int main(void) {
     for (int i = 1; i <= 6; ++i)
         qel_evlog(log, "event %d of 6\n", i);
     no_events = qel_evlog_newHandle(&logs, 4, "quiet", "quiet");
+    log->entries[1].seconds = INT32_MIN; /* in 2038 */
     log_cache_init("subject");
     for (int i = 0; i < 2000; ++i)
         log_cache_write("line %d of the cache\n", i);

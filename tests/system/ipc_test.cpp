@@ -73,8 +73,7 @@ TEST(Ipc, OutputOfADaemonGoesToAFileATerminalAndAServer) {
     EXPECT_EQ(seen, "out\r\nerr\r\n");
 
     // A server that is somebody else's program.
-    FILE *server =
-        popen("exec socat -u TCP-LISTEN:2301,bind=127.0.0.1,reuseaddr CREATE:/tmp/server", "r");
+    FILE *server = popen("exec nc -l -s 127.0.0.1 -p 2301 </dev/null >/tmp/server", "r");
     EXPECT_TRUE(eventually(
         [] { return qelDRedirOutputToSocket("127.0.0.1", 2301, "testd", kRedirect) == 0; }));
     EXPECT_EQ(ask(kPoke, ""), kPoked);

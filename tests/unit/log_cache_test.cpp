@@ -149,6 +149,7 @@ TEST(LogCache, DumpWritesThroughNoPlantedFile) {
     expect_passes([] {
         log_cache_write("secret\n");
         support::write_file("/tmp/victim", "precious");
+        support::read_late("/tmp/victim");
         for (auto plant :
              {+[] { std::filesystem::create_symlink("/tmp/victim", "/tmp/cache"); },
               +[] { std::filesystem::create_hard_link("/tmp/victim", "/tmp/cache"); },
@@ -203,8 +204,9 @@ TEST(LogCache, EightWritersLoseNothingWhileAnotherResizesAndDumps) {
         std::vector<std::thread> writers;
         auto write = [&](int w) {
             for (int n = 0; n < kLines; ++n, ++written) {
-                while (written > allowed)
-                    sched_yield();
+                // Asleep, so that a single processor is left to the dumps.
+                for (int limit = allowed; written > limit; limit = allowed)
+                    allowed.wait(limit);
                 log_cache_write("w%d n%d-%d\n", w, n, n);
             }
             --running;
@@ -221,6 +223,7 @@ TEST(LogCache, EightWritersLoseNothingWhileAnotherResizesAndDumps) {
             while (running != 0 && written < allowed)
                 sched_yield();
             allowed = written + 300 + dumps % 10 * 400;
+            allowed.notify_all();
             done = running == 0;
             int next_size = LOG_CACHE_SIZE_DEFAULT + dumps % 7 * 16384;
             ASSERT_EQ(log_cache_resize(next_size), 0);

@@ -78,7 +78,11 @@ TEST(Trace, LimitsTheFilesOfDeadProcessesOfAProgramAndSwitch) {
     kept.insert(file_name(1, "living"));
     // A file of our number that another process has left: its start is not ours.
     std::string other = read_file(TRACE_DIRECTORY "/" + file_name(1, "living"));
-    --other[other.size() - (__BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? 1 : sizeof(uint64_t))];
+    trace_owner owner;
+    other.copy(reinterpret_cast<char *>(&owner), sizeof owner, other.size() - sizeof owner);
+    --owner.start;
+    other.replace(other.size() - sizeof owner, sizeof owner, reinterpret_cast<char *>(&owner),
+                  sizeof owner);
     support::write_file(TRACE_DIRECTORY "/" + file_name(1, "reused"), other);
     auto add = [](std::set<std::string> names, int first, int last, int pid) {
         for (int i = first; i <= last; ++i)
@@ -86,6 +90,8 @@ TEST(Trace, LimitsTheFilesOfDeadProcessesOfAProgramAndSwitch) {
         return names;
     };
     auto expect_files = [](std::set<std::string> expected) {
+        for (const std::string &name : files())
+            support::read_late(TRACE_DIRECTORY "/" + name);
         Section maker(1, "maker");
         expected.insert(file_name(1, "maker"));
         EXPECT_EQ(files(), expected);

@@ -54,6 +54,7 @@ TEST(Console, SwitchFilesAreOnWhenMissingOrBeginningWithOn) {
     for (auto [content, on] :
          {std::pair("ONwards", 1), {"on", 1}, {"", 0}, {"o", 0}, {" on", 0}, {"no", 0}}) {
         support::write_file("/etc/config/feature", content);
+        support::read_late("/etc/config/feature");
         EXPECT_EQ(check_config_onoff("feature"), on) << content;
     }
     std::string endless(5000, 'x');
