@@ -355,6 +355,10 @@ struct Left {
 
 // Lets the scenario run with the function's first, second, ... call failing. Gives their number.
 int drive(const Scenario &scenario, const char *function, int error) {
+#ifdef UTILS_TESTING_SANITIZED
+    // A sanitizer needs memory of its own where a thread starts.
+    utils_testing_this_thread_only(strcmp(function, "malloc") == 0);
+#endif
     scenario.run();  // makes what stays for good, and shows that the last failure did no harm
     for (int nth = 1;; ++nth) {
         Left before;
