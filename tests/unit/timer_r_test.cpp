@@ -340,7 +340,7 @@ TEST(TimerR, MisuseIsFatalWithItsOwnNumber) {
 
 TEST(TimerR, AServiceThatCannotStartIsReported) {
     support::Ending ending = support::in_child([] {
-        utils_testing_fail_call("pthread_attr_setschedpolicy", 1, EINVAL, 1);
+        utils_testing_fail_call("pthread_attr_setschedpolicy", 1, EINVAL, 2);
         bool failed = timer_init_r() == -1 && timer_create_r(nullptr, count, 0, 0) == nullptr;
         return failed && timer_create_r(nullptr, count, 0, 0) != nullptr ? 0 : 1;
     });
