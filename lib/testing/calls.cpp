@@ -168,7 +168,7 @@ FORM(select, __select64, minus_one, int, (int end, void *readable, void *writabl
 CALL(fork, minus_one, int, (), ())
 CALL(kill, minus_one, int, (int pid, int signal), (pid, signal))
 CALL(waitpid, minus_one, int, (int pid, int *status, int options), (pid, status, options))
-CALL(geteuid, minus_one, unsigned, (), ())
+CALL(geteuid, no_user, unsigned, (), ())
 CALL(getpriority, minus_one, int, (int which, unsigned who), (which, who))
 CALL(setpriority, minus_one, int, (int which, unsigned who, int value), (which, who, value))
 RECORD(getrlimit)

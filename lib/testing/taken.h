@@ -58,6 +58,9 @@ inline int minus_one(int error) {
     errno = error;
     return -1;
 }
+inline unsigned no_user(int error) {
+    return static_cast<unsigned>(minus_one(error));
+}
 inline std::nullptr_t null(int error) {
     errno = error;
     return nullptr;
@@ -86,9 +89,11 @@ size_t shortened(int descriptor, size_t size);
     LISTED(Next, next_##symbol, "utils_next")
 
 // FORM(name, symbol, failed, Result, (parameters), (arguments)): one form of the function. By
-// assembler names, since headers may declare it otherwise, or give its name to another form.
+// assembler names, since headers may declare it otherwise, give its name to another form, or make a
+// macro of it, which no macro in between may expand.
 #define FORM(name, symbol, failed, Result, parameters, arguments)           \
-    NEXT(symbol)                                                            \
+    static constinit Next next_##symbol{#symbol};                           \
+    LISTED(Next, next_##symbol, "utils_next")                               \
     extern "C" __attribute__((visibility("default")))                       \
     Result taken_##symbol parameters __asm__(#symbol);                      \
     Result taken_##symbol parameters {                                      \

@@ -113,18 +113,18 @@ size_t shortened(int descriptor, size_t size) {
 
 }  // namespace utils
 
-using utils::Taken;
+using namespace utils;
 
 EXPORTED int utils_testing_fail_call(const char *function, int nth, int error, int times) {
-    Taken *taken = utils::named(function);
+    Taken *taken = named(function);
     if (taken == nullptr || nth < 1 || error < 1 || times < 0)
-        return utils::minus_one(EINVAL);
+        return minus_one(EINVAL);
     taken->times = 0;
     taken->nth = nth;
     taken->error = error;
     taken->turn = 0;
     if (times != 0)
-        utils::failures = 0;
+        failures = 0;
     taken->times.store(times, std::memory_order_release);
     return 0;
 }
@@ -134,12 +134,12 @@ EXPORTED int utils_testing_fail_allocation(int nth, int times) {
 }
 
 EXPORTED int utils_testing_failures(void) {
-    return utils::failures;
+    return failures;
 }
 
 EXPORTED int utils_testing_replace_call(const char *function,
                                         utils_testing_replacement *replacement) {
-    Taken *taken = utils::named(function);
+    Taken *taken = named(function);
     if (taken == nullptr)
         return -1;
     taken->instead.store(replacement, std::memory_order_release);
@@ -147,7 +147,7 @@ EXPORTED int utils_testing_replace_call(const char *function,
 }
 
 EXPORTED int utils_testing_count_calls(const char *function) {
-    const Taken *taken = utils::named(function);
+    const Taken *taken = named(function);
     return taken == nullptr ? -1 : taken->calls.load();
 }
 
@@ -158,15 +158,15 @@ EXPORTED const char *utils_testing_function(int index) {
 }
 
 EXPORTED void utils_testing_this_thread_only(int on) {
-    utils::only = on != 0 ? &utils::passing : nullptr;
+    only = on != 0 ? &passing : nullptr;
 }
 
 EXPORTED void utils_testing_short_io(size_t bytes) {
-    utils::most_bytes = bytes;
+    most_bytes = bytes;
 }
 
 EXPORTED int utils_testing_open_descriptors(void) {
-    utils::Passing through;
+    Passing through;
     int folder = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0)
         return -1;
@@ -193,8 +193,8 @@ EXPORTED void utils_testing_reset(void) {
         (*taken)->instead = nullptr;
         (*taken)->calls = 0;
     }
-    utils::failures = 0;
-    utils::most_bytes = 0;
-    utils::only = nullptr;
-    utils::reset_clocks();
+    failures = 0;
+    most_bytes = 0;
+    only = nullptr;
+    reset_clocks();
 }

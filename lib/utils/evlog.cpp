@@ -77,10 +77,12 @@ void copy_field(char (&to)[size], const char *text) {
 
 // The mutex of a log in shared memory works between processes, for children that go on logging, and
 // a child that is killed while it holds the mutex hands it on.
-// A system without such mutexes has plain ones.
+// A system without such mutexes, or without room for one, has a plain one, which needs nothing.
 void init_log_mutex(pthread_mutex_t *mutex, bool shared) {
-    if (init_mutex(mutex, PTHREAD_MUTEX_DEFAULT, shared) != 0)
-        pthread_mutex_init(mutex, nullptr);
+    if (init_mutex(mutex, PTHREAD_MUTEX_DEFAULT, shared) != 0) {
+        pthread_mutex_t plain = PTHREAD_MUTEX_INITIALIZER;
+        *mutex = plain;
+    }
 }
 
 // Holds a log's mutex. What a dead holder has left of the ring
@@ -202,7 +204,7 @@ using namespace utils;
 int qel_evlog_init(qel_evlog_db *db) {
     if (db == nullptr)
         return UTILS_EINVAL;
-    init_mutex(&db->lock);
+    init_log_mutex(&db->lock, false);
     db->head = nullptr;
     db->tail = nullptr;
     db->next_section = 1;

@@ -2,26 +2,22 @@
 
 #include <pty.h>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
 #include "support/support.h"
 
+namespace {
+
 #ifdef __powerpc__
 // The emulator has no old-style terminal requests: they are served from the terminal attributes.
-extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
-    va_list values;
-    va_start(values, request);
-    void *record = va_arg(values, void *);
-    va_end(values);
+int old_style(int fd, unsigned long request, void *record) {
     if (request != 0x40067408 && request != 0x80067409)
-        return static_cast<int>(syscall(SYS_ioctl, fd, request, record));
+        return ioctl(fd, request, record);
     auto *erase = static_cast<unsigned char *>(record) + 2;
     termios terminal{};
     if (tcgetattr(fd, &terminal) != 0)
@@ -33,9 +29,8 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     terminal.c_cc[VERASE] = *erase;
     return tcsetattr(fd, TCSANOW, &terminal);
 }
+[[maybe_unused]] const bool faked = (support::replace_call("ioctl", old_style), true);
 #endif
-
-namespace {
 
 // Answers prompts from `input`; gives what was printed and the call's result.
 std::string printed_by(getvalDesc desc, const std::string &input, int *result) {

@@ -21,7 +21,7 @@ namespace {
      0);
 std::atomic<int> wakes{0};  // of the loop
 
-int all_wakes() {
+[[maybe_unused]] int all_wakes() {
     return wakes + utils_testing_count_calls("pthread_cond_signal");
 }
 
@@ -171,6 +171,7 @@ TEST(TimerR, ThreeHundredRestartsLoseNoTimer) {
     }));
 }
 
+#ifndef __SANITIZE_THREAD__  // keeps pthread_cond_signal() for itself
 // Whom a change of the first due time wakes: the service's own thread, and an I/O loop.
 TEST(TimerR, WakesWhenTheFirstDueTimeChanges) {
     static timerHandle a, b;
@@ -208,6 +209,7 @@ TEST(TimerR, WakesWhenTheFirstDueTimeChanges) {
         }));
     }
 }
+#endif
 
 // Nobody wakes the thread for a first timer that falls due later: its time-out for the one before
 // must not fire it early.
@@ -340,7 +342,7 @@ TEST(TimerR, MisuseIsFatalWithItsOwnNumber) {
 
 TEST(TimerR, AServiceThatCannotStartIsReported) {
     support::Ending ending = support::in_child([] {
-        utils_testing_fail_call("pthread_attr_setschedpolicy", 1, EINVAL, 1);
+        utils_testing_fail_call("pthread_attr_setschedpolicy", 1, EINVAL, 2);
         bool failed = timer_init_r() == -1 && timer_create_r(nullptr, count, 0, 0) == nullptr;
         return failed && timer_create_r(nullptr, count, 0, 0) != nullptr ? 0 : 1;
     });

@@ -148,6 +148,10 @@ TEST(Trace, FailsWhereASectionCannotBeAndFollowsNoLinks) {
                                                            {01777, 0, false}};
     static uid_t shown_owner;  // of directories, unless it is 0
     for (auto [mode, owner, refused] : directories) {
+#ifdef __SANITIZE_THREAD__  // keeps fstat() for itself
+        if (owner != 0)
+            continue;
+#endif
         chmod(TRACE_DIRECTORY, mode);
         shown_owner = owner;
         support::replace_call("fstat", [](int fd, struct stat *status) {

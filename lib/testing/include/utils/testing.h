@@ -18,7 +18,9 @@
  * and direct system calls are out of reach. A sanitizer's own definitions stand before all others
  * and call these in their turn, except for memory: beside the address and the thread sanitizer a
  * program says #UTILS_TESTING_HEAP in one of its source files. Live blocks are counted without that,
- * too. The thread sanitizer keeps fstat() for itself, and does not count aligned blocks.
+ * too. The thread sanitizer keeps fstat() and the calls of condition variables for itself, and does
+ * not count aligned blocks. Both end the process when memory fails where a thread starts:
+ * utils_testing_this_thread_only() helps.
  *
  * Threads: every call here may be made from any thread, and takes effect at once in all; what is
  * asked of one function at the same time by several threads is undefined. A forked child goes on
