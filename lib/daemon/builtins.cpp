@@ -31,9 +31,6 @@ Shown *timers UTILS_GUARDED_BY(lock) = nullptr;
 qel_evlog_db logs;
 bool logs_prepared = false;
 std::atomic<bool> logs_broken{false};
-const char *shown_version() {
-    return spec->version != nullptr ? spec->version : "";
-}
 
 int append(Shown *&list, const Shown &entry) {
     auto *fresh = allocate_zeroed<Shown>();
@@ -65,7 +62,8 @@ int print_collected(FILE *out, Print print) {
 }
 
 int cmd_version(int, char **, FILE *out) {
-    fprintf(out, "%s %s\n", name, shown_version());
+    const char *version = spec->version != nullptr ? spec->version : "";
+    fprintf(out, "%s%s%s\n", name, *version != '\0' ? " " : "", version);
     return 0;
 }
 

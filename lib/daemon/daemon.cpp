@@ -161,6 +161,7 @@ void daemon_close(void) {
     notify("STOPPING=1");
     close_requests();
     stop_accepting();
+    remove_command_socket();
     end_clients(monotonic_ms() + kCommandsMs);
     refuse_deferred();
     if (spec->stop != nullptr)

@@ -82,6 +82,13 @@ void catch_fatal_signals() {
     }
 }
 
+// What nohup(1) has done stays.
+bool is_ignored(int number) {
+    struct sigaction now {};
+    return sigaction(number, nullptr, &now) == 0 && (now.sa_flags & SA_SIGINFO) == 0 &&
+           now.sa_handler == SIG_IGN;
+}
+
 void take(int number, void (*handler)(int), int flags) {
     struct sigaction action {};
     action.sa_handler = handler;
@@ -130,8 +137,10 @@ void prepare_signals() {
     has_key = pthread_key_create(&stacks, release_stack) == 0;
     qel_sigdefaults(name);
     qel_sigcleanup_set(remove_files);
-    for (int number : kStopSignals)
-        take(number, on_stop, SA_RESTART);
+    for (int number : kStopSignals) {
+        if (number != SIGHUP || !is_ignored(number))
+            take(number, on_stop, SA_RESTART);
+    }
     take(QEL_SIGNAL_DUMP_STKFLT, on_dump, SA_ONSTACK);
     take(QEL_SIGNAL_DUMP_PROF, on_dump, SA_ONSTACK);
     catch_fatal_signals();

@@ -136,11 +136,9 @@ int open_command_socket() {
     return listener.release();
 }
 
-void close_command_socket(int listener) {
+void remove_command_socket() {
     if (getpid() == owner.load() && has_socket.exchange(false))
         unlink(socket_path);
-    if (listener >= 0)
-        close(listener);
 }
 
 void note_request_socket(bool is_open) {

@@ -21,7 +21,7 @@ int lock_instance();
 bool write_pid_file();
 // A listening command socket, or -1.
 int open_command_socket();
-void close_command_socket(int listener);
+void remove_command_socket();
 // The request socket is the platform's, which removes it on exit() only.
 void note_request_socket(bool is_open);
 // Removes sockets and pid file, if this process made them. Async-signal-safe.
