@@ -296,7 +296,7 @@ void show_json(FILE *input) {
            totals.text, totals.coded);
 }
 
-void show(const std::string &path) {
+void show_stream(const std::string &path) {
     File input = open_input(path);
     if (common_options().json)
         return show_json(input.get());
@@ -325,13 +325,15 @@ void add_log(CLI::App &app) {
          "Write the text of a stream to standard output, byte for byte (to a terminal: as show "
          "does)",
          unpack},
-        {"show", "Print the text of a stream, control characters as \\xNN, and its ratio", show}};
+        {"show", "Print the text of a stream, control characters as \\xNN, and its ratio",
+         show_stream}};
     for (auto &action : actions) {
         CLI::App *one = add_subcommand(*command, action.name, action.description);
         one->add_option("FILE", path, "Input (default, and for '-': standard input)");
-        if (action.run == show)
+        if (action.run == show_stream)
             add_json_option(*one);
-        one->footer(action.run == show ? std::string(kFormat) + "\n\n" + kDocument : kFormat);
+        one->footer(action.run == show_stream ? std::string(kFormat) + "\n\n" + kDocument
+                                              : kFormat);
         one->callback([run = action.run] { run(path); });
     }
 }

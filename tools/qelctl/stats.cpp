@@ -156,12 +156,12 @@ void print_bars(const std::vector<Row> &rows, Column column, const char *title) 
     }
 }
 
-struct Choice {
+struct Request {
     int switch_no = -1;
     bool plot = false;
 };
 
-void stats(const Choice &choice) {
+void stats(const Request &choice) {
     char path[64];
     int switch_no = choice.switch_no >= 0 ? choice.switch_no : getMySwitch();
     snprintf(path, sizeof path, SERVICE_STAT_FILE, switch_no);
@@ -180,7 +180,7 @@ void stats(const Choice &choice) {
 }  // namespace
 
 void add_stats(CLI::App &app) {
-    static Choice choice;
+    static Request choice;
     CLI::App *command = add_subcommand(app, "stats", "Print the service statistics of a switch");
     add_switch_option(*command, "Logical switch (default: KORIN_SWITCHNO, else 0)");
     add_json_option(*command);
