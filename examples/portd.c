@@ -132,7 +132,7 @@ static int cmd_ports(int argc, char **argv, FILE *out) {
 static int cmd_sleep(int argc, char **argv, FILE *out) {
     int seconds = 1;
     if (argc > 1 && clafGetInt(argv[1], &seconds) != 0)
-        return fprintf(out, "not a number: %s\n", argv[1]) < 0;
+        return fprintf(out, "not a number: %s\n", argv[1]), 1;
     taskDelay(seconds * TASK_TICKS_PER_SECOND);
     return fprintf(out, "slept %d s\n", seconds) < 0;
 }

@@ -15,4 +15,14 @@ inline int lock_file(int fd, short type, int command) {
     return fcntl(fd, command, &whole);
 }
 
+// The process that keeps this one from locking the file for writing; 0 when none does, or nobody can tell.
+inline pid_t lock_holder(int fd) {
+    struct flock holder {};
+    holder.l_type = F_WRLCK;
+    holder.l_whence = SEEK_SET;
+    if (fcntl(fd, F_GETLK, &holder) != 0 || holder.l_type == F_UNLCK || holder.l_pid <= 0)
+        return 0;
+    return holder.l_pid;
+}
+
 }  // namespace utils

@@ -1,6 +1,6 @@
 // What an operator can ask every daemon: its commands, its version, and how its queues, timers,
 // logs and memory are. What is printed under a lock is collected first: a client that does not read
-// must hold up nobody. `lock` guards the lists of what is shown; a queue's is taken under it.
+// must hold up nobody. `tables_mutex` guards the lists of what is shown; a queue's is taken under it.
 #include <dirent.h>
 #include <unistd.h>
 
@@ -25,9 +25,9 @@ struct Shown {
     Shown *next;
 };
 
-Mutex lock;
-Shown *queues UTILS_GUARDED_BY(lock) = nullptr;
-Shown *timers UTILS_GUARDED_BY(lock) = nullptr;
+Mutex tables_mutex;
+Shown *queues UTILS_GUARDED_BY(tables_mutex) = nullptr;
+Shown *timers UTILS_GUARDED_BY(tables_mutex) = nullptr;
 qel_evlog_db logs;
 bool logs_prepared = false;
 std::atomic<bool> logs_broken{false};
@@ -69,11 +69,11 @@ int cmd_version(int, char **, FILE *out) {
 
 int cmd_queues(int, char **, FILE *out) {
     return print_collected(out, [](FILE *to) {
-        MutexLock hold_list(lock);
+        MutexLock lock(tables_mutex);
         fprintf(to, "%-23s %7s %7s %10s %7s\n", "QUEUE", "WAITING", "DEPTH", "HIGH WATER",
                 "MISSES");
         for (Shown *entry = queues; entry != nullptr; entry = entry->next) {
-            RecordLock hold(entry->queue->lock);
+            RecordLock queue_lock(entry->queue->lock);
             const msgQ &queue = *entry->queue;
             // The loop's queue has one place for the companion's own message.
             int own = entry->queue == daemon_queue() ? 1 : 0;
@@ -96,7 +96,7 @@ uint32_t now_ms() {
 
 int cmd_timers(int, char **, FILE *out) {
     return print_collected(out, [](FILE *to) {
-        MutexLock hold_list(lock);
+        MutexLock lock(tables_mutex);
         fprintf(to, "%-23s %-8s %s\n", "TIMER", "STATE", "NEXT DUE");
         for (Shown *entry = timers; entry != nullptr; entry = entry->next) {
             bool armed = timer_ticking_r(entry->timer) == 1;
@@ -211,7 +211,7 @@ const daemon_command *command_at(int number) {
 }
 
 void forget_timers() {
-    MutexLock hold(lock);
+    MutexLock lock(tables_mutex);
     while (timers != nullptr) {
         HeapBlock<Shown> gone(timers);
         timers = gone->next;
@@ -241,7 +241,7 @@ qel_evlog_handle *daemon_new_log(int entries, const char *log_name, const char *
 }
 
 int daemon_add_queue(msgQHandle queue) {
-    MutexLock hold(lock);
+    MutexLock lock(tables_mutex);
     return queue != nullptr ? append(queues, {queue, nullptr, nullptr, nullptr}) : UTILS_EINVAL;
 }
 
@@ -254,7 +254,7 @@ msgQHandle daemon_new_queue(int depth, unsigned size, const char *queue_name) {
 }
 
 int daemon_add_timer(timerHandle timer, const char *timer_name) {
-    MutexLock hold(lock);
+    MutexLock lock(tables_mutex);
     return timer != nullptr && timer_name != nullptr
                ? append(timers, {nullptr, timer, timer_name, nullptr})
                : UTILS_EINVAL;
@@ -272,7 +272,7 @@ timerHandle daemon_new_timer(const char *timer_name, int periodic, timerHandler 
 
 int daemon_delete_timer(timerHandle timer) {
     {
-        MutexLock hold(lock);
+        MutexLock lock(tables_mutex);
         for (Shown **place = &timers; *place != nullptr; place = &(*place)->next) {
             if ((*place)->timer != timer)
                 continue;

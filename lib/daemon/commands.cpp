@@ -1,6 +1,6 @@
 // Clients of the command socket: a thread each, which receives one command line, runs the command
 // and keeps its result for the client's process, which asks for it over a second connection. Who
-// may not command the daemon is sent away unheard. `lock` guards everything here and is not held
+// may not command the daemon is sent away unheard. `clients_mutex` guards everything here and is not held
 // while a command runs.
 #include <poll.h>
 #include <pthread.h>
@@ -26,6 +26,7 @@ namespace {
 
 constexpr int kResultsKept = 64;  // more than clients that have yet to ask
 constexpr int kRoundMs = 20;
+constexpr int kUnknownCommand = 127;  // as shells have it
 constexpr int kStackSize = 512 * 1024;
 
 struct Result {
@@ -48,12 +49,12 @@ struct InLoop {
     bool done;
 };
 
-Mutex lock;
+Mutex clients_mutex;
 pthread_cond_t changed = PTHREAD_COND_INITIALIZER;  // a command in the loop is done
-Client clients[DAEMON_CLIENTS_MAX] UTILS_GUARDED_BY(lock);
-Result results[kResultsKept] UTILS_GUARDED_BY(lock);
-int next_result UTILS_GUARDED_BY(lock) = 0;
-bool reporting UTILS_GUARDED_BY(lock) = false;
+Client clients[DAEMON_CLIENTS_MAX] UTILS_GUARDED_BY(clients_mutex);
+Result results[kResultsKept] UTILS_GUARDED_BY(clients_mutex);
+int next_result UTILS_GUARDED_BY(clients_mutex) = 0;
+bool reporting UTILS_GUARDED_BY(clients_mutex) = false;
 
 int command_count = 0;
 const char **words = nullptr;  // of every command, for the report
@@ -62,7 +63,7 @@ thread_local pid_t client_pid;
 void keep_result(pid_t pid, int result) {
     if (pid <= 0)
         return;
-    MutexLock hold(lock);
+    MutexLock lock(clients_mutex);
     for (Result &kept : results) {
         if (kept.pid == pid)
             kept.pid = 0;
@@ -72,7 +73,7 @@ void keep_result(pid_t pid, int result) {
 }
 
 void count_call(int number, uint64_t ticks) {
-    MutexLock hold(lock);
+    MutexLock lock(clients_mutex);
     if (reporting || serviceStatIsOn == 0 || serviceStats == nullptr)
         return;
     serviceStat &record = serviceStats[number];
@@ -87,7 +88,7 @@ void count_call(int number, uint64_t ticks) {
 void run_deferred_command(void *argument) {
     auto &job = *static_cast<InLoop *>(argument);
     int result = job.command->run(job.argc, job.argv, job.out);
-    MutexLock hold(lock);
+    MutexLock lock(clients_mutex);
     job.result = result;
     job.done = true;
     pthread_cond_broadcast(&changed);
@@ -102,9 +103,9 @@ int run_in_loop(const daemon_command &command, int argc, char **argv, FILE *out)
         return fprintf(out, "out of memory\n"), 1;
     InLoop job{&command, argc, argv, collected, 1, false};
     if (daemon_defer(run_deferred_command, &job) == 0) {
-        MutexLock hold(lock);
+        MutexLock lock(clients_mutex);
         while (!job.done)
-            pthread_cond_wait(&changed, lock.native());
+            pthread_cond_wait(&changed, clients_mutex.native());
     } else {
         fprintf(collected, "the daemon ends\n");
     }
@@ -132,8 +133,10 @@ int find_command(const char *word) {
 // A command table's function for whatever the client has sent.
 int run_command(int argc, char **argv, FILE *out) {
     int number = argc > 0 ? find_command(argv[0]) : -1;
-    if (number < 0)
+    if (number < 0) {
+        keep_result(client_pid, kUnknownCommand);
         return fprintf(out, "unknown command; try help\n");
+    }
     const daemon_command &command = *command_at(number);
     if (command.run == cmd_result)
         return cmd_result(argc, argv, out);
@@ -150,7 +153,7 @@ void *serve_client(void *entry) {
     auto &client = *static_cast<Client *>(entry);
     int fd = -1;
     {
-        MutexLock hold(lock);
+        MutexLock lock(clients_mutex);
         fd = client.fd;
         client_pid = client.pid;
     }
@@ -159,7 +162,7 @@ void *serve_client(void *entry) {
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     qelTnetCmdCB(fd, run_command);
-    MutexLock hold(lock);
+    MutexLock lock(clients_mutex);
     close(fd);
     client.fd = -1;
     return nullptr;
@@ -184,7 +187,7 @@ int start_thread(Client &client) {
 
 // Whether a thread serves the client from here on.
 bool start_client(int fd, pid_t pid) {
-    MutexLock hold(lock);
+    MutexLock lock(clients_mutex);
     for (Client &client : clients) {
         if (client.fd >= 0)
             continue;
@@ -200,7 +203,7 @@ bool start_client(int fd, pid_t pid) {
 }  // namespace
 
 bool prepare_commands() {
-    MutexLock hold(lock);
+    MutexLock lock(clients_mutex);
     for (Client &client : clients)
         client.fd = -1;
     while (command_at(command_count) != nullptr)
@@ -237,7 +240,7 @@ void end_clients(int64_t end) {
         run_deferred();
         busy = false;
         {
-            MutexLock hold(lock);
+            MutexLock lock(clients_mutex);
             for (Client &client : clients) {
                 if (client.fd >= 0) {
                     shutdown(client.fd, SHUT_RD);  // who has not asked yet is not heard
@@ -253,7 +256,7 @@ void end_clients(int64_t end) {
 int cmd_result(int, char **, FILE *out) {
     int result = 0;
     {
-        MutexLock hold(lock);
+        MutexLock lock(clients_mutex);
         for (Result &kept : results) {
             if (kept.pid == client_pid && kept.pid != 0) {
                 result = kept.result;
@@ -271,7 +274,7 @@ using namespace utils::service;
 
 int daemon_cmd_stats(int, char **, FILE *out) {
     {
-        utils::MutexLock hold(lock);
+        utils::MutexLock lock(clients_mutex);
         if (reporting)
             return fprintf(out, "another report is being written\n"), 1;
         reporting = true;
@@ -279,7 +282,7 @@ int daemon_cmd_stats(int, char **, FILE *out) {
     // The report's file may be locked by others, so no lock is held here.
     serviceStat_stop(name, words, getMySwitch());
     {
-        utils::MutexLock hold(lock);
+        utils::MutexLock lock(clients_mutex);
         reporting = false;
         serviceStatIsOn = 1;
     }

@@ -16,6 +16,7 @@
 
 #include "base/descriptor.h"
 #include "base/last_words.h"
+#include "base/retry.h"
 #include "base/write_all.h"
 #include "state.h"
 #include "utils/signals.h"
@@ -45,12 +46,11 @@ void on_dump(int number) {
 // Raises the signal once more, now for the kernel: it comes when the handler has returned. The one
 // that tells of a fault keeps its address.
 void on_fatal(int number, siginfo_t *why, void *) {
-    int saved_errno = errno;
+    KeptErrno error;
     remove_files();
     signal(number, SIG_DFL);
     if (syscall(SYS_rt_tgsigqueueinfo, getpid(), syscall(SYS_gettid), number, why) != 0)
         raise(number);
-    errno = saved_errno;
 }
 
 bool is_any_of(int number, const int *list, size_t count) {
@@ -162,14 +162,14 @@ int stop_status() {
 
 }  // namespace utils::service
 
+using namespace utils;
 using namespace utils::service;
 
 void daemon_stop(int code) {
-    int saved_errno = errno;
+    KeptErrno error;
     int none = 0;
     ending.compare_exchange_strong(none, kStopping | (code & 0xFF));
     kick_watcher();
-    errno = saved_errno;
 }
 
 int daemon_guard_thread(void) {

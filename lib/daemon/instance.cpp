@@ -15,6 +15,8 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/file_lock.h"
+#include "base/retry.h"
 #include "base/trusted.h"
 #include "state.h"
 #include "utils/identity.h"
@@ -50,12 +52,9 @@ int open_own_file(const char *path) {
 }
 
 int refuse_second(int lock) {
-    struct flock holder {};
-    holder.l_type = F_WRLCK;
-    holder.l_whence = SEEK_SET;
-    if (fcntl(lock, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK && holder.l_pid > 0)
+    if (pid_t holder = lock_holder(lock); holder > 0)
         fprintf(stderr, "%s: cannot start: process %d serves switch %d already\n", name,
-                static_cast<int>(holder.l_pid), getMySwitch());
+                static_cast<int>(holder), getMySwitch());
     else
         fprintf(stderr, "%s: cannot start: another process serves switch %d already\n", name,
                 getMySwitch());
@@ -91,10 +90,7 @@ int lock_instance() {
     Descriptor lock(open_own_file(path));
     if (!lock)
         return daemon_refuse(path);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    if (fcntl(lock.get(), F_SETLK, &whole) != 0)
+    if (lock_file(lock.get(), F_WRLCK, F_SETLK) != 0)
         return errno == EAGAIN || errno == EACCES ? refuse_second(lock.get()) : daemon_refuse(path);
     name_file(pid_path, "/var/run", "pid");
     name_file(socket_path, DAEMON_DIRECTORY, "cmd");
@@ -150,7 +146,7 @@ void note_request_socket(bool is_open) {
 void remove_files() {
     if (getpid() != owner.load())
         return;
-    int saved_errno = errno;
+    KeptErrno error;
     if (has_socket.exchange(false))
         unlink(socket_path);
     if (has_requests.exchange(false))
@@ -158,7 +154,6 @@ void remove_files() {
     // In a directory that is not this user's, an empty file is what says that nobody runs.
     if (has_pid_file.exchange(false) && unlink(pid_path) != 0) [[maybe_unused]]
         int result = truncate(pid_path, 0);
-    errno = saved_errno;
 }
 
 }  // namespace utils::service

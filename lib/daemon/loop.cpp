@@ -5,7 +5,7 @@
 //
 // A wake is a message of one byte, of which one at most waits in the queue; the queue has a place
 // more than the daemon asked for. A full queue needs none: the loop looks for work after every
-// message. Lock order: `lock` before the queue's.
+// message. Lock order: `loop_mutex` before the queue's.
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -44,13 +44,13 @@ struct Deferred {
     Deferred *next;
 };
 
-Mutex lock;
-Watch *watches UTILS_GUARDED_BY(lock) = nullptr;
-uint32_t next_serial UTILS_GUARDED_BY(lock) = 0;
-Deferred *deferred UTILS_GUARDED_BY(lock) = nullptr;
-Deferred **deferred_end UTILS_GUARDED_BY(lock) = &deferred;
-bool refusing UTILS_GUARDED_BY(lock) = false;
-bool wake_queued UTILS_GUARDED_BY(lock) = false;
+Mutex loop_mutex;
+Watch *watches UTILS_GUARDED_BY(loop_mutex) = nullptr;
+uint32_t next_serial UTILS_GUARDED_BY(loop_mutex) = 0;
+Deferred *deferred UTILS_GUARDED_BY(loop_mutex) = nullptr;
+Deferred **deferred_end UTILS_GUARDED_BY(loop_mutex) = &deferred;
+bool refusing UTILS_GUARDED_BY(loop_mutex) = false;
+bool wake_queued UTILS_GUARDED_BY(loop_mutex) = false;
 
 msgQHandle queue = nullptr;
 unsigned char *message = nullptr;  // the loop's buffer
@@ -66,8 +66,8 @@ std::atomic<bool> accepting{false}, finished{false};
 
 void wake_loop() {
     work.store(true);
-    MutexLock hold(lock);
-    RecordLock queue_hold(queue->lock);
+    MutexLock lock(loop_mutex);
+    RecordLock queue_lock(queue->lock);
     if (wake_queued || queue->queued.count >= queue->maxMsgs) {
         wake_failed.store(false);
         return;
@@ -135,7 +135,7 @@ uint32_t told_events(uint32_t events) {
            ((events & (EPOLLERR | EPOLLHUP)) != 0 ? DAEMON_BROKEN : 0);
 }
 
-Watch **place_of(int fd) UTILS_REQUIRES(lock) {
+Watch **place_of(int fd) UTILS_REQUIRES(loop_mutex) {
     Watch **place = &watches;
     while (*place != nullptr && (*place)->fd != fd)
         place = &(*place)->next;
@@ -147,7 +147,7 @@ void serve_descriptor(const epoll_event &event) {
     int fd = static_cast<int>(event.data.u64 & UINT32_MAX);
     Watch found{};
     {
-        MutexLock hold(lock);
+        MutexLock lock(loop_mutex);
         Watch *watch = *place_of(fd);
         if (watch == nullptr || watch->serial != static_cast<uint32_t>(event.data.u64 >> 32))
             return;
@@ -166,7 +166,7 @@ void serve_descriptors() {
 }
 
 Deferred *take_deferred() {
-    MutexLock hold(lock);
+    MutexLock lock(loop_mutex);
     Deferred *first = deferred;
     deferred = nullptr;
     deferred_end = &deferred;
@@ -175,7 +175,7 @@ Deferred *take_deferred() {
 
 void serve_message() {
     if (*message == DAEMON_MESSAGE_WAKE) {
-        MutexLock hold(lock);
+        MutexLock lock(loop_mutex);
         wake_queued = false;
     } else if (*message == TIMER_MESSAGE_TYPE) {
         timer_message expiry;
@@ -257,7 +257,7 @@ void run_deferred() {
 
 void refuse_deferred() {
     {
-        MutexLock hold(lock);
+        MutexLock lock(loop_mutex);
         refusing = true;
     }
     run_deferred();
@@ -294,7 +294,7 @@ msgQHandle daemon_queue(void) {
 int daemon_watch(int descriptor, uint32_t events, daemon_handler handler, void *argument) {
     if (handler == nullptr || (events & ~(DAEMON_READABLE | DAEMON_WRITABLE)) != 0)
         return UTILS_EINVAL;
-    MutexLock hold(lock);
+    MutexLock lock(loop_mutex);
     Watch **place = place_of(descriptor);
     HeapBlock<Watch> fresh(*place == nullptr ? allocate_zeroed<Watch>() : nullptr);
     if (*place == nullptr && !fresh)
@@ -316,7 +316,7 @@ int daemon_watch(int descriptor, uint32_t events, daemon_handler handler, void *
 }
 
 int daemon_unwatch(int descriptor) {
-    MutexLock hold(lock);
+    MutexLock lock(loop_mutex);
     Watch **place = place_of(descriptor);
     if (*place == nullptr)
         return UTILS_ENOENT;
@@ -334,7 +334,7 @@ int daemon_defer(void (*call)(void *argument), void *argument) {
         return UTILS_ENOMEM;
     *fresh = {call, argument, nullptr};
     {
-        MutexLock hold(lock);
+        MutexLock lock(loop_mutex);
         if (refusing) {
             free(fresh);
             return UTILS_EAGAIN;

@@ -130,12 +130,12 @@ qelctl evlog --daemon p|portd
 qelctl evlog --file $portd.1|$portd.1.portd.ports 1
 qelctl log show /tmp/preci|/tmp/precious
 END
-expect 0 'unknown command' qelctl cmd -s 7 portd nonsense
+expect 127 'unknown command' qelctl cmd -s 7 portd nonsense
 expect 0 'lo +in' qelctl cmd -s 7 portd ports
 [ "$(cat /tmp/precious)" = precious ] || fail "the daemon has written through a planted link"
 expect 0 'round 1$' qelctl cmd -s 7 portd log
 expect 0 'command help' qelctl cmd -s 7 portd events
-expect 0 'not a number: --help' qelctl cmd -s 7 portd sleep --help
+expect 1 'not a number: --help' qelctl cmd -s 7 portd sleep --help
 expect 3 'did not answer within 1 s' qelctl cmd -s 7 --timeout 1 portd sleep 3
 # One that stalls in the middle of its command stops nobody.
 (exec 3<>/dev/null; sleep 3) & stalled=$!
