@@ -319,7 +319,8 @@ TEST(TimerR, TheIoLoopServesWhatIsWatchedUntilItIsTakenBack) {
     EXPECT_EQ(ioss_run(loop, 0), 0) << "without time nothing is served";
     EXPECT_EQ(order, "ac");
     EXPECT_EQ(read(ends[2][0], &byte, 1), 1);
-    ioss_unwatch(loop, ends[0][0]);
+    for (int i : {0, 2, 2})  // once more than it is watched
+        ioss_unwatch(loop, ends[i][0]);
     std::thread stopper([] { ioss_stop(loop); });
     EXPECT_EQ(ioss_run(loop, -1), 0);
     stopper.join();
@@ -327,10 +328,10 @@ TEST(TimerR, TheIoLoopServesWhatIsWatchedUntilItIsTakenBack) {
     EXPECT_EQ(ioss_run(loop, 1), 0);
     utils_testing_fail_call("poll", 1, ENOMEM, 1);
     EXPECT_EQ(ioss_run(loop, 1000), -1);
-    int watches = 2;  // one of a pipe is left
+    int watches = 0;
     for (; watches < 100 && ioss_watch(loop, 0, other, names) == 0;)
         ++watches;
-    EXPECT_EQ(watches, 65);
+    EXPECT_EQ(watches, 64);
     ioss_loop_destroy(loop);
     utils_testing_reset();
     for (auto &pair : ends)
