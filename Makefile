@@ -18,7 +18,7 @@ build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev nl
 test_packages := $(build_packages) googletest bubblewrap binutils gdb netcat-openbsd util-linux procps psmisc python3
 docs_packages := doxygen mandoc man-db help2man python3
 
-helgrind_tests := msgq_test timer_test timer_r_test log_cache_test sema_test proc_rwlock_test
+helgrind_tests := msgq_test timer_test sema_test proc_rwlock_test
 
 # The other processors and the other C library; ppc is "make target".
 corners := uchar s390x i686 aarch64 armhf riscv64 musl
@@ -145,7 +145,7 @@ clang: ## Build everything with clang++ (warnings are errors) and run the tests
 	$(needs)
 	$(call check,clang)
 
-helgrind: ## Run the tests of queues, timers, caches and locks under helgrind
+helgrind: ## Run the tests of queues, timers and locks under helgrind
 	$(needs)
 	$(call build,native,--target $(helgrind_tests))
 	@scripts/helgrind build/native $(helgrind_tests)
