@@ -9,6 +9,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 SECONDS ?= 20
 FOR ?= demo test
+N ?= 60
 CCACHE := $(shell command -v ccache 2>/dev/null)
 export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
@@ -16,6 +17,8 @@ export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev nlohmann-json3-dev
 test_packages := $(build_packages) googletest bubblewrap binutils gdb netcat-openbsd util-linux procps psmisc python3
 docs_packages := doxygen mandoc man-db help2man python3
+
+helgrind_tests := msgq_test timer_test sema_test proc_rwlock_test
 
 # The other processors and the other C library; ppc is "make target".
 corners := uchar s390x i686 aarch64 armhf riscv64 musl
@@ -46,6 +49,9 @@ packages_clang := $(test_packages) clang
 packages_fuzz := $(build_packages) bubblewrap clang libclang-rt-14-dev
 packages_model := spin gcc libc6-dev
 packages_soak := $(build_packages) bubblewrap python3
+packages_mutants := $(test_packages) python3
+packages_coverage := $(test_packages) gcovr
+packages_helgrind := $(test_packages) valgrind
 packages_bench := $(build_packages) bubblewrap binutils libbenchmark-dev libglib2.0-dev libevent-dev libspdlog-dev \
     zlib1g-dev libdeflate-dev libzstd-dev libuv1-dev libtbb-dev liblz4-dev python3 python3-matplotlib
 packages_bench-check := $(packages_bench)
@@ -75,7 +81,7 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help deps demo test native target target-system corners $(corners) asan tsan clang fuzz model soak bench bench-check lint format docs package install \
+.PHONY: help deps demo test native target target-system corners $(corners) asan tsan clang helgrind coverage mutants fuzz model soak bench bench-check lint format docs package install \
     abi abi-update $(abi_corners:%=libraries-%) reproducible clean ci
 
 help: ## This list
@@ -138,6 +144,21 @@ tsan: ## Run the tests under the thread sanitizer
 clang: ## Build everything with clang++ (warnings are errors) and run the tests
 	$(needs)
 	$(call check,clang)
+
+helgrind: ## Run the tests of queues, timers and locks under helgrind
+	$(needs)
+	$(call build,native,--target $(helgrind_tests))
+	@scripts/helgrind build/native $(helgrind_tests)
+
+coverage: ## Run the tests and show which lines and branches of the libraries they reach: build/coverage/report
+	$(needs)
+	$(call build,coverage)
+	@scripts/coverage build/coverage
+
+mutants: ## Put N faults (default 60) into the libraries and see which tests notice; SEED=..., FILES="lib/utils/..."
+	$(needs)
+	@scripts/mutants --sample $(N) --seed $(or $(SEED),1) $(if $(FILES),--files $(FILES)) --jobs $(JOBS) \
+	    --out build/mutants/$(N)-$(or $(SEED),1).jsonl --accepted tests/accepted-mutants
 
 fuzz: ## Run every fuzz target for SECONDS (default 20), on from the inputs that are kept and earlier runs
 	$(needs)

@@ -7,7 +7,7 @@ target_compile_options(utils_build_flags INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
     $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes>
     $<$<BOOL:${UTILS_WERROR}>:-Werror>
-    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety;-Werror=thread-safety>
     -fstack-protector-strong)
 # Right beyond 2038 on 32-bit hosts, too, where the C library gives the choice.
 target_compile_definitions(utils_build_flags INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
@@ -39,6 +39,9 @@ endif()
 # top of the sources: paths count from there.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 set(reproducible "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.")
+if(UTILS_COVERAGE)
+    set(reproducible --coverage -fprofile-update=atomic -fprofile-abs-path)
+endif()
 
 # Failed checks show who called them. Some processors have no other way to walk the stack than these tables, which
 # their compilers leave out of programs without exceptions. UTILS_SMALL has the back chain for it.
@@ -62,6 +65,10 @@ function(utils_c_shared_library target map)
     target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C LINK_DEPENDS ${map}
                           VERSION ${UTILS_SOVERSION} SOVERSION ${UTILS_SOVERSION})
+    if(UTILS_COVERAGE)
+        target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests/coverage/enroll.c)
+        target_link_options(${target} PRIVATE --coverage)
+    endif()
     # CMake would add the C++ runtime for the C++ sources: without it, a use of it is a link error.
     set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "" PARENT_SCOPE)
 endfunction()

@@ -56,7 +56,7 @@ int fileUnlock(int fd);
 
 /**
  * Writes this process's id and a line end into "/var/run/NAME.INSTANCE.pid", in place of what was
- * there. A symbolic link in that place is not followed.
+ * there. A link of either kind, or anything but a regular file, in that place is refused.
  * @param name     the daemon's name
  * @param instance its instance
  * @return 0, or -1 with the reason on standard error

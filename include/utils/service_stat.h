@@ -52,8 +52,8 @@ extern int32_t serviceStatIsOn;
 int serviceStat_init(int count);
 
 /**
- * Switches collection off, appends the report and clears the table. When the file cannot be opened
- * that is printed and the counters are lost;
+ * Switches collection off, appends the report and clears the table. When the file cannot be opened,
+ * or is a link of either kind or no regular file, that is printed and the counters are lost;
  * the lowest service times are 0 then, not SERVICE_STAT_UNSET.
  * @param label    name of the service, in every row; its column has 5 characters, without a blank
  *                 behind it, and a longer label moves the columns that follow

@@ -36,6 +36,16 @@ inline int open_trusted_directory(int at, const char *path, int flags) {
     return -1;
 }
 
+// Whether it is a file that goes by one name at most. Behind a second one may be another's file, and
+// behind a pipe a reader who never comes.
+inline bool has_one_name(int file) {
+    struct stat status {};
+    if (fstat(file, &status) != 0)
+        return false;
+    errno = EPERM;
+    return S_ISREG(status.st_mode) && status.st_nlink <= 1;
+}
+
 // A number that nobody can foretell, for names that nobody else has taken.
 inline uint32_t unforeseen_number() {
     uint32_t number = 0;

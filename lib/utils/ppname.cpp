@@ -15,6 +15,7 @@
 #include "base/descriptor.h"
 #include "base/file_lock.h"
 #include "base/retry.h"
+#include "base/trusted.h"
 #include "base/write_all.h"
 
 namespace utils {
@@ -108,9 +109,11 @@ int stor_pid(const char *name, int instance) {
     if (name == nullptr || length >= static_cast<int>(sizeof path))
         errno = name == nullptr ? EINVAL : ENAMETOOLONG;
     else
-        file.reset(retry(
-            [&] { return open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644); }));
-    if (!file) {
+        file.reset(retry([&] {
+            return open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
+        }));
+    if (!file || !has_one_name(file.get()) ||
+        retry([&] { return ftruncate(file.get(), 0); }) != 0) {
         perror("opening the pid file");
         return -1;
     }

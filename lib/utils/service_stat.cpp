@@ -24,6 +24,7 @@
 #include "base/local_time.h"
 #include "base/memory_order.h"
 #include "base/tick_rate.h"
+#include "base/trusted.h"
 #include "base/write_all.h"
 #include "utils/ticks.h"
 
@@ -123,10 +124,11 @@ void serviceStat_stop(const char *label, const char *const names[], int switchNo
     switch_off();
     char path[256];
     snprintf(path, sizeof path, SERVICE_STAT_FILE, switchNo);
-    Descriptor report(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
+    Descriptor report(
+        open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
     char *text = nullptr;
     size_t size = 0;
-    FILE *out = report ? open_memstream(&text, &size) : nullptr;
+    FILE *out = report && has_one_name(report.get()) ? open_memstream(&text, &size) : nullptr;
     if (out == nullptr) {
         printf("\nfailed to open file %s\n", path);
         // Kept: without a report file the lowest times become 0, not all ones.

@@ -18,6 +18,7 @@
 #include "base/descriptor.h"
 #include "base/last_words.h"
 #include "base/local_time.h"
+#include "base/trusted.h"
 
 namespace utils {
 namespace {
@@ -67,7 +68,7 @@ void send_to_system_log(const char *event, const tm &local) {
 void append_to_event_file(const char *event, const tm &local) {
     Descriptor file(open(
         kEventFile, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0640));
-    if (!file)
+    if (!file || !has_one_name(file.get()))
         return;
     char when[32] = "";
     strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &local);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include "support/support.h"
 #include "utils/lst.h"
@@ -290,6 +291,51 @@ TEST(TimerR, TheIoLoopDrivesTimersAndDescriptors) {
         EXPECT_EQ(calls, 3) << "the loop no longer drives timers";
         ioss_loop_destroy(loop);
     }));
+}
+
+// Three readable pipes: the first takes the second back, the third ends the round.
+TEST(TimerR, TheIoLoopServesWhatIsWatchedUntilItIsTakenBack) {
+    static ioss_loop *loop;
+    static int ends[3][2];
+    static std::string order;
+    loop = ioss_loop_create();
+    auto first = [](void *name, int) {
+        order += static_cast<char *>(name);
+        ioss_unwatch(loop, ends[1][0]);
+    };
+    auto other = [](void *name, int) {
+        order += static_cast<char *>(name);
+        ioss_stop(loop);
+    };
+    char names[3][2] = {"a", "b", "c"}, byte;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(pipe(ends[i]), 0);
+        ASSERT_EQ(write(ends[i][1], "x", 1), 1);
+        EXPECT_EQ(ioss_watch(loop, ends[i][0], i == 0 ? +first : +other, names[i]), 0);
+    }
+    EXPECT_EQ(ioss_watch(loop, -1, other, names), -1);
+    EXPECT_EQ(ioss_watch(loop, 0, nullptr, names), -1);
+    EXPECT_EQ(ioss_run(loop, 20000), 0);
+    EXPECT_EQ(ioss_run(loop, 0), 0) << "without time nothing is served";
+    EXPECT_EQ(order, "ac");
+    EXPECT_EQ(read(ends[2][0], &byte, 1), 1);
+    for (int i : {0, 2, 2})  // once more than it is watched
+        ioss_unwatch(loop, ends[i][0]);
+    std::thread stopper([] { ioss_stop(loop); });
+    EXPECT_EQ(ioss_run(loop, -1), 0);
+    stopper.join();
+    utils_testing_fail_call("poll", 1, EINTR, 1);
+    EXPECT_EQ(ioss_run(loop, 1), 0);
+    utils_testing_fail_call("poll", 1, ENOMEM, 1);
+    EXPECT_EQ(ioss_run(loop, 1000), -1);
+    int watches = 0;
+    for (; watches < 100 && ioss_watch(loop, 0, other, names) == 0;)
+        ++watches;
+    EXPECT_EQ(watches, 64);
+    ioss_loop_destroy(loop);
+    utils_testing_reset();
+    for (auto &pair : ends)
+        EXPECT_EQ(close(pair[0]) + close(pair[1]), 0);
 }
 
 TEST(TimerR, WakesABlockedLoopFromAnotherThread) {

@@ -324,6 +324,17 @@ TEST_F(Timer, APassAllocatesNothing) {
     EXPECT_EQ(utils_testing_count_calls("malloc"), 0);
 }
 
+TEST_F(Timer, TheIndexGrowsAndShrinksWithTheTimers) {
+    int before = utils_testing_live_blocks();
+    std::vector<timerHandle> many(1000);
+    for (timerHandle &t : many)
+        timer_set(t = timer_create(record, 0, 0), 1000);
+    EXPECT_GE(utils_testing_live_blocks() - before, 1000 + 1000 / 32);
+    for (timerHandle t : many)
+        EXPECT_EQ(timer_delete(t), 0);
+    EXPECT_LE(utils_testing_live_blocks() - before, 4);
+}
+
 TEST_F(Timer, CreationFailsWithoutMemory) {
     for (int i = 0; i < 60; ++i) {  // enough for the index to grow
         timerHandle t =
