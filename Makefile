@@ -57,6 +57,7 @@ packages_bench := $(build_packages) bubblewrap binutils libbenchmark-dev libglib
 packages_bench-check := $(packages_bench)
 packages_format := clang-format git
 packages_lint := $(build_packages) clang clang-tidy clang-format cppcheck shellcheck graphviz git
+packages_platform-check := $(test_packages)
 packages_docs := $(docs_packages)
 packages_package = $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap \
     $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
@@ -81,7 +82,7 @@ define check
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: help deps demo test native target target-system corners $(corners) asan tsan clang helgrind coverage mutants fuzz model soak bench bench-check lint format docs package install \
+.PHONY: platform-check help deps demo test native target target-system corners $(corners) asan tsan clang helgrind coverage mutants fuzz model soak bench bench-check lint format docs package install \
     abi abi-update $(abi_corners:%=libraries-%) reproducible clean ci
 
 help: ## This list
@@ -189,11 +190,16 @@ format: ## Format the sources
 	$(needs)
 	@git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format -i
 
+platform-check: ## Hold a product's platform, PLATFORM=/path/lib.so, against docs/porting.md
+	$(needs)
+	$(call build,native,--target platform_test sema_test msgq_test timer_r_test timer_test evlog_test)
+	@scripts/platform-check build/native "$(or $(PLATFORM),$(error say which: PLATFORM=/path/lib.so))"
+
 lint: ## Check the format, the house rules and the code with static analysers
 	$(needs)
 	@scripts/lint
 
-docs: ## Make the API reference (build/docs/html) and the manual pages (build/docs/man)
+docs: ## Make the site with manual, tutorial and reference (build/docs/html) and the manual pages (build/docs/man)
 	$(needs)
 	@scripts/docs build/docs
 

@@ -24,6 +24,7 @@ class HeldSignal {
         pending_before_ = sigismember(&pending, number) != 0;
     }
     ~HeldSignal() {
+        KeptErrno kept;
         timespec at_once{};
         if (raised_ && !pending_before_)
             retry([&] { return sigtimedwait(&held_, nullptr, &at_once); });

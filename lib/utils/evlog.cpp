@@ -23,6 +23,7 @@
 #include "base/format.h"
 #include "base/local_time.h"
 #include "base/memory_order.h"
+#include "base/retry.h"
 #include "base/text.h"
 #include "base/thread.h"
 #include "utils/platform/trace.h"
@@ -113,7 +114,9 @@ void name_section(char (&section)[size], const char *name, int number) {
         snprintf(section + length, 3, "%2u", static_cast<unsigned>(number) % 100);
 }
 
+// errno stays the platform's.
 void report_section_failure(int section) {
+    KeptErrno kept;
     char program[128] = "UNKNOWN";
     ssize_t length = readlink("/proc/self/exe", program, sizeof program - 1);
     if (length > 0)

@@ -225,12 +225,15 @@ int create_file(int directory, const char *name, int section, const trace_owner 
     return -1;
 }
 
-// Sets the file's memory aside. An interrupted call starts again, so that it gets small pieces.
+// Sets the file's memory aside; errno says why not. An interrupted call starts again, so that it gets
+// small pieces.
 bool allocate(int fd, off_t size) {
     for (off_t at = 0; at < size; at += kPiece) {
         off_t piece = std::min(kPiece, size - at);
-        if (retry_error([&] { return posix_fallocate(fd, at, piece); }) != 0)
+        if (int error = retry_error([&] { return posix_fallocate(fd, at, piece); }); error != 0) {
+            errno = error;
             return false;
+        }
     }
     return true;
 }

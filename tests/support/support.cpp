@@ -1,5 +1,6 @@
 #include "support/support.h"
 
+#include <dlfcn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -128,6 +129,13 @@ bool emulated() {
 std::string emulator() {
     std::string path = getenv("UTILS_EMULATOR"), name = path.substr(path.rfind('/') + 1);
     return name.substr(0, name.find('-'));
+}
+
+bool is_stand_in(const char *function) {
+    Dl_info info{};
+    void *next = dlsym(RTLD_NEXT, function);  // behind the test program, which may define its own
+    return next != nullptr && dladdr(next, &info) != 0 &&
+           std::string_view(info.dli_fname).find("/libutils-platform.so") != std::string_view::npos;
 }
 
 std::string runnable(const std::string &command) {

@@ -79,6 +79,9 @@ void replace_call(const char *function, Replacement replacement) {
 bool emulated();
 std::string emulator();
 
+// Whether the stand-in serves this platform function, and no product's library that was put before it.
+bool is_stand_in(const char *function);
+
 // `command` as it must be started here: behind the emulator's name when there is one.
 std::string runnable(const std::string &command);
 

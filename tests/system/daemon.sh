@@ -111,7 +111,7 @@ expect 1 'planted.0.lock: Too many levels' hello_daemon -n planted
 
 # A full /dev/shm: the first log that cannot be had ends the start; it does not hang.
 if bwrap --dev-bind / / --size 4096 --tmpfs /dev/shm true 2>/dev/null; then
-    expect 1 '^portd: cannot start: event log ports' timeout 20 \
+    expect 1 '^portd: cannot start: event log ports: No space left on device$' timeout 20 \
         bwrap --dev-bind / / --size 8192 --tmpfs /dev/shm bash -c 'mkdir -m 1777 /dev/shm/trace && exec portd'
     same "$(files portd)" "portd.0.lock " "left by a refused start"
 else

@@ -193,6 +193,8 @@ TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {
 }
 
 TEST(EvlogOfAKilledDaemon, IsReadFromItsSectionByAnotherProcess) {
+    if (!support::is_stand_in("trace_data_init"))
+        GTEST_SKIP() << "where sections lie is the platform's own";
     support::Ending daemon = support::in_child([] {
         dprintf(1, "%d", getpid());
         qel_evlog_db db;
@@ -229,7 +231,10 @@ TEST(EvlogInAChild, NeitherItsDeathNorItsFreeStopsTheParent) {
         GTEST_SKIP() << "the emulator has no robust mutexes";
     auto die = [=] { return pthread_mutex_lock(&log->lock) + raise(SIGKILL); };
     support::in_child(die);
-    ASSERT_EQ(pthread_mutex_trylock(&log->lock), EOWNERDEAD) << "not to be waited for below";
+    int left = pthread_mutex_trylock(&log->lock);
+    if (left == 0 && !support::is_stand_in("trace_data_init"))
+        GTEST_SKIP() << "the platform's sections are not shared";
+    ASSERT_EQ(left, EOWNERDEAD) << "not to be waited for below";
     pthread_mutex_consistent(&log->lock);
     pthread_mutex_unlock(&log->lock);
     support::in_child(die);

@@ -10,17 +10,14 @@
 
 namespace {
 
-void set_context(unsigned char fill) {
-    unsigned char block[32];
-    memset(block, fill, sizeof block);
-    ASSERT_EQ(sizeof_geps(), sizeof block);
-    ep_context(block, nullptr);
+void set_context(char fill) {
+    ep_context(std::string(sizeof_geps(), fill).data(), nullptr);
 }
 
-unsigned char context() {
-    unsigned char block[32];
-    ep_context(nullptr, block);
-    return block[31];
+char context() {
+    std::string block(sizeof_geps(), '\0');
+    ep_context(nullptr, block.data());
+    return block.back();
 }
 
 TEST(MsgQ, RefusesWhenFullAndReportsEvery128thMiss) {
@@ -104,6 +101,8 @@ TEST(MsgQ, TimedReceiveWaitsItsFullTimeAcrossTheSecond) {
 }
 
 TEST(MsgQ, MessagesCarryTheSendersContext) {
+    if (sizeof_geps() == 0)
+        GTEST_SKIP() << "the platform has no contexts";
     msgQHandle queue = msgQCreate(2, 4, 0, "ctx");
     set_context(1);
     std::thread([&] {

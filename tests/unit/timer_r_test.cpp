@@ -86,6 +86,10 @@ TEST(TimerR, DirectHandlersMayUseTheWholeFamily) {
     }));
 }
 
+#define NEEDS_OUR_LOOP()                      \
+    if (!support::is_stand_in("ioss_create")) \
+    GTEST_SKIP() << "the loop is the platform's own"
+
 int threads() {
     int count = 0;
     for ([[maybe_unused]] auto &task : std::filesystem::directory_iterator("/proc/self/task"))
@@ -194,6 +198,8 @@ TEST(TimerR, WakesWhenTheFirstDueTimeChanges) {
          0},
     };
     for (bool by_thread : {true, false}) {
+        if (!by_thread)
+            NEEDS_OUR_LOOP();
         EXPECT_TRUE(support::passes_in_child([&] {
             loop = by_thread ? nullptr : ioss_loop_create();
             if (loop != nullptr)
@@ -234,6 +240,7 @@ TEST(TimerR, AStaleTimeOutWaitsOnForTheNextTimer) {
 }
 
 TEST(TimerR, AfterAFlushTimersRunDownAndDeliverNothing) {
+    NEEDS_OUR_LOOP();
     EXPECT_TRUE(support::passes_in_child([] {
         ioss_loop *loop = ioss_loop_create();
         timer_ioss_create(loop, ioss_wake, reinterpret_cast<uintptr_t>(loop));
@@ -253,6 +260,7 @@ TEST(TimerR, AfterAFlushTimersRunDownAndDeliverNothing) {
 // A daemon's own loop: a pipe is served and timers fire on the loop's thread, no service thread
 // runs.
 TEST(TimerR, TheIoLoopDrivesTimersAndDescriptors) {
+    NEEDS_OUR_LOOP();
     static ioss_loop *loop;
     static pthread_t here;
     static timerHandle often;
@@ -339,6 +347,7 @@ TEST(TimerR, TheIoLoopServesWhatIsWatchedUntilItIsTakenBack) {
 }
 
 TEST(TimerR, WakesABlockedLoopFromAnotherThread) {
+    NEEDS_OUR_LOOP();
     static ioss_loop *loop;
     EXPECT_TRUE(support::passes_in_child([] {
         loop = ioss_loop_create();
@@ -397,11 +406,13 @@ TEST(TimerR, AServiceThatCannotStartIsReported) {
     ending =
         support::in_child([] { return timer_ioss_create(nullptr, nullptr, 0) == -12 ? 0 : 1; });
     EXPECT_EQ(ending.status, 0);
-    EXPECT_EQ(ending.err, "timer_ioss_create: ioss_create failed: Invalid argument\n");
+    // The reason is the platform's.
+    EXPECT_THAT(ending.err, testing::StartsWith("timer_ioss_create: ioss_create failed: "));
 }
 
 // The loop's thread is the only one, so the next lock or unlock is the one under test.
 TEST(TimerR, BrokenLockingIsFatalOrRefused) {
+    NEEDS_OUR_LOOP();
     static timerHandle t;
     struct Case {
         int line;  // 0: the call gives -1 instead

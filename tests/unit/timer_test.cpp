@@ -158,21 +158,20 @@ void wrapper(timerHandle, uintptr_t ulh, timerHandler handler, uintptr_t arg1, u
 }
 
 TEST_F(Timer, WrapperStandsInForTheHandlerWithTheTimersContext) {
-    unsigned char mine[32] = {1}, theirs[32] = {2}, seen[32];
-    ep_context(theirs, nullptr);
+    std::string mine(sizeof_geps(), 'm'), theirs(sizeof_geps(), 't'), seen(sizeof_geps(), ' ');
+    ep_context(theirs.data(), nullptr);
     timerHandle t = timer_create(record, 10, 0);
     timer_setulh(t, 99, wrapper);
     timer_set(t, 0);
-    ep_context(mine, nullptr);
-    on_fire = [&](int) { ep_context(nullptr, seen); };
+    ep_context(mine.data(), nullptr);
+    on_fire = [&](int) { ep_context(nullptr, seen.data()); };
     EXPECT_THAT(pass(), ElementsAre(99, 11));
-    EXPECT_EQ(seen[0], 2);
-    ep_context(nullptr, seen);
-    EXPECT_EQ(seen[0], 1);
+    EXPECT_EQ(seen, theirs);
+    ep_context(nullptr, seen.data());
+    EXPECT_EQ(seen, mine);
     timer_set(t, 0);
-    on_fire = [&](int) { ep_context(nullptr, seen); };
     pass();
-    EXPECT_EQ(seen[0], 1) << "setting a timer takes on the setter's context";
+    EXPECT_EQ(seen, mine) << "setting a timer takes on the setter's context";
     timer_delete(t);
 }
 

@@ -21,11 +21,12 @@ int semaphore_down(semaphore_t *sem);
 int semaphore_down_to(semaphore_t *sem, int ms);
 /** Raises the value and wakes one waiter. @return 0 */
 int semaphore_up(semaphore_t *sem);
-/** @return the current value, 0 or less while empty */
+/** @return the current value, negative ones, too */
 int semaphore_value(semaphore_t *sem);
 /** Sets the value to @p n, which may be negative. @return 0 */
 int semaphore_count(semaphore_t *sem, int n);
-/** Releases the object's resources, not its memory. @return 0, or non-zero while somebody uses it
+/** Releases the object's resources, not its memory. Whoever has just taken it may call this while the
+ * one who raised it is still inside semaphore_up(). @return 0, or non-zero while somebody uses it
  */
 int semaphore_destroy(semaphore_t *sem);
 

@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# The tutorial as its reader takes it: each listing is the file that it names, and all of them work from an installed
+# library: built in both ways, operated, crashed and looked at, packaged.
+#   tutorial.sh SOURCE BUILD-DIRECTORY
+set -euo pipefail
+source=$1 build=$2 prefix=/tmp/prefix
+fail() { echo "tutorial: $*" >&2; exit 1; }
+expect() { grep -qE -- "$1" /tmp/out || { cat /tmp/out; fail "no line like '$1'"; }; }
+
+cmake --install "$build" --prefix "$prefix" >/tmp/out || { cat /tmp/out; exit 1; }
+mkdir /tmp/own && cd /tmp/own
+awk '/^```/ {if (on) {on = 0; close(file); file = ""; next}
+             if (file == "") {print "line " FNR ": a listing without a file"; exit 1}
+             on = 1; printf "" >file; next}
+     on {print >file; next}
+     /^`examples\/[^`]*`$/ {file = substr($0, 2, length - 2); sub(".*/", "", file); print substr($0, 2, length - 2)}' \
+    "$source/docs/tutorial.md" >/tmp/listings || fail "$(tail -n 1 /tmp/listings)"
+[ "$(wc -l </tmp/listings)" -ge 6 ] || fail "listings are missing"
+while read -r file; do
+    diff "$source/$file" "${file##*/}" || fail "the listing of $file differs (> in the tutorial)"
+    cmp "$source/$file" "$prefix/share/libutils/$file" || fail "$file is not what was installed"
+done </tmp/listings
+
+library=$(dirname "$(find "$prefix" -name libutils.so)")
+export PKG_CONFIG_PATH=$library/pkgconfig CMAKE_PREFIX_PATH=$prefix LD_LIBRARY_PATH=$library PATH=$prefix/bin:$PATH
+echo "add-auto-load-safe-path $prefix" >~/.gdbinit
+sh build.sh cmake >/tmp/out 2>&1 || { cat /tmp/out; fail "no build by CMake"; }
+[[ $(build/hello_daemon --nonsense 2>&1) == "usage: hello_daemon"* ]] || fail "what CMake built does not run"
+sh build.sh
+printf '\0\0\0\0\0\5\0\0\0\0\0\0' >/config/haconfig
+timeout 60 sh operate.sh >/tmp/out 2>&1 || { cat /tmp/out; fail "operating it gives $?"; }
+expect '^5 +0 +hello .*running$'
+expect '^Hello, WORLD! [0-9]+ ticks so far\.$'
+expect '^tick +armed +in -?[0-9]+ ms$'
+expect ' tick 3$'
+expect 'has ended'
+case $(cat /proc/sys/kernel/core_pattern) in
+    [\|/]*) echo "tutorial: skipped: the core file: this machine sends core files elsewhere" ;;
+    *)
+        timeout 60 bash crash.sh >/tmp/out 2>&1 || { cat /tmp/out; fail "the crash gives $?"; }
+        expect '^.1 = [1-9]'
+        expect '^0x[0-9a-f]+: periodic timer, armed for 100 ms, .* on_tick\('
+        expect '^event log "ticks" \(ticks\): 100 entries'
+        expect ' tick 1$'
+        ;;
+esac
+if command -v dpkg-deb >/dev/null; then
+    sh package.sh "$prefix/share/libutils" >/dev/null
+    dpkg-deb --contents hello-daemon.deb | awk '{print $1, $2, $6}' >/tmp/out
+    expect '^-rwxr-xr-x root/root \./usr/sbin/hello_daemon$'
+    expect '^-rw-r--r-- root/root \./usr/lib/systemd/system/hello\.service$'
+else
+    echo "tutorial: skipped: the package: no dpkg-deb"
+fi
+echo "tutorial: $(wc -l </tmp/listings) listings are their files and work"
