@@ -32,7 +32,9 @@ void add_all(CLI::App &app) {
     add_json_option(app);
     add_list(app);
     add_commands(app);
+#ifdef QELCTL_STAND_IN
     add_evlog(app);
+#endif
     add_log(app);
     add_stats(app);
     add_who(app);
