@@ -40,7 +40,7 @@ packages_musl := $(test_packages) musl-tools
 packages_corners := $(foreach corner,$(corners),$(packages_$(corner)))
 packages_abi := $(packages_target) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
 packages_abi-update := $(packages_abi)
-packages_reproducible := $(build_packages)
+packages_reproducible := $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot
 packages_target-system := $(packages_target) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
 packages_asan := $(test_packages)
 packages_tsan := $(test_packages)
@@ -121,7 +121,7 @@ $(abi_corners:%=libraries-%): libraries-%:
 	@scripts/need abi $(packages_abi)
 	$(call build,$*,--target $(abi_libraries))
 
-reproducible: ## Build the libraries in two folders and compare them byte by byte
+reproducible: ## Build the libraries and the packages in two folders and compare them byte by byte
 	$(needs)
 	@scripts/reproducible
 
