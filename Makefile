@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The commands of the project. Packages are installed by "make deps" alone, which demo and test run first; the others
 # name what is missing and that command.
 SHELL := /bin/bash

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Install rules: libraries, headers, the pkg-config file, the CMake package, qelctl, the gdb extension
 # and the manual pages. Everything is relocatable: the tree works under any prefix.
 include(CMakePackageConfigHelpers)

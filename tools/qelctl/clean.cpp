@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl clean: removes what dead daemons have left behind, after showing it. Evidence goes only
 // when it is asked for, and what carries no mark only by its number.
 #include <fcntl.h>

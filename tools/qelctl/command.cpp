@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl cmd, redirect and exit: what makes a daemon do something.
 #include <arpa/inet.h>
 #include <fcntl.h>

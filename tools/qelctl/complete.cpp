@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Completion of command lines: from the same tree of subcommands and options that parses them, and
 // from what there is on this machine.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl: what an operator asks of the daemons of a switch, one subcommand a question.
 #include <unistd.h>
 
