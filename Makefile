@@ -1,9 +1,12 @@
+# SPDX-License-Identifier: Apache-2.0
 # The commands of the project. Packages are installed by "make deps" alone, which demo and test run first; the others
 # name what is missing and that command.
 SHELL := /bin/bash
 .SHELLFLAGS := -euo pipefail -c
 .DEFAULT_GOAL := help
 MAKEFLAGS += --no-print-directory
+# Commands are read by scripts: their words, their order and their cases are those of no country.
+export LC_ALL := C.UTF-8
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 DESTDIR ?=
@@ -41,7 +44,7 @@ packages_musl := $(test_packages) musl-tools
 packages_corners := $(foreach corner,$(corners),$(packages_$(corner)))
 packages_abi := $(packages_target) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
 packages_abi-update := $(packages_abi)
-packages_reproducible := $(build_packages)
+packages_reproducible := $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot
 packages_target-system := $(packages_target) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
 packages_asan := $(test_packages)
 packages_tsan := $(test_packages)
@@ -62,8 +65,7 @@ packages_docs := $(docs_packages)
 packages_package = $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap \
     $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
 packages_install := $(build_packages)
-
-with_docs := $(if $(and $(shell command -v doxygen),$(shell command -v mandoc),$(shell command -v help2man)),ON,OFF)
+packages_dist := dpkg-dev xz-utils mmdebstrap uidmap
 
 # Goes on when the packages of the target are there; else names them and how to get them.
 needs = @scripts/need $@ $(packages_$@)
@@ -77,12 +79,13 @@ endef
 
 # check PRESET [ctest option...]: builds it and runs its tests.
 define check
+	@tests/support/sandbox true
 	$(call build,$(1))
 	@echo "== $(1): testing"
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
 endef
 
-.PHONY: platform-check help deps demo test native target target-system corners $(corners) asan tsan clang helgrind coverage mutants fuzz model soak bench bench-check lint format docs package install \
+.PHONY: platform-check help deps demo test native target target-system corners $(corners) asan tsan clang helgrind coverage mutants fuzz model soak bench bench-check lint format docs package dist install uninstall \
     abi abi-update $(abi_corners:%=libraries-%) reproducible clean ci
 
 help: ## This list
@@ -93,6 +96,7 @@ deps: ## Install the Debian packages that targets need: make deps FOR="docs lint
 
 demo: ## Show the library at its main job: a daemon at work
 	@$(MAKE) deps FOR=demo
+	@tests/support/sandbox true
 	$(call build,demo)
 	@examples/demo build/demo
 
@@ -125,7 +129,7 @@ $(abi_corners:%=libraries-%): libraries-%:
 	@scripts/need abi $(packages_abi)
 	$(call build,$*,--target $(abi_libraries))
 
-reproducible: ## Build the libraries in two folders and compare them byte by byte
+reproducible: ## Build the libraries and the packages in two folders and compare them byte by byte
 	$(needs)
 	@scripts/reproducible
 
@@ -207,12 +211,16 @@ package: ## Build the Debian packages into dist/ and check them; ARCH=powerpc fo
 	$(needs)
 	@scripts/package $(ARCH)
 
+dist: ## Make the source tarball and the Debian source package in dist/, and build it in a clean root
+	$(needs)
+	@scripts/dist
+
 install: ## Install into DESTDIR and PREFIX (default /usr/local)
 	$(needs)
-	@cmake -G Ninja -S . -B build/install -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX) \
-	    -DUTILS_TESTS=OFF -DUTILS_DOCS=$(with_docs) > /dev/null
-	@cmake --build build/install --parallel $(JOBS)
-	@DESTDIR=$(DESTDIR) cmake --install build/install --strip
+	@scripts/install "$(PREFIX)" "$(DESTDIR)" $(JOBS)
+
+uninstall: ## Remove what make install has put into DESTDIR and PREFIX
+	@scripts/install --remove "$(PREFIX)" "$(DESTDIR)"
 
 ci: ## What the continuous integration runs
 	@.ci/run

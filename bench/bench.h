@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The frame of the benchmark programs: conditions that are the same for ours and for its peers, and
 // their record in the output. Programs run inside tests/support/sandbox, as scripts/bench does it.
 #pragma once

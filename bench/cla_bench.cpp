@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The filter of common options beside glibc's getopt_long(): a command line with two of them.
 #include <getopt.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Interval statistics and the millisecond clock beside clock_gettime().
 #include "bench.h"
 #include "utils/clock.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An entry of an event log beside one of spdlog's ring of messages; and the formatter of log lines
 // beside the C library's.
 #include "bench.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option scanner beside glibc's getopt(): one command line of a tool.
 #include <getopt.h>
 

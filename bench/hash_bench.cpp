@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hash table beside GLib's table of arrays and std::unordered_multimap, with the same keys in
 // the same random order. find: the record of a key; values: a copy of a key's values; add and
 // delete: a key and its only value, in a table that holds `size` others. `walk` is our table with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a byte in a pipe to the handler on the watching thread and back by another pipe: the watch
 // thread beside the loops of libevent and libuv, and a thread that only reads.
 #include <thread>

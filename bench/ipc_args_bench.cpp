@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A payload handed over in a shared-memory segment, beside a memory file: packed on one side,
 // mapped, looked at (a byte of each page) and removed on the other, both in this thread. The limit
 // is a segment whose pages are had in the same way, and nothing is copied.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A request and its reply through the stand-in's messages, beside the same bytes over a connected
 // socket pair. The server is a thread of this process.
 #include <sys/socket.h>

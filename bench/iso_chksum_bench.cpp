@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ISO checksum beside Adler-32, which is made of the same two sums, over units from a short one
 // to 1 MiB; and the test for zeros beside a comparison with zeros.
 #include "bench.h"

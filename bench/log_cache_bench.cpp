@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A line into the log cache beside spdlog with a sink that keeps its lines in memory; and a text
 // that is formatted already beside what the cache did before it kept its stamps.
 #include "bench.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two kinds of log through the compressor and back, line by line, as a daemon that stores its lines
 // at once must do it: zstd at its fastest level and lz4 flush every line, too. One operation is one
 // line; the counter tells the bytes of the whole stream.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Linked lists beside a GQueue and a std::list, each with a mutex: in a list of 100 nodes, one that
 // is somewhere in it, and must be looked for, goes to the end.
 #include "utils/lst.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message queues beside a std::deque of messages with its mutex and condition variable, and beside
 // the limit, which is two threads that hand one word to and fro with nothing but futexes.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A memory dump into a discarded stream; its goal is a time for each byte. The limit writes the
 // same number of lines, made before.
 #include "bench.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lock between processes beside the bare fcntl() calls beneath it, and a further reader in a
 // process that reads already beside a process-shared lock of the C library in the same state.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Growable strings beside GString. append: one text into a string that is cleared behind it;
 // append_line and appendf: the pieces of a line, one after the other. One operation is one text.
 #include "bench.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Semaphores beside sem_t and the standard library's: a round trip between two threads on one
 // processor, whose time counts, and a give and take by one thread.
 #include "utils/sema.h"

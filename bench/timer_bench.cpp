@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timers beside a std::multimap with a service of the same kind (a mutex, a thread that waits for
 // the first due time and is woken when that comes nearer), beside the chain walked from its head,
 // and beside libevent and GLib's main loop.

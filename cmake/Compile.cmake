@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Warnings, hardening and sanitizers, in one place. Targets take them by linking utils_build_flags.
 include(CheckCXXCompilerFlag)
 

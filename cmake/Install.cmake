@@ -1,7 +1,12 @@
+# SPDX-License-Identifier: Apache-2.0
 # Install rules: libraries, headers, the pkg-config file, the CMake package, qelctl, the gdb extension
 # and the manual pages. Everything is relocatable: the tree works under any prefix.
 include(CMakePackageConfigHelpers)
 option(UTILS_DOCS "Make the manual pages and the API reference (needs doxygen, mandoc, man-db and help2man)" OFF)
+
+# Whatever the umask is.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+    WORLD_READ WORLD_EXECUTE)
 
 set(libraries utils)
 if(UTILS_PLATFORM STREQUAL "posix")
@@ -33,6 +38,16 @@ install(FILES ${PROJECT_BINARY_DIR}/libutils.pc DESTINATION ${CMAKE_INSTALL_LIBD
 
 include(InstallGdb)
 
+# The directories of the library and its daemons.
+install(FILES share/tmpfiles/libutils.conf DESTINATION lib/tmpfiles.d)
+
+# What is read and copied from.
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING
+        PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png" PATTERN "man" EXCLUDE)
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/libutils/examples
+        USE_SOURCE_PERMISSIONS PATTERN "CMakeLists.txt" EXCLUDE PATTERN "demo*" EXCLUDE PATTERN "*_demo.sh" EXCLUDE)
+
 # The pages that are written by hand need no tools.
 file(GLOB pages RELATIVE ${PROJECT_SOURCE_DIR}/docs/man CONFIGURE_DEPENDS docs/man/*.7)
 string(TIMESTAMP DATE "%Y-%m-%d" UTC)
@@ -51,6 +66,7 @@ if(UTILS_DOCS)
                        COMMENT "Making the manual pages" VERBATIM)
     add_custom_target(docs ALL DEPENDS docs/man/man3)
     install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR})
+    install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/html DESTINATION ${CMAKE_INSTALL_DOCDIR})
 endif()
 
 # The operator's command; its target exists once the whole project has been read.
@@ -65,9 +81,9 @@ function(utils_install_qelctl)
     if(UTILS_DOCS)
         set(shown $<TARGET_FILE:qelctl>)
         if(UTILS_EMULATOR)
-            list(JOIN UTILS_EMULATOR " " emulator)
+            list(JOIN UTILS_EMULATOR "' '" emulator)
             set(shown ${PROJECT_BINARY_DIR}/docs/run/qelctl)
-            file(GENERATE OUTPUT ${shown} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:qelctl> \"$@\"\n"
+            file(GENERATE OUTPUT ${shown} CONTENT "#!/bin/sh\nexec '${emulator}' '$<TARGET_FILE:qelctl>' \"$@\"\n"
                  FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
         endif()
         add_custom_command(OUTPUT docs/man/man1/qelctl.1 DEPENDS qelctl

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What a debugger wants: the debug information of stripped libraries beside them, in .debug, and the gdb extension
 # where gdb loads it by itself. gdb runs files from its own data directory only, or from places that its user
 # trusts: the extension stands in the data directory, under the path of the library, whatever the prefix is.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What Debian's cross compilers have in common. A toolchain file sets `triplet`, and `emulator` when this
 # machine's processor cannot run the programs, and includes this one.
 set(CMAKE_SYSTEM_NAME Linux)

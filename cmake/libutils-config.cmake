@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # find_package(libutils COMPONENTS ...) gives the target utils::utils, and for each component a target of its name:
 # platform (utils::utils-platform), daemon (utils::utils-daemon), testing (utils::utils-testing). Static archives, where
 # they were built: utils::utils-static.

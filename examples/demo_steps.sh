@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The steps of the demo, inside the system image.   demo_steps.sh DIRECTORY-OF-PROGRAMS
 set -euo pipefail
 bin=$1

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* hello_daemon: one timer, one event log, one command.
      hello_daemon [-s SWITCH] [-n NAME]
      qelctl cmd hello greet WORLD */

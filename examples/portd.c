@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* portd: a daemon that watches the network ports of the machine, and that qelctl can operate.
    Every change of a port goes through the callback registry.
      portd [-s SWITCH] [-n NAME] [-r ROUNDS] [-p PERIOD_MS]

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* portshow: a command as an operator meets it. Takes the common option -s (or --switch) and the
    slot and processor overrides out of its command line, reads ports as slot/port, slot/pic/port or
    pic/port, then asks for one setting of each type and says what it got.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Drives portshow the way an operator would, at a terminal of its own: each answer is typed when its
 # prompt stands there. Prints the dialogue, and fails unless it ends as it should.
 #

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The wake-ups of a message queue, and its deletion by whoever received the last message while a sender may still
    be waking somebody. Stands for msgQSend(), msgQReceive() and msgQDelete() of lib/utils/msgq.cpp and for
    counted_wait(), unlock_and_wake() and await_signallers() of lib/base/wakeups.h, which the stand-in's semaphores

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The process reader/writer lock: three processes of two threads each, one of which may be killed at any moment.
    Stands for lock_record(), read_locked(), write_locked(), unlock_record(), read_unlocked(), write_unlocked(),
    raise_nice() and lower_nice() of lib/utils/proc_rwlock.cpp, and for fcntl() as POSIX has it.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The timer service: users that create, set and cancel while another closes, so that the service starts, is woken,
    ends and starts anew. Stands for timer_init_r(), start_service(), create(), set_timer(), tell_service(),
    timer_cancel_r(), timer_close_r(), finish_closed_service(), service_thread(), waited() and deliver() of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The soak's daemon and its requesters: every subsystem at work on what requests bring.
 //   soakd daemon            serves "soakd" until it is asked to exit
 //   soakd client NUMBER     sends requests until SIGTERM, and notes which were accepted

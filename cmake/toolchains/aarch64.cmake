@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # 64 bits, little-endian, weakly ordered.
 set(triplet aarch64-linux-gnu)
 set(emulator qemu-aarch64)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # This machine's processor with another C library. Debian has no C++ compiler for it; the library needs no C++
 # runtime, so its g++ does, once its headers know the other C library.
 set(CMAKE_C_COMPILER musl-gcc)

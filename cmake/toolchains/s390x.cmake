@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # 64 bits, big-endian.
 set(triplet s390x-linux-gnu)
 set(emulator qemu-s390x)

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A check that reports to the RAS event log and the console and lets its caller recover. */
 #include <utils/assert.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Takes "-s 2" out of a command line and splits what is left. */
 #include <stdio.h>
 #include <utils/cla.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Times an interval with the time base, and prints dates. */
 #include <stdio.h>
 #include <utils/clock.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Appends this process's output to a file, as a daemon does when a tool asks it to. */
 #include <stdio.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* An event log that other processes can read, and that outlives this one if it dies. */
 #include <stdio.h>
 #include <utils/evlog.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Scans single-letter options with a callback. */
 #include <stdio.h>
 #include <utils/getopt.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Asks for one number; here the answers come from a file: the first is out of range. */
 #include <stdio.h>
 #include <utils/getval.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Ports by the World Wide Name of the switch they lead to. */
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Where does this process run? */
 #include <stdio.h>
 #include <utils/identity.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Lets the watch thread serve a pipe. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdio.h>

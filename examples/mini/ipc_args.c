@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Packs a record and a text into one block and reads them back as a receiver does. */
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A data unit with its checksum in bytes 2 and 3, before and after a byte is damaged. */
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Recent log lines in memory, written to "/tmp/mini.log" when somebody asks for them. */
 #include <stdio.h>
 #include <utils/log_cache.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Lines that repeat themselves, packed and unpacked. */
 #include <stdio.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A list of records that begin with their link. */
 #include <stdio.h>
 #include <utils/lst.h>

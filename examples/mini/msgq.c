@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A message goes through a queue by value. */
 #include <stdio.h>
 #include <utils/msgq.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Dumps a record and prints a 64-bit number of two halves. */
 #include <stdio.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Writes a pid file and shows where the standard input of this process comes from. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdio.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Guards a file that several processes share. */
 #define _POSIX_C_SOURCE 200809L
 #include <fcntl.h>

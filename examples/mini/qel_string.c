@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A line of text that grows as its parts become known. */
 #include <stdio.h>
 #include <stdlib.h>

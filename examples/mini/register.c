@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Routes an event to a function and to a message queue. */
 #include <stdio.h>
 #include <utils/register.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A binary semaphore: given once, taken once, then empty. */
 #include <stdio.h>
 #include <utils/sema.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Service times of two requests, appended to the report of switch 0. */
 #include <utils/clock.h>
 #include <utils/service_stat.h>

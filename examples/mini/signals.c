@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A daemon's start: core files go to "/core_files/mini", SIGINT ends it after a cleanup. */
 #include <signal.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A process names itself and sleeps a tenth of a second. */
 #include <stdio.h>
 #include <utils/task.h>

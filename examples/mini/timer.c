@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A program that drives its timers itself: it sleeps until the next one is due. */
 #include <poll.h>
 #include <stdio.h>

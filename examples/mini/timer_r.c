@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A timer of the service posts to a queue; the main loop runs its handler. */
 #include <stdio.h>
 #include <utils/timer_r.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Runs a command in a "daemon", here a thread, and shows its output. */
 #define _POSIX_C_SOURCE 200809L
 #include <pthread.h>

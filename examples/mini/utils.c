@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A message for the operator, unless a switch file turns it off. */
 #include <utils/console.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The WWN of a switch, out of its record and in the form that people read. */
 #include <stdio.h>
 #include <stdlib.h>

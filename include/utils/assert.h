@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file assert.h
  * @brief Consistency checks that report to the RAS event log and the system console.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file base.h
  * @brief What every public header shares: linkage, attributes and the result codes of the library.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file cla.h
  * @brief Takes the common options out of a command line, and parses the values that commands take.

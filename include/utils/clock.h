@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file clock.h
  * @brief Cheap counters from the time base, dates and interval statistics.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file console.h
  * @brief Messages to the operator's console, and the on/off switch files of the system.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file daemon_ctl.h
  * @brief Tell a daemon of this control processor to send its output elsewhere, or to end.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file evlog.h
  * @brief Named rings of short time-stamped events, cheap enough for every step of a protocol.

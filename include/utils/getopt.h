@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file getopt.h
  * @brief A reentrant scanner for single-letter options.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file getval.h
  * @brief Asks the operator for one value of a given type on the console.

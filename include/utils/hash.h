@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file hash.h
  * @brief Hash tables from a key word to any number of value words,

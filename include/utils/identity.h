@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file identity.h
  * @brief Where this process runs: control processor (node), logical switch, slot and pic.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file iot.h
  * @brief I/O watch thread: one background thread that calls a handler for each readable descriptor.

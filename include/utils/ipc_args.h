@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file ipc_args.h
  * @brief Argument blocks: several pieces of data packed into one message to another process.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file iso_chksum.h
  * @brief The two-byte ISO 8473 checksum (Fletcher,

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file log_cache.h
  * @brief One in-memory cache of recent log lines per process, written to a file on demand.

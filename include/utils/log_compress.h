@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file log_compress.h
  * @brief Compact storage of text lines that repeat themselves, coded against the lines before them.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file lst.h
  * @brief Doubly linked lists of records that belong to the caller.

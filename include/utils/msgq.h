@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file msgq.h
  * @brief Bounded first-in first-out queues of copied messages between the threads of a process.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file paging.h
  * @brief Page prompt, key test, memory dumps, 64-bit numbers and small helpers of console commands.

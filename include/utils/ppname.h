@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file ppname.h
  * @brief The address a process's connection arrived on, whole-file locks, and pid files.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file proc_rwlock.h
  * @brief Reader/writer lock between the threads of several processes, over a file they all open.

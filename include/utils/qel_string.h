@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file qel_string.h
  * @brief Text that grows while it is built (qelString), and growing byte buffers (Buffer).

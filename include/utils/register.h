@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file register.h
  * @brief Callback registry: routes events to a function, a message queue or both.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file sema.h
  * @brief Binary and counting semaphores with millisecond time-outs.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file service_stat.h
  * @brief Response statistics of a daemon that serves numbered requests, and their report.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file signals.h
  * @brief Where core files land, and what a daemon does on the signals that end it.

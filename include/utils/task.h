@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file task.h
  * @brief Name, id, priority and delays of the one task that a process is.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file ticks.h
  * @brief Tick globals: the rate of the processor's time base.

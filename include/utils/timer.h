@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file timer.h
  * @brief One-shot and periodic timers on one delta chain per process, without thread or lock.

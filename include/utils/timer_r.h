@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file timer_r.h
  * @brief Timers for threads: the engine of utils/timer.h

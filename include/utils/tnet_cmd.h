@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file tnet_cmd.h
  * @brief Remote command channel: run a command inside a daemon and see its output.

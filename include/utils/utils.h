@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file utils.h
  * @brief Every header of the library, and the conventions that all of them follow.

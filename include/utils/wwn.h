@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file wwn.h
  * @brief Values out of tagged text, and the two spellings of a World Wide Name.

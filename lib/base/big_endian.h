@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Big-endian 32-bit words, as every format that leaves the process has them; any alignment.
 #pragma once
 

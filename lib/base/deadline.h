@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The monotonic clock: now, deadlines, and condition variables that wait by it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Owner of one file descriptor: closes it when it goes out of scope.
 #pragma once
 

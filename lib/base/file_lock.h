@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record lock of a whole file (POSIX fcntl()): a process has it, not a descriptor.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vsnprintf() for what log lines are made of: %d, %u, %x, %s, %c and %%, with widths and the flags
 // '-' and '0'. Any other format goes to vsnprintf() as a whole. The text is the same to the byte.
 #pragma once

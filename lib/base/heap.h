@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Zero-filled heap records. They come from the C allocator, so that callers may free() them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A signal that a write may raise, SIGPIPE or SIGXFSZ, held back on this thread: the write fails
 // with its error and nothing more. Async-signal-safe (sigtimedwait() is a bare system call).
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a signal handler or a failed check says, and what a process says before it ends: it goes out
 // within a time limit or not at all, and a broken pipe is only an error. Async-signal-safe
 // (sigtimedwait() is a bare system call).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Local times. localtime_r() alone keeps the zone that the process saw first; a look for another
 // one may cost a system call, so that it is taken once a second and not on every line of a log.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Orders of atomic operations, under the house's names.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether a process lives. Its number alone says nothing, since the system gives numbers out again:
 // the moment of its start belongs to it.
 #pragma once

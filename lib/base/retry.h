@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls that a signal interrupts, and calls that leave errno as it was.
 #pragma once
 

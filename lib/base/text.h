@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bounded text: every copy is cut to its room and terminated.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Locks. `Mutex` guards the library's own state and carries clang's thread-safety annotations;
 // `RecordLock` holds the mutex of a public record, where the type is fixed by the interface.
 // No cancellation point is reached while a MutexLock is held, unless the owner's header says so.

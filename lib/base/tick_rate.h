@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rate of the time base: what the system's tick file states, and tick globals as divisors.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The time base registers of a PowerPC processor; also for C. */
 #ifndef UTILS_TIME_BASE_REGISTERS_H
 #define UTILS_TIME_BASE_REGISTERS_H

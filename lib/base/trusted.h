@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files in places that others can write. Whatever somebody else has put there, or can change, is
 // refused with EPERM: another owner than root or this process's user, write permission for others,
 // links, special files. In a sticky directory others can only add names.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Waking a waiter after the lock is released, so that it does not run into the lock at once, and
 // nobody when nobody waits. What a waiter got may be its sign to delete the record: so those who
 // still signal are counted, and the record goes when they have finished.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an operator can ask every daemon: its commands, its version, and how its queues, timers,
 // logs and memory are. What is printed under a lock is collected first: a client that does not read
 // must hold up nobody. `tables_mutex` guards the lists of what is shown; a queue's is taken under it.

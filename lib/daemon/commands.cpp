@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clients of the command socket: a thread each, which receives one command line, runs the command
 // and keeps its result for the client's process, which asks for it over a second connection. Who
 // may not command the daemon is sent away unheard. `clients_mutex` guards everything here and is not held

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A daemon from its start to its end. The order of the start is the point: nothing of a living
 // instance is touched before the lock is held, signals come before anything that would have to be
 // removed, and nobody is let in before the daemon's own start function has been through.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a daemon ends. SIGTERM, SIGINT and SIGHUP ask for the orderly end; the signals of
 // utils/signals.h keep what they do there; every other signal that would end the process removes
 // the daemon's files and is raised again, with what it was raised for, so that a core file shows

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One instance of a daemon: its lock, its pid file and the name of its socket. The lock is an
 // fcntl() lock, so it ends with the process and a forked child has no part in it. It has a file of
 // its own that stays: closing any descriptor of the pid file would drop a lock there, and two

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The loop: one queue, whose messages the loop's thread serves, and a thread that waits for all
 // else and wakes it. Descriptors stand in an epoll set. The watching thread only sees that the set
 // has something ready; the loop's thread takes it from there, so that no handler is called for a

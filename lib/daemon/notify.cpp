@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a service manager is told, by the NOTIFY_SOCKET protocol: one datagram of lines to the
 // socket that it names in the environment. The watchdog is fed by the loop, so that it is the loop
 // that it watches.

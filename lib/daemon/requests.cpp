@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests from other processes. The platform's thread only checks and copies what has come; the
 // handler runs on the loop's thread and answers from there, so that it needs no locks against the
 // daemon's own code, and a loop that hangs leaves redirect and exit working.

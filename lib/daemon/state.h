@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the parts of the companion share. There is one daemon in a process, so its state is plain
 // variables; each part owns its own and says which lock guards them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system functions, each in all its forms: the plain one, that of 64-bit file offsets, that of
 // 64-bit seconds on 32-bit systems, the fortified one. Optional arguments are taken as given: what
 // the caller left out is passed on unread.

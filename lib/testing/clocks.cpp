@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clocks that a test stops, moves and steps.
 #include <dlfcn.h>
 #include <sys/time.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The heap: allocations that fail on demand, and a count of what is allocated.
 #include <malloc.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the sources of libutils-testing share: the record of an interposed function, the verdict
 // over a call of it, and the way on to the definition behind ours.
 #pragma once

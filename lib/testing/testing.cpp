@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The requests: what is asked of an interposed function, and the judgement over each call of it.
 #include "utils/testing.h"
 

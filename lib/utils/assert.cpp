@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Failed checks: the RAS event, the console report with its backtrace, and the write through a null
 // pointer that leaves a core file. Nothing is kept between calls and no lock is taken: switch files
 // and console are opened afresh, every text stands on the stack of the failing thread. The crash

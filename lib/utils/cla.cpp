@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command-line filter and the parsers of the values that commands take. Nothing is kept between
 // calls; vectors and texts belong to the caller, and only what the header says is changed.
 #include "utils/cla.h"

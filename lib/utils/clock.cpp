@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counters from the time base, interval statistics and dates. The state of qel_times is kept in
 // relaxed atomics: two threads that resynchronise at once both re-anchor, which is harmless.
 #include "utils/clock.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Output redirection and exit of daemons: the requester's side, the daemon's message handlers, and
 // what they do. A request may lie in memory that its sender can still change, so every word is
 // copied before it is checked and texts are copied before they are used. No state, no locks.

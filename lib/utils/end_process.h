@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end of a process that somebody else ordered. It is in signals.cpp, beside the other one.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Event logs: a header and a ring of entries in one block, a trace section or heap memory. A log's
 // mutex guards its ring and echo flag; the database's mutex guards the list and the section
 // counter. Lock order: database, then log. Index and wrap count are read without the lock by a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The running sums of the ISO 8473 checksum, modulo 255: by words, and by vectors where the
 // processor has them. A byte that `n` bytes follow counts n + 1 times in the second sum, so every
 // way adds up bytes and weighted bytes. All give the same sums.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option scanner. Its whole state is the record on its own stack that the callback sees.
 #include "utils/getopt.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The typed value prompt: one loop of prompt, line and check, with a prompt and a check for each
 // type. Nothing is kept between calls. Every check answers 1 or 0,
 // the result of the call, or kAgain.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hash tables of 503 chains. A bucket is a list of headers, one a key; a header has a list of
 // blocks with up to five values each, of which the first one lies behind the header. The table owns
 // headers and blocks, never what keys and values point to. Lists are walked without their locks:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The index of a hash table whose key kind is known: open addressing with linear probing, beside
 // the chains. It is never needed: without memory it is dropped, and the table walks. An entry holds
 // all that its place depends on, so that growing, shrinking and removing touch neither headers nor

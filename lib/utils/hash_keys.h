@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kinds of keys that hash tables know: which functions make a kind, and the word that stands
 // for a key in an index. Of a process id or a WWN the word is all of it; of a name it is a hash.
 #pragma once

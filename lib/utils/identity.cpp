@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Node, switch, slot and pic of this process. Each number is computed once and cached in a relaxed
 // atomic; nothing is locked, since two threads that compute it at once find the same number. The
 // text that putenv() was given lives here for ever.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The I/O watch thread. `watch_mutex` guards the sets and the table, which daemon threads change and the
 // watch thread copies; it is held for copying only, never while the thread waits or calls a
 // handler. So a round sees whole sets: one that saw a set

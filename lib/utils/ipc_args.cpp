@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Argument blocks: pieces of data packed into one message, inline or through a shared-memory
 // segment. The encoder only detaches from a segment; whoever decodes and destroys the block removes
 // it. No state outside the block. What arrives is checked before it is used: the body stands at its

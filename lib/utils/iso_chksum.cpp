@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ISO 8473 checksum. Both directions take the running
 // sums in the fastest way that the processor has.
 #include "utils/iso_chksum.h"

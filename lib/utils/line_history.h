@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lines before the one that is coded, and the search for what it repeats of them: the longest
 // run of characters at the same column of an older line, of equal ones that of the newest. Lines
 // stand in rows, which are tried one after the other, or, where the processor has vectors, in

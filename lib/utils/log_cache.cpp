@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log cache of the process: a ring of whole lines. One mutex guards the buffer and its
 // counters; stamps are made and failures printed outside of it. The buffer has one byte more than
 // its size, so that the two bytes which a copy takes behind

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Column-wise compression of log lines. Coder and decoder keep the same history of the last 127
 // lines; a copy names a line by its distance and takes the characters of its own column from it.
 // Each context is one block of memory, and nothing is allocated per line.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Linked lists of nodes that belong to the caller. Each list has its own mutex; every call that
 // changes or reads a header holds it for the whole call, and nothing is called out from under it.
 // Lock order: lstConcat takes the destination's mutex before the source's.

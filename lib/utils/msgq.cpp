@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message queues. A queue owns its nodes: they move between the chain of waiting messages and the
 // chain of spares, and are freed when 64 spares are kept already or the queue is deleted.
 // Everything happens under the queue's own recursive mutex; no other lock is taken while it is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Page prompt, dumps, 64-bit numbers and the small helpers of console commands. The paging switch
 // is the only state; a relaxed atomic, since any thread may turn it.
 #include "utils/paging.h"

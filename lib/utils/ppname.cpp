@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Peer lookup through the kernel's tables, whole-file locks and pid files. No state, no locks.
 #include "utils/ppname.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reader/writer lock between processes: an fcntl() lock on a whole file, shared by the threads of a
 // process through a record in its memory. Only the owner of the read lock, or the writer, touches
 // the file's lock. Locks: a record's l_mutex, and the process-wide mutex of the priority; the two

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Growable strings with a table of operations, and plain byte buffers. A string owns its text and
 // grows it by realloc; the sizes it takes are part of the interface. `avail` is what the operations
 // last left there and is only trusted as far as the real room goes. Buffers end the process when

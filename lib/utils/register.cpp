@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The callback registry: six slots, each null or a heap block of a header and its entries. There is
 // no lock; slots and entries are atomics, so that a dispatch sees an entry whole or not at all. A
 // block replaced by growth is released at once: registration stays out of the way of dispatch.

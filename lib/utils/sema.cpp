@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Semaphores with task-style time-outs over the platform's primitives. The record is the platform's
 // object; its first word is ours and holds the kind, which is written after the platform has
 // prepared the object.

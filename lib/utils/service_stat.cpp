@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Service statistics: the table of counters and its report. The file is shared between processes;
 // an exclusive flock covers the look whether it is empty, the heading and all rows. Everyone may
 // lock it, so that it is not waited for long; without it a report still goes out whole, in one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Core file set-up and the handler of ending signals. The program's name is set at start-up, before
 // signals are expected; the cleanup callback may change at any time and is a lock-free atomic. The
 // handler formats its text by hand and calls nothing that is not async-signal-safe, but for the

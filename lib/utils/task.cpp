@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Identity and delays of the one task that a process is. The two globals are written by taskInit
 // alone, before other threads run.
 #include "utils/task.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tick globals. A constructor of the library sets them before any code of the program runs;
 // they never change.
 #include "utils/ticks.h"

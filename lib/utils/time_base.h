@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The time base and the millisecond clock.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The timer engine: one delta chain, ordered by due time, and a pass that fires what is due. The
 // first timer's delta counts from the last refresh, every other one's from its predecessor. A timer
 // finds its place through an index, by the sum of the deltas up to it. A due time would not do: a

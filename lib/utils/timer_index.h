@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The index beside the chain of timers: finds a timer's place among many without walking.
 #pragma once
 

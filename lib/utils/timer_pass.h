@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets the timer service stop a pass of the engine whose thread it has replaced: such a pass waits
 // in a handler, with the engine unlocked, and must not go on with its successor's timers.
 #pragma once

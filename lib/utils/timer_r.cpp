@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The timer service: one mutex around the engine in timer.cpp, and a thread or the platform's I/O
 // subsystem that runs the engine's pass when a timer falls due. A closed service is finished, its
 // pending timers deleted, by its own thread or by the first call that needs a new one, whichever

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The remote command channel. The client frames a command line and relays the daemon's output; the
 // daemon's side checks the message byte for byte before it becomes an argument vector. Each call
 // owns what it allocates; there is no shared state and no lock.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Relays a daemon's output through a queue of chunks, so that a slow output never holds the daemon
 // up. The output does not block meanwhile; it gets its own flags back for the rest.
 #include "tnet_relay.h"

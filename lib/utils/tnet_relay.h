@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client's half of a remote command: what the daemon prints, on its way to an output.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Console output and switch files. Nothing is kept between calls: console and switch files are
 // opened afresh each time and closed before the call returns.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Values out of tagged text, and World Wide Names in their two spellings. Everything that is read
 // lies between the caller's cursor and the record's end tag,
 // so the end of the text is never passed.

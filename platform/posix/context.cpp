@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The per-thread context: 32 bytes that a program may set and read.
 #include "utils/platform/context.h"
 

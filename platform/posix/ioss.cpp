@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The I/O subsystem: a poll() loop. The loop's thread owns its tables; other threads only wake or
 // stop it, through an eventfd and an atomic flag. The mutex guards the poll callbacks, which
 // another thread may register or take back while the loop runs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages between processes: one Unix sequential-packet socket a daemon, and here the daemon's
 // side. One thread accepts, receives and runs the handlers; it alone closes connections. `server_mutex`
 // guards the tables, is never held while a handler runs or anything waits, and no other lock is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pool of kept connections. `pool_mutex` guards it, and that no other thread's descriptor escapes the
 // child of a fork; a line in use belongs to its owner. A program may close descriptors that it does
 // not know, or put others in their place: a kept one is used

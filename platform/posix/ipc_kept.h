@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The connections that requesters keep between their requests: one for a thread and an address.
 // They end after `kIdleLimitMs` without a request (at the process's next one; the daemon has ended
 // its side by then), with their thread, and in a forked child.

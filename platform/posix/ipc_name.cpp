@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Taking a daemon's name, with two daemons that start at once and strangers in mind.
 #include "ipc_name.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a daemon takes its name: the lock on it, and the socket that listens there.
 #pragma once
 

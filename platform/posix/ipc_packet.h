@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The packets between requesters and daemons, in both directions, on the daemon's socket: the code
 // and the request's number as big-endian words, followed by the message. A reply bears its
 // request's number, so that none is taken for another's; 0 is a message that nobody answers.

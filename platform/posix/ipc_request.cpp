@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The requester's side of the messages between processes. A request goes over the connection that
 // its thread has kept to the daemon. When that refuses it, nothing has reached the daemon, and a
 // new connection takes it; after anything else it is not repeated. A message that nobody answers

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The requester's side of the messages between processes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RAS events: one line per event to the system log and, when it can be opened, to
 // "/var/log/rasevt". Nothing is kept between calls; a line is appended by one write, so lines of
 // several writers stay whole. The system log is reached without syslog(), which waits for a log

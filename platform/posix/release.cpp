@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The release record of a host: "Release " and the version in "/etc/os-release".
 #include "utils/platform/release.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting semaphores: a mutex and a condition variable on the monotonic clock. Negative values are
 // allowed; takers wait while the value is not positive. A taker that waits is signalled after the
 // mutex is released.

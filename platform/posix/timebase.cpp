@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The time base: the processor's own registers on PowerPC, elsewhere the monotonic clock scaled to
 // the rate that the tick file states, so that every rate derived from it is right.
 #include "utils/platform/timebase.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace sections: one shared mapping of one file each, so that the memory outlives its process. The
 // list of this process's sections is guarded by one mutex; a section belongs to the process that
 // made it, and a forked child that releases its copy leaves the parent's file alone.

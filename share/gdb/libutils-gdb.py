@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """gdb extension of libutils: readable lists, queues, timers, strings and hash tables, and commands that
 print event logs, the log cache and the armed timers of a process or of its core file.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hostile bytes for everything that reads bytes of others: a table of targets. With a fuzzer's main
 // program the environment's FUZZ_TARGET names the one that gets the inputs; with our own, every
 // target gets the inputs that are kept for it:   fuzz_corpus CORPUS-DIRECTORY

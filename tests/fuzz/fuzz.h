@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the fuzz targets share: taking an input apart, and demands that stop the program.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz targets: what other processes send.
 #include <fcntl.h>
 #include <sys/ipc.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz targets: texts of users, of the system and of files.
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For programs that test crashes and core files: the sanitizers leave the signals to the kernel.
 // Include it in one source file of a test program.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lines into a compressed stream and out of it again.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the test programs share: captured output, child processes, files of the system image and a
 // settable clock. Everything here expects to run inside the sandbox.
 #pragma once

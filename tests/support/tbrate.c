@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Measures the rate of the PowerPC time base against the monotonic clock and writes the ticks of
    one clock tick to standard output, as the system's tick file has them: one native 32-bit integer.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages written out by hand, for the tests of formats that leave the process: nothing here calls
 // the library.
 #pragma once

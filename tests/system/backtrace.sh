@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # A failed check shows on the console who called it, on every processor.
 #   backtrace.sh PROGRAM FRAMES   FRAMES: how many there are at least; 0 where the C library does not walk the stack
 set -euo pipefail

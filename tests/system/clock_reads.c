@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Reads the clocks many times between two marks, for a trace of its system calls. */
 #include <unistd.h>
 #include <utils/clock.h>

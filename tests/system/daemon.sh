@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Daemons of libutils-daemon as an operator meets them: started twice, beside a hung one, with a full
 # /dev/shm, without rights, under a service manager, and every way to end.
 #   daemon.sh DIRECTORY-OF-PROGRAMS

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libutils-daemon from the inside: the loop, requests, commands and the ends of a daemon, each in a
 // process of its own.
 #include <sys/prctl.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Built for a product, the library leaves exactly the platform's names undefined besides the C library's,
 # and takes the product's own semaphore and address records from a folder outside this tree.
 #   external_platform.sh SOURCE C-COMPILER CMAKE-OPTION...

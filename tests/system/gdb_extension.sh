@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The gdb extension on a real core file: gdb loads it together with an installed library, whose debug information
 # stands apart, and what it prints is what the program had.
 #   gdb_extension.sh PROGRAM BUILD-DIRECTORY

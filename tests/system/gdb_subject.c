@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Fills one of everything that the gdb extension shows, then ends with a core file. */
 #include <stdio.h>
 #include <stdlib.h>

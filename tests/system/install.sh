@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build into a prefix of its own and lets a newcomer's program use it: the first C program
 # of the README, once through pkg-config and once through find_package.
 set -euo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The stand-in's messages between processes: its server and its requesters, with peers that answer
 // late or never, descriptors that run short, signals and locks held by others.
 #include <sys/file.h>

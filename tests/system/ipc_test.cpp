@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requesters and daemons as separate processes: argument blocks, redirection and exit, with real
 // files, terminals and servers, and whatever arrives: the daemon goes on serving, and at the end it
 // exits without a complaint of the sanitizers.

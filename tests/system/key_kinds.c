@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Whether hash tables know the key kinds in this program, however it is linked. An index answers
  * from its own copy of a WWN, a walk reads the stored one: it is changed here, against the rules.
  */

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The built library: its exports, what it needs, its soname, its hardening and whom its calls reach.
 set -euo pipefail
 library=$1 map=$2/libutils.map compared=$2/compared.list companion=$3 companion_map=$4

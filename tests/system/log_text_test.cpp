@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Real log text through compressor and decompressor, buffer after buffer.
 #include <algorithm>
 #include <filesystem>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A program built with 32-bit time_t beside the library that has 64 bits inside. */
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # On the target the time base, the millisecond clock and the tick counter are read without a system
 # call: the emulator's trace of a program that reads each 100,000 times shows nothing between its marks.
 set -euo pipefail

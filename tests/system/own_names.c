@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A position-dependent program with functions of its own that are named like ours: the library must
    not call them, and both sides must agree about the addresses and variables they share. */
 #include <signal.h>

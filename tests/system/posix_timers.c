@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A bystander: a shared library that uses the C library's timers and has never heard of ours. */
 #include <signal.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a failed assertion and an exception leave behind: a core file, and the end in any case.
 #include <arpa/inet.h>
 #include <elf.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A product's own platform, with a semaphore and an address that look unlike the stand-in's, and a
    program that uses it through the library. What a call received is printed; the rest is bare. */
 #include <semaphore.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # qelctl against real daemons: every subcommand, its exit status and its one line of error.
 #   qelctl.sh DIRECTORY-OF-PROGRAMS
 set -euo pipefail

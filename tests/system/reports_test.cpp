@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files that several processes append to at the same time.
 #include <sys/wait.h>
 #include <unistd.h>

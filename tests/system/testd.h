@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A daemon for tests, in a process of its own, and what a requester needs to talk to it.
 #pragma once
 

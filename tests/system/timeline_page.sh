@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The page of a timeline in a browser without a network: what it shows of real logs, zoomed and searched, and
 # that no text of a log is taken for anything but text.
 #   timeline_page.sh DIRECTORY-OF-PROGRAMS

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Our timer_create and timer_delete beside the C library's, in one process.
 #include <time.h>
 

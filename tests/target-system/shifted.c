@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The machine's clocks in trouble.
      shifted                           the date leaps by a day, there and back, each second
      shifted SECONDS PROGRAM [ARG...]  runs a program whose monotonic clock comes to 2^32 ms, where

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One scenario a family, run with each of its allocations and system calls failing in turn, until it runs
 // through undisturbed. Each time: a stated result, nothing left behind, and the next run as if nothing had been.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "utils/paging.h"
 
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "utils/proc_rwlock.h"
 
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "utils/service_stat.h"
 
 #include <sys/file.h>

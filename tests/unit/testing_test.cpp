@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library for tests: what it makes fail, shortens, replaces, counts and sets, and nothing else.
 #include "utils/testing.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every test runs in a child: the service is one per process, and some of its states are for life.
 #include "utils/timer_r.h"
 

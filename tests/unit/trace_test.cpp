@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "utils/platform/posix/trace_files.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl clean: removes what dead daemons have left behind, after showing it. Evidence goes only
 // when it is asked for, and what carries no mark only by its number.
 #include <fcntl.h>
@@ -13,7 +14,9 @@
 
 #include "daemons.h"
 #include "qelctl.h"
+#ifdef QELCTL_STAND_IN
 #include "sections.h"
+#endif
 #include "text.h"
 
 namespace qelctl {
@@ -38,7 +41,7 @@ void add_file(std::vector<DeadFile> &files, const char *kind, const std::string 
         files.push_back(file);
 }
 
-std::vector<DeadFile> dead_files(const Choice &choice) {
+std::vector<DeadFile> dead_files([[maybe_unused]] const Choice &choice) {
     std::vector<DeadFile> files;
     for (const Daemon &daemon : find_daemons()) {
         if (daemon.life != Life::kStale || is_left_out(daemon.switch_no))
@@ -47,11 +50,13 @@ std::vector<DeadFile> dead_files(const Choice &choice) {
             add_file(files, file.kind, file.path,
                      file.kind == std::string("socket") ? S_IFSOCK : S_IFREG);
     }
+#ifdef QELCTL_STAND_IN
     if (!choice.logs)
         return files;
     for (const SectionFile &file : section_files())
         if (!is_alive(file))
             add_file(files, "section", file.path, S_IFREG);
+#endif
     return files;
 }
 
@@ -179,8 +184,10 @@ void add_clean(CLI::App &app) {
         add_subcommand(app, "clean", "Show what dead daemons have left behind and remove it");
     add_switch_option(*command, "Only of this logical switch (default: all)");
     command->add_flag("--dry-run", choice.dry_run, "Show it only");
+#ifdef QELCTL_STAND_IN
     command->add_flag("--logs", choice.logs,
                       "Event logs of dead processes, too: they are evidence");
+#endif
     command
         ->add_option("--segment", choice.segments,
                      "This shared-memory segment, too; may be repeated")

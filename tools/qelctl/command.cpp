@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl cmd, redirect and exit: what makes a daemon do something.
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -254,6 +255,7 @@ bool server_of(const std::string &target, std::string &host, int &port) {
 // found first, and looked at afterwards.
 Process serving_process(const std::string &name, Deadline end) {
     learn_node();
+#ifdef QELCTL_STAND_IN
     int fd = -1;
     auto connected = [&] {
         fd = connect_to(request_socket(name), SOCK_SEQPACKET);
@@ -268,6 +270,14 @@ Process serving_process(const std::string &name, Deadline end) {
     if (pid <= 0)
         throw Failure("the process of " + name + " cannot be seen from here");
     return Process(pid);
+#else
+    // How a product's platform finds a daemon is its own; lock and pid file name the process.
+    (void)end;
+    Daemon daemon = find_daemon(name);
+    if (daemon.life == Life::kStale || daemon.pid <= 0)
+        throw no_such_daemon(name);
+    return Process(daemon.pid);
+#endif
 }
 
 // Where a daemon's output shall go.

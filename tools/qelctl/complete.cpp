@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Completion of command lines: from the same tree of subcommands and options that parses them, and
 // from what there is on this machine.
 #include <fcntl.h>
@@ -13,7 +14,9 @@
 
 #include "daemons.h"
 #include "qelctl.h"
+#ifdef QELCTL_STAND_IN
 #include "sections.h"
+#endif
 #include "text.h"
 #include "utils/identity.h"
 #include "utils/tnet_cmd.h"
@@ -80,11 +83,13 @@ void add_values(const std::string &kind, Candidates &candidates) {
     if (kind == "N" || kind == "SWITCH")
         for (const Daemon &daemon : find_daemons())
             candidates.add(std::to_string(daemon.switch_no));
+#ifdef QELCTL_STAND_IN
     if (kind == "PID" || kind == "SECTION" || kind == "DAEMON of logs")
         for (const SectionFile &file : section_files())
             candidates.add(kind == "PID"       ? std::to_string(file.pid)
                            : kind == "SECTION" ? file.path.filename().string()
                                                : file.daemon);
+#endif
 }
 
 const CLI::Option *positional(CLI::App &command, size_t number) {

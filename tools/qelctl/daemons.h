@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How daemons are found: their sockets and locks under /run/korin and their pid files.
 #pragma once
 

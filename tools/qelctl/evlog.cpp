@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl evlog: event logs of living and dead processes, listed, printed, followed and drawn.
 #include "evlog.h"
 

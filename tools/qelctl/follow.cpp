@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl evlog --follow: several logs of several processes, in the order of their events.
 #include <poll.h>
 #include <unistd.h>

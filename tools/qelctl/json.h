@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // JSON as qelctl prints it: members stay in their order, everything is ASCII, so that no text of
 // others reaches a terminal raw.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl list: the daemons that run, and what dead ones have left behind.
 #include <cstdio>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl log: text logs as a compressed line stream, in and out of pipes, of any size. The stream
 // is a sequence of frames; each holds one compressor's buffer, or bytes that the compressor cannot
 // carry.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl: what an operator asks of the daemons of a switch, one subcommand a question.
 #include <unistd.h>
 
@@ -32,7 +33,9 @@ void add_all(CLI::App &app) {
     add_json_option(app);
     add_list(app);
     add_commands(app);
+#ifdef QELCTL_STAND_IN
     add_evlog(app);
+#endif
     add_log(app);
     add_stats(app);
     add_who(app);

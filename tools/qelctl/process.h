@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processes, told apart from later ones that were given the same number; and waiting for them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the parts of qelctl share. Each part adds its subcommands to the application; a subcommand
 // that cannot do its work throws Failure, which main() prints in one line on standard error.
 #pragma once

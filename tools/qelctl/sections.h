@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Event logs of living and dead processes, read from their trace sections.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl stats: the service statistics report of a switch, as a table or as bars.
 #include <sys/ioctl.h>
 #include <sys/stat.h>

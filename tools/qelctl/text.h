@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text of others on its way to the operator: log lines, names of files, daemons and users. None of
 // it gets to control the terminal: control characters, and those that turn the direction of text,
 // are shown as \xNN or \uNNNN, and what is not UTF-8 as U+FFFD.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qelctl evlog --timeline: event logs to look at. A trace-event file has a process for each daemon
 // process and a thread for each log; the page holds the same data, drawn by a script of its own.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command lines that are wrong, told so that the operator sees which word to change.
 #include <algorithm>
 #include <numeric>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file daemon.h
  * @brief libutils-daemon: a daemon from a table, one that qelctl can operate.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file daemon_codes.h
  * @brief The message codes of the requests that every daemon serves, and how a request arrives.

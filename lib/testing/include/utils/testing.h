@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file
  * Failing calls, shortened transfers and set clocks for tests.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file context.h
  * @brief Platform: the context block that every thread has.

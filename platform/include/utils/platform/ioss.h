@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file ioss.h
  * @brief Platform: the I/O subsystem, which can drive the timer service from a daemon's own loop.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file ipc.h
  * @brief Platform: messages to daemons, addressed by node, logical switch and name.

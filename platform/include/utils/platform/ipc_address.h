@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file ipc_address.h
  * @brief Platform: the address of a daemon.

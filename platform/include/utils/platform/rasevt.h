@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file rasevt.h
  * @brief Platform: the RAS event log.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file semaphore_type.h
  * @brief Platform: the semaphore record.

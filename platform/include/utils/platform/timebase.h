@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file timebase.h
  * @brief Platform: the processor's 64-bit time base.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file trace.h
  * @brief Platform: trace sections, memory that outlives the process that writes it.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file ipc_server.h
  * @brief The daemon's side of the stand-in's messages.

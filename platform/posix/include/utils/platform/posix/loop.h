@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file loop.h
  * @brief The stand-in's I/O subsystem: a poll() loop.

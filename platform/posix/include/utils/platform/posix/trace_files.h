@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file trace_files.h
  * @brief The stand-in's trace sections: a file each, mapped shared.
