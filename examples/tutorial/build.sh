@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Builds hello_daemon.c in the working directory, by pkg-config or, with the word cmake, by CMakeLists.txt beside it.
 set -e
 if [ "$1" = cmake ]; then

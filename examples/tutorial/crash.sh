@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Ends the daemon with a fault, and looks at what it had.
 ulimit -c unlimited
 ./hello_daemon &

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Starts the daemon, asks it, and ends it.
 set -e
 ./hello_daemon &

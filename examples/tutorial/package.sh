@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Makes hello-daemon.deb of the daemon, its unit, and what systemd and logrotate are to know of it.
 set -e
 shared=${1:-/usr/share/libutils}

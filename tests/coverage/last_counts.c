@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Writes the counters of all libraries before a process ends by _exit(), SIGABRT or SIGSEGV. The
 // program sees no difference: where it asks for the default action of a signal, or about it, ours
 // stands in. A process that SIGKILL ends takes its counts along.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The least that a product's platform may be: no contexts, no I/O loop, event logs on the heap, nobody to ask.
    PLATFORM_FAULT plants a fault that a check of the platform must name. */
 #include <errno.h>

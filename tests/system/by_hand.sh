@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # What the documents tell to type works as it stands there, in a fresh clone: one test by hand, and a platform of one's
 # own put before the stand-in. And a platform's check tells a bare one that is right from those that are not.
 #   by_hand.sh SOURCE BUILD-DIRECTORY C-COMPILER

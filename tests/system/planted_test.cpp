@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Somebody has put something else in the place of each file whose name can be foretold: nothing is
 // written through it, nobody waits at it, and the result says whether there is a file in the end.
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What docs/porting.md promises of each platform function, row by row: of the stand-in, or of a product's library
 // that is preloaded. Each row runs in a child with an alarm, so that a platform that hangs is named, too.
 #include <unistd.h>

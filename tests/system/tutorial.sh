@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The tutorial as its reader takes it: each listing is the file that it names, and all of them work from an installed
 # library: built in both ways, operated, crashed and looked at, packaged.
 #   tutorial.sh SOURCE BUILD-DIRECTORY
