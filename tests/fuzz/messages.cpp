@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <mutex>
 #include <thread>
 
 #include "base/big_endian.h"
@@ -107,7 +108,17 @@ void serve() {
     });
 }
 
-std::vector<std::string> answers;  // of the hostile daemon; changed before a request only
+std::mutex answers_mutex;
+std::vector<std::string> answers;  // of the hostile daemon
+
+// The answers until now; `next` takes their place.
+std::vector<std::string> take_answers(const std::vector<std::string> *next = nullptr) {
+    std::lock_guard lock(answers_mutex);
+    std::vector<std::string> before = answers;
+    if (next != nullptr)
+        answers = *next;
+    return before;
+}
 
 // Answers each request with `answers`, the number 0 in them replaced by the request's, and hangs
 // up.
@@ -119,7 +130,7 @@ void serve_badly() {
             int fd = accept(listener, nullptr, nullptr);
             char request[kHead + IPC_REQUEST_MAX];
             if (recv(fd, request, sizeof request, 0) >= static_cast<ssize_t>(kHead)) {
-                for (std::string packet : std::vector(answers)) {
+                for (std::string packet : take_answers()) {
                     if (packet.size() >= kHead && utils::load_be32(&packet[4]) == 0)
                         packet.replace(4, 4, request + 4, 4);
                     send(fd, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -188,7 +199,8 @@ void replies(Input in) {
     const uint32_t brief[2] = {1, 0};
     ipc_address bad = address_of("bad");
     uint32_t room = in.byte() * 8 + in.byte() % 16, length = room;
-    answers = split(in);
+    std::vector<std::string> next = split(in);
+    take_answers(&next);
     auto reply = exact("", room);
     int result = ipcSendRcv(&bad, 1, "", 0, reply.get(), &length, brief);
     require(serving && result <= 0 && length <= room);
