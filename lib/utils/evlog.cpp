@@ -82,8 +82,8 @@ void copy_field(char (&to)[size], const char *text) {
 // A system without such mutexes, or without room for one, has a plain one, which needs nothing.
 void init_log_mutex(pthread_mutex_t *mutex, bool shared) {
     if (init_mutex(mutex, PTHREAD_MUTEX_DEFAULT, shared) != 0) {
-        pthread_mutex_t plain = PTHREAD_MUTEX_INITIALIZER;
-        *mutex = plain;
+        static const pthread_mutex_t kPlain = PTHREAD_MUTEX_INITIALIZER;
+        memcpy(mutex, &kPlain, sizeof kPlain);
     }
 }
 

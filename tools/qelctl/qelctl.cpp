@@ -36,10 +36,11 @@ bool output_closed() {
 }
 
 void fail_to_write() {
-    Failure failure = system_failure("cannot write");
+    int reason = errno;
     if (output_closed())
         throw OutputClosed();
-    throw failure;
+    errno = reason;
+    throw system_failure("cannot write");
 }
 
 namespace {

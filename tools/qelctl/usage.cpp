@@ -83,17 +83,15 @@ Place find_place(CLI::App &app, const std::vector<std::string> &words) {
         bool others = place.command->get_prefix_command() && !place.arguments.empty();
         if (place.option != nullptr) {
             place.option = nullptr;
-        } else if (others) {
-            place.arguments.push_back(word);
-        } else if (word.size() > 1 && word[0] == '-') {
+        } else if (!others && word.size() > 1 && word[0] == '-') {
             const CLI::Option *option = option_of(*place.command, word);
             bool value_inside =
                 word.find('=') != std::string::npos || (word[1] != '-' && word.size() > 2);
             if (option != nullptr && option->get_items_expected_max() > 0 && !value_inside)
                 place.option = option;
-        } else if (CLI::App *inner = subcommand_of(*place.command, word)) {
+        } else if (CLI::App *inner = others ? nullptr : subcommand_of(*place.command, word)) {
             place.command = inner;
-        } else if (place.command->get_require_subcommand_min() > 0) {
+        } else if (!others && place.command->get_require_subcommand_min() > 0) {
             place.unknown = word;
             return place;
         } else {
