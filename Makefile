@@ -79,7 +79,7 @@ endef
 
 # check PRESET [ctest option...]: builds it and runs its tests.
 define check
-	@tests/support/sandbox true
+	@scripts/sandbox true
 	$(call build,$(1))
 	@echo "== $(1): testing"
 	@ctest --preset $(1) --parallel $(JOBS) $(2)
@@ -96,7 +96,7 @@ deps: ## Install the Debian packages that targets need: make deps FOR="docs lint
 
 demo: ## Show the library at its main job: a daemon at work
 	@$(MAKE) deps FOR=demo
-	@tests/support/sandbox true
+	@scripts/sandbox true
 	$(call build,demo)
 	@examples/demo build/demo
 

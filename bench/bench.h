@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The frame of the benchmark programs: conditions that are the same for ours and for its peers, and
-// their record in the output. Programs run inside tests/support/sandbox, as scripts/bench does it.
+// their record in the output. Programs run inside scripts/sandbox, as scripts/bench does it.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -87,7 +87,7 @@ inline void record_conditions(int processor) {
 // `prepare` registers the benchmarks that are not registered by macros.
 inline int run(int argc, char **argv, void (*prepare)()) {
     if (getenv("UTILS_SANDBOX") == nullptr) {
-        fprintf(stderr, "%s: runs inside tests/support/sandbox only; see scripts/bench\n", argv[0]);
+        fprintf(stderr, "%s: runs inside scripts/sandbox only; see scripts/bench\n", argv[0]);
         return 99;
     }
     setenv("TZ", "UTC0", 0);

@@ -67,7 +67,7 @@ function(utils_c_shared_library target map)
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C LINK_DEPENDS ${map}
                           VERSION ${UTILS_SOVERSION} SOVERSION ${UTILS_SOVERSION})
     if(UTILS_COVERAGE)
-        target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests/coverage/enroll.c)
+        target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/cmake/coverage/enroll.c)
         target_link_options(${target} PRIVATE --coverage)
     endif()
     # CMake would add the C++ runtime for the C++ sources: without it, a use of it is a link error.

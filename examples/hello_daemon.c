@@ -30,7 +30,7 @@ int main(int argc, char **argv) {
         {"greet", "[NAME]", "say hello", greet, DAEMON_IN_LOOP}, {NULL, NULL, NULL, NULL, 0}};
     static const daemon_log logs[] = {{"ticks", "ticks", 100, &log_of_ticks, 0},
                                       {NULL, NULL, 0, NULL, 0}};
-    static const daemon_spec hello = {
+    static const daemon_table hello = {
         .name = "hello", .version = "1.0", .commands = commands, .logs = logs, .start = start};
     return daemon_run(&hello, argc, argv);
 }

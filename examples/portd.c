@@ -180,7 +180,7 @@ int main(int argc, char **argv) {
     static const daemon_log logs[] = {{"ports", "ports", 200, &port_log, 0},
                                       {"cmds", "cmds", 100, &command_log, DAEMON_LOG_COMMANDS},
                                       {NULL, NULL, 0, NULL, 0}};
-    static const daemon_spec portd = {.name = "portd",
+    static const daemon_table portd = {.name = "portd",
                                       .version = "1.0",
                                       .usage = "[-r ROUNDS] [-p PERIOD_MS]",
                                       .options = options,

@@ -12,6 +12,7 @@
 #include "base/heap.h"
 #include "base/thread.h"
 #include "base/tick_rate.h"
+#include "base/time_base.h"
 #include "commands.h"
 #include "utils/log_cache.h"
 #include "utils/ticks.h"
@@ -63,7 +64,7 @@ int print_collected(FILE *out, Print print) {
 }
 
 int cmd_version(int, char **, FILE *out) {
-    const char *version = spec->version != nullptr ? spec->version : "";
+    const char *version = table->version != nullptr ? table->version : "";
     fprintf(out, "%s%s%s\n", name, *version != '\0' ? " " : "", version);
     return 0;
 }
@@ -159,7 +160,7 @@ constexpr int kBuiltins = sizeof kBuiltin / sizeof kBuiltin[0];
 
 int own_count() {
     int count = 0;
-    while (spec->commands != nullptr && spec->commands[count].word != nullptr)
+    while (table->commands != nullptr && table->commands[count].word != nullptr)
         ++count;
     return count;
 }
@@ -196,7 +197,7 @@ int cmd_help(int argc, char **argv, FILE *out) {
         fprintf(out, " %s", kBuiltin[i].word);
     fputc('\n', out);
     for (int i = 0; i < own; ++i) {
-        print_help(out, spec->commands[i], width);
+        print_help(out, table->commands[i], width);
         fputc('\n', out);
     }
     return 0;
@@ -207,7 +208,7 @@ int cmd_help(int argc, char **argv, FILE *out) {
 const daemon_command *command_at(int number) {
     int own = own_count();
     if (number < own)
-        return &spec->commands[number];
+        return &table->commands[number];
     return number < own + kBuiltins ? &kBuiltin[number - own] : nullptr;
 }
 

@@ -18,6 +18,7 @@
 #include "base/descriptor.h"
 #include "base/heap.h"
 #include "base/thread.h"
+#include "base/time_base.h"
 #include "commands.h"
 #include "utils/identity.h"
 #include "utils/service_stat.h"
@@ -117,7 +118,7 @@ int run_in_loop(const daemon_command &command, int argc, char **argv, FILE *out)
 }
 
 void note_command(const char *word) {
-    for (const daemon_log *log = spec->logs; log != nullptr && log->name != nullptr; ++log) {
+    for (const daemon_log *log = table->logs; log != nullptr && log->name != nullptr; ++log) {
         if ((log->flags & DAEMON_LOG_COMMANDS) != 0 && log->place != nullptr)
             qel_evlog(*log->place, "command %.50s\n", word);
     }

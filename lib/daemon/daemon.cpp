@@ -16,12 +16,12 @@
 #include "utils/log_cache.h"
 #include "utils/task.h"
 
-static_assert(sizeof(void *) != 4 || sizeof(daemon_spec) == 68);
-static_assert(sizeof(void *) != 8 || sizeof(daemon_spec) == 128);
+static_assert(sizeof(void *) != 4 || sizeof(daemon_table) == 68);
+static_assert(sizeof(void *) != 8 || sizeof(daemon_table) == 128);
 
 namespace utils::service {
 
-const daemon_spec *spec = nullptr;
+const daemon_table *table = nullptr;
 char name[DAEMON_NAME_MAX + 1] = "daemon";
 
 namespace {
@@ -41,7 +41,7 @@ int take_name(const char *text, void *) {
 }
 
 int print_usage(const char *program) {
-    const char *own = spec->usage != nullptr ? spec->usage : "";
+    const char *own = table->usage != nullptr ? table->usage : "";
     fprintf(stderr, "usage: %s [-s SWITCH] [-n NAME]%s%s\n", program, *own != '\0' ? " " : "", own);
     return DAEMON_USAGE;
 }
@@ -51,7 +51,7 @@ int take_options(int *argc, char **argv) {
     int number = kNoSwitch, count = 2;
     claFltrEntry options[kMostOptions + 1] = {{'s', "switch", clafGetInt, &number},
                                               {'n', "name", take_name, nullptr}};
-    const claFltrEntry *own = spec->options;
+    const claFltrEntry *own = table->options;
     for (; own != nullptr && own->handler != nullptr && count < kMostOptions; ++own)
         options[count++] = *own;
     claFltr(options, argc, argv);
@@ -68,7 +68,7 @@ int refuse_log(const char *log) {
 
 int create_logs() {
     daemon_logs();
-    for (const daemon_log *log = spec->logs; log != nullptr && log->name != nullptr; ++log) {
+    for (const daemon_log *log = table->logs; log != nullptr && log->name != nullptr; ++log) {
         errno = 0;
         qel_evlog_handle *handle = daemon_new_log(log->entries, log->name, log->shortcut);
         if (handle == nullptr)
@@ -101,13 +101,13 @@ int open_services() {
 }
 
 // `whole`: nothing may be left of the command line.
-int open_daemon(const daemon_spec *description, int *argc, char **argv, bool whole) {
+int open_daemon(const daemon_table *description, int *argc, char **argv, bool whole) {
     if (opened || description == nullptr || description->name == nullptr || argc == nullptr ||
         *argc < 1 || argv == nullptr || take_name(description->name, nullptr) != 0) {
         errno = EINVAL;
         return daemon_refuse("description");
     }
-    spec = description;
+    table = description;
     int status = take_options(argc, argv);
     if (status == 0 && whole && *argc != 1)
         status = print_usage(argv[0]);
@@ -141,7 +141,7 @@ const char *daemon_name(void) {
     return name;
 }
 
-int daemon_open(const daemon_spec *description, int *argc, char **argv) {
+int daemon_open(const daemon_table *description, int *argc, char **argv) {
     return open_daemon(description, argc, argv, false);
 }
 
@@ -165,20 +165,20 @@ void daemon_close(void) {
     remove_command_socket();
     end_clients(monotonic_ms() + kCommandsMs);
     refuse_deferred();
-    if (spec->stop != nullptr)
-        spec->stop(spec->argument);
+    if (table->stop != nullptr)
+        table->stop(table->argument);
     forget_timers();
     timer_close_r();
     stop_watching();
     remove_files();
 }
 
-int daemon_run(const daemon_spec *description, int argc, char **argv) {
+int daemon_run(const daemon_table *description, int argc, char **argv) {
     int status = open_daemon(description, &argc, argv, true);
     if (status != 0)
         return status;
-    if (spec->start != nullptr)
-        status = spec->start(spec->argument);
+    if (table->start != nullptr)
+        status = table->start(table->argument);
     if (status == 0)
         status = daemon_ready();
     if (status != 0) {

@@ -183,8 +183,8 @@ void serve_message() {
         memcpy(&expiry, message, sizeof expiry);
         if (expiry.handler != nullptr)
             expiry.handler(expiry.arg1, expiry.arg2);
-    } else if (spec->message != nullptr) {
-        spec->message(message, spec->argument);
+    } else if (table->message != nullptr) {
+        table->message(message, table->argument);
     }
 }
 
@@ -195,9 +195,9 @@ int sooner(int a, int b) {
 }  // namespace
 
 bool open_loop() {
-    int depth = spec->queue_depth > 0 ? spec->queue_depth : DAEMON_QUEUE_DEPTH;
+    int depth = table->queue_depth > 0 ? table->queue_depth : DAEMON_QUEUE_DEPTH;
     message_size =
-        spec->message_size > TIMER_MESSAGE_LENGTH ? spec->message_size : TIMER_MESSAGE_LENGTH;
+        table->message_size > TIMER_MESSAGE_LENGTH ? table->message_size : TIMER_MESSAGE_LENGTH;
     errno = EINVAL;
     if (message_size > MSGQ_LENGTH_MAX || depth == INT32_MAX)
         return false;

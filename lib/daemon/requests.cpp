@@ -58,7 +58,7 @@ void serve(void *argument) {
 }
 
 const daemon_request *row_of(int code) {
-    const daemon_request *row = spec->requests;
+    const daemon_request *row = table->requests;
     while (row->handle != nullptr && row->code != code)
         ++row;
     return row;
@@ -127,7 +127,7 @@ bool open_requests() {
     int error = ipc_register(IPC_CODE_REDIRECT_OUTPUT, ipcCbQelDRedirectOutput);
     if (error == 0)
         error = ipc_register(IPC_CODE_EXIT, on_exit_request);
-    for (const daemon_request *row = spec->requests; row != nullptr && row->handle != nullptr;
+    for (const daemon_request *row = table->requests; row != nullptr && row->handle != nullptr;
          ++row)
         if (error == 0)
             error = ipc_register(row->code, on_request);
@@ -152,7 +152,7 @@ void close_requests() {
 // A platform whose daemons have another way to be asked.
 bool open_requests() {
     errno = ENOSYS;
-    return spec->requests == nullptr;
+    return table->requests == nullptr;
 }
 
 void close_requests() {}

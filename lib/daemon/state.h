@@ -12,7 +12,7 @@ namespace utils::service {
 
 // ---- daemon.cpp: written at start-up, before other threads run.
 
-extern const daemon_spec *spec;
+extern const daemon_table *table;
 extern char name[DAEMON_NAME_MAX + 1];
 
 // ---- instance.cpp: the lock, the pid file and the socket's name.

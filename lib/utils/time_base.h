@@ -1,26 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The time base and the millisecond clock.
+// The millisecond clock, out of the time base.
 #pragma once
 
 #include <cstdint>
 
 #include "base/tick_rate.h"
+#include "base/time_base.h"
 #include "utils/ticks.h"
-#if defined(UTILS_PLATFORM_EXTERNAL) && defined(__powerpc__)
-#include "base/time_base_registers.h"
-#else
-#include "utils/platform/timebase.h"
-#endif
 
 namespace utils {
-
-inline uint64_t time_base() {
-#if defined(UTILS_PLATFORM_EXTERNAL) && defined(__powerpc__)
-    return timebase_read_registers();
-#else
-    return timebase_read();
-#endif
-}
 
 #ifdef __SIZEOF_INT128__
 // Of the rate that the constructor of the tick globals found. A program can write to the globals,

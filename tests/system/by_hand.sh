@@ -14,7 +14,7 @@ trap 'rm -rf "$clone"' EXIT
     xargs -0 cp --parents -t "$clone")
 bare() { # FILE FAULT
     "$compiler" -Wall -Wextra -Werror -shared -fPIC -DPLATFORM_FAULT="$2" -I "$source/include" -I "$build/include" \
-        -I "$source/platform/include" -o "$1" "$source/tests/system/bare_platform.c" -pthread
+        -I "$source/platform/include" -o "$1" "$source/platform/check/bare_platform.c" -pthread
 }
 typed() { # DOCUMENT PATTERN: the indented lines from the first that matches to the block's end
     awk -v first="$2" '/^    / {if (on || $0 ~ first) {on = 1; print}; next} {if (on) exit}' "$source/$1"

@@ -14,7 +14,7 @@
 namespace {
 
 bool stranger = false;  // whether peers are another user's
-const daemon_spec *running = nullptr;
+const daemon_table *running = nullptr;
 
 using namespace support;
 
@@ -28,14 +28,14 @@ using namespace support;
     return true;
 }();
 
-int run(const daemon_spec &spec, std::vector<std::string> words = {}) {
+int run(const daemon_table &table, std::vector<std::string> words = {}) {
     std::string program = "test";
     std::vector<char *> argv = {program.data()};
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
-    running = &spec;
-    return daemon_run(&spec, static_cast<int>(argv.size()) - 1, argv.data());
+    running = &table;
+    return daemon_run(&table, static_cast<int>(argv.size()) - 1, argv.data());
 }
 
 // What 40 descriptors, a full queue and deferred calls have come to.
@@ -67,10 +67,10 @@ void on_pipe(int fd, uint32_t events, void *argument) {
 }
 
 TEST(Daemon, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
-    daemon_spec spec{};
-    spec.name = "looped";
-    spec.queue_depth = 4;
-    spec.start = [](void *) {
+    daemon_table table{};
+    table.name = "looped";
+    table.queue_depth = 4;
+    table.start = [](void *) {
         seen.loop = pthread_self();
         for (auto &end : seen.ends)
             if (pipe2(end, O_CLOEXEC) != 0 || daemon_watch(end[0], DAEMON_READABLE, on_pipe, end))
@@ -92,11 +92,11 @@ TEST(Daemon, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         }).join();
         return 0;
     };
-    spec.message = [](const void *message, void *) {
+    table.message = [](const void *message, void *) {
         seen.messages += *static_cast<const char *>(message) == 77;
         stop_when_seen();
     };
-    spec.stop = [](void *) {
+    table.stop = [](void *) {
         // The companion's own wakes have taken no place and were never refused.
         printf("%d %d %d %d %d\n", seen.messages, seen.refused, seen.alien,
                static_cast<int>(daemon_queue()->missCount), seen.deferred);
@@ -104,7 +104,7 @@ TEST(Daemon, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
                daemon_watch(open("/dev/null", O_RDONLY | O_CLOEXEC), 8, on_pipe, nullptr),
                daemon_defer([](void *) {}, nullptr));
     };
-    Ending ending = in_child([&] { return run(spec); });
+    Ending ending = in_child([&] { return run(table); });
     EXPECT_EQ(ending.status, 7) << ending.err;
     EXPECT_THAT(ending.out, testing::HasSubstr("5 5 0 5 1\n-22 -11\n"));
 }
@@ -124,25 +124,25 @@ TEST(Daemon, WrongCommandLinesAndRefusalsEndWithTheirStatus) {
     static int x = 0;
     static const claFltrEntry kOptions[] = {{'x', "x", clafGetInt, &x},
                                             {0, nullptr, nullptr, nullptr}};
-    daemon_spec spec{};
-    spec.name = "plain";
-    spec.usage = "[-x N]";
-    spec.options = kOptions;
-    spec.start = [](void *) {
+    daemon_table table{};
+    table.name = "plain";
+    table.usage = "[-x N]";
+    table.options = kOptions;
+    table.start = [](void *) {
         errno = ENOSPC;
         return x == 4 ? daemon_refuse("log cache") : 40 + x;
     };
     for (const auto &one : kCases) {
-        Ending ending = in_child([&] { return run(spec, one.words); });
+        Ending ending = in_child([&] { return run(table, one.words); });
         EXPECT_EQ(ending.status, one.status) << testing::PrintToString(one.words);
         EXPECT_THAT(ending.err, testing::HasSubstr(one.text));
     }
 }
 
 TEST(Daemon, TheSixteenthLogIsRefusedOnceAndNeverHangs) {
-    daemon_spec spec{};
-    spec.name = "logged";
-    spec.start = [](void *) {
+    daemon_table table{};
+    table.name = "logged";
+    table.start = [](void *) {
         for (int i = 0; i < 15; ++i)
             if (daemon_new_log(1, "log", "log") == nullptr)
                 return 9;
@@ -152,14 +152,14 @@ TEST(Daemon, TheSixteenthLogIsRefusedOnceAndNeverHangs) {
                    ? 33
                    : 9;
     };
-    EXPECT_EQ(in_child([&] { return run(spec); }).status, 33);
+    EXPECT_EQ(in_child([&] { return run(table); }).status, 33);
 }
 
 // A daemon in a process of its own, ready when the constructor returns.
 struct Running {
     pid_t pid = 0;
     explicit Running(
-        const daemon_spec &spec, const std::function<void()> &before = [] {}) {
+        const daemon_table &table, const std::function<void()> &before = [] {}) {
         int ends[2];
         EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
         pid = fork();
@@ -171,7 +171,7 @@ struct Running {
             std::vector<char> name(1);
             char program[] = "test", *argv[] = {program, nullptr};
             int argc = 1;
-            int status = daemon_open(&spec, &argc, argv);
+            int status = daemon_open(&table, &argc, argv);
             if (status == 0)
                 status = daemon_ready();
             if (status != 0 || write(ends[1], "r", 1) != 1)
@@ -228,10 +228,10 @@ TEST(Daemon, CommandsRunWhereTheTableSaysAndResultsWaitForTheirClient) {
     static const daemon_command kCommands[] = {{"in", nullptr, "", tell_thread, DAEMON_IN_LOOP},
                                                {"out", nullptr, "", tell_thread, 0},
                                                {nullptr, nullptr, nullptr, nullptr, 0}};
-    daemon_spec spec{};
-    spec.name = "commanded";
-    spec.commands = kCommands;
-    Running daemon(spec);
+    daemon_table table{};
+    table.name = "commanded";
+    table.commands = kCommands;
+    Running daemon(table);
     EXPECT_EQ(said("commanded", {"in", "x"}), "1");
     pid_t other = fork();
     if (other == 0)
@@ -248,18 +248,18 @@ TEST(Daemon, CommandsRunWhereTheTableSaysAndResultsWaitForTheirClient) {
 }
 
 TEST(Daemon, StrangersAreNotHeard) {
-    daemon_spec spec{};
-    spec.name = "guarded";
-    Running daemon(spec, [] { stranger = true; });
+    daemon_table table{};
+    table.name = "guarded";
+    Running daemon(table, [] { stranger = true; });
     EXPECT_EQ(said("guarded", {"version"}), "");
 }
 
 TEST(Daemon, OfSeventeenSilentClientsOneIsRefusedAndTheOthersGoInTime) {
     if (sizeof(time_t) > sizeof(long) && support::emulated())
         GTEST_SKIP() << "the emulator does not tell a socket's time-out in 64-bit time";
-    daemon_spec spec{};
-    spec.name = "many";
-    Running daemon(spec);
+    daemon_table table{};
+    table.name = "many";
+    Running daemon(table);
     int clients[DAEMON_CLIENTS_MAX + 1];
     for (int &client : clients)
         client = stream_at("/run/korin/many.0.cmd", SOCK_STREAM, connect);
@@ -286,10 +286,10 @@ int32_t add_up(const void *data, uint32_t length, void *reply, uint32_t *reply_l
 TEST(Daemon, RequestsComeWithinTheirBounds) {
     static const daemon_request kRequests[] = {{0x4500, 8, 3000, add_up, nullptr},
                                                {0, 0, 0, nullptr, nullptr}};
-    daemon_spec spec{};
-    spec.name = "requested";
-    spec.requests = kRequests;
-    Running daemon(spec);
+    daemon_table table{};
+    table.name = "requested";
+    table.requests = kRequests;
+    Running daemon(table);
     auto ask = [](int code, size_t size, char fill) {
         ipc_address to{myNode(), 0, "requested"};
         std::string data(size, fill);
@@ -314,8 +314,8 @@ TEST(Daemon, AForkedChildRemovesNothing) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the sanitizer keeps signals from a forked child";
 #endif
-    daemon_spec spec{};
-    spec.name = "forked";
+    daemon_table table{};
+    table.name = "forked";
     static const daemon_command kCommands[] = {
         {"fork", nullptr, "",
          [](int, char **, FILE *out) {
@@ -329,8 +329,8 @@ TEST(Daemon, AForkedChildRemovesNothing) {
          },
          0},
         {nullptr, nullptr, nullptr, nullptr, 0}};
-    spec.commands = kCommands;
-    Running daemon(spec);
+    table.commands = kCommands;
+    Running daemon(table);
     EXPECT_EQ(said("forked", {"fork"}), std::to_string(SIGUSR1) + " 0");
 }
 
@@ -345,13 +345,13 @@ TEST(Daemon, AnOverflownStackLeavesNoSocket) {
 #endif
     if (support::emulated())
         GTEST_SKIP() << "the emulator itself ends by a signal on another stack";
-    daemon_spec spec{};
-    spec.name = "deep";
+    daemon_table table{};
+    table.name = "deep";
     static const daemon_command kCommands[] = {
         {"deep", nullptr, "", [](int argc, char **, FILE *) { return overflow(argc); }, 0},
         {nullptr, nullptr, nullptr, nullptr, 0}};
-    spec.commands = kCommands;
-    Running daemon(spec);
+    table.commands = kCommands;
+    Running daemon(table);
     said("deep", {"deep"});
     EXPECT_EQ(WTERMSIG(daemon.ending()), SIGSEGV);
     EXPECT_EQ(access("/run/korin/deep.0.cmd", F_OK), -1);

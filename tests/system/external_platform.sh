@@ -34,7 +34,7 @@ undefined=$(nm -D --undefined-only "$library" | awk '$1 == "U" {print $2}' | gre
 diff <(printf '%s\n' "${names[@]}" | grep . | sort) <(echo "$undefined") ||
     fail "undefined symbols differ (> only in the library)"
 
-"$compiler" -Wall -Wextra -Werror -rdynamic -I $product -I "$source/include" -I "$source/platform/include" \
+"$compiler" -Wall -Wextra -Werror -rdynamic -I $product -I "$source/include" -I "$source/platform/include" -I "$source/platform/check" \
     -o /tmp/external/product "$source/tests/system/product_platform.c" -L /tmp/external/lib -lutils -pthread \
     -Wl,-rpath,/tmp/external/lib
 shown=$(${UTILS_EMULATOR:+"$UTILS_EMULATOR"} /tmp/external/product)

@@ -7,16 +7,14 @@
 #include <time.h>
 #include <utils/daemon_ctl.h>
 #include <utils/msgq.h>
-#include <utils/platform/context.h>
-#include <utils/platform/ioss.h>
-#include <utils/platform/ipc.h>
-#include <utils/platform/rasevt.h>
 #include <utils/platform/release.h>
 #include <utils/platform/semaphore.h>
 #include <utils/platform/timebase.h>
 #include <utils/platform/trace.h>
 #include <utils/sema.h>
 #include <utils/timer_r.h>
+
+#include "without.h"
 
 int semaphore_init(semaphore_t *sem) {
     return sem_init(&sem->posix, 0, 1);
@@ -44,21 +42,6 @@ int semaphore_count(semaphore_t *sem, int n) {
 int semaphore_destroy(semaphore_t *sem) {
     return sem_destroy(&sem->posix);
 }
-int ep_context(const void *from, void *to) {
-    (void)from, (void)to;
-    return 0;
-}
-unsigned sizeof_geps(void) {
-    return 0;
-}
-int ioss_create(void *arg, ioss_poll poll, uintptr_t a, uintptr_t b, uintptr_t c) {
-    (void)arg, (void)poll, (void)a, (void)b, (void)c;
-    return -1;
-}
-int ioss_free(void *handle) {
-    (void)handle;
-    return 0;
-}
 int ipcSendRcv(void *address, int code, const void *request, uint32_t requestLength, void *reply,
                uint32_t *replyLength, const uint32_t timeout[2]) {
     const ipc_address *to = address;
@@ -66,15 +49,6 @@ int ipcSendRcv(void *address, int code, const void *request, uint32_t requestLen
            (int)to->node, (int)to->switch_no, to->name, to->blade, timeout[0], requestLength);
     (void)request, (void)reply, (void)replyLength;
     return -1;
-}
-int ipcSend(void *address, int code, const void *data, uint32_t length, const uint32_t timeout[2]) {
-    (void)address, (void)code, (void)data, (void)length, (void)timeout;
-    return -1;
-}
-int rasevt_log(const char *file, const char *function, int line, int reserved1, int reserved2,
-               unsigned code, ...) {
-    (void)file, (void)function, (void)line, (void)reserved1, (void)reserved2, (void)code;
-    return 0;
 }
 int get_release_info(int which, release_info *info) {
     (void)which, (void)info;

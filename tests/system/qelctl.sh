@@ -3,28 +3,9 @@
 # qelctl against real daemons: every subcommand, its exit status and its one line of error.
 #   qelctl.sh DIRECTORY-OF-PROGRAMS
 set -euo pipefail
-bin=$1
+. "$(dirname "$0")/../support/commands.sh"
+programs "$1" qelctl portd
 emulated=${UTILS_EMULATOR:+yes}
-if [ "$emulated" ]; then
-    mkdir /tmp/bin
-    for program in qelctl portd; do
-        printf '#!/bin/sh\nexec %s %s "$@"\n' "$UTILS_EMULATOR" "$bin/$program" >"/tmp/bin/$program"
-    done
-    chmod +x /tmp/bin/*
-    bin=/tmp/bin
-fi
-PATH=$bin:$PATH
-fail() { echo "qelctl: $*" >&2; exit 1; }
-await() { for ((i = 0; i < 400; ++i)); do "$@" >/dev/null 2>&1 && return; sleep 0.05; done; fail "waited in vain: $*"; }
-gone() { ! kill -0 "$1" 2>/dev/null; }
-# expect STATUS PATTERN COMMAND...: the exit status, and a line of the output (standard output and error).
-expect() {
-    local status=0 wanted=$1 pattern=$2
-    shift 2
-    "$@" >/tmp/out 2>&1 </dev/null || status=$?
-    [ "$status" = "$wanted" ] || { cat /tmp/out; fail "exit status $status, not $wanted: $*"; }
-    [ -z "$pattern" ] || grep -qE -- "$pattern" /tmp/out || { cat /tmp/out; fail "no line like '$pattern': $*"; }
-}
 # clean FILE: nothing in it can control a terminal.
 clean() { ! LC_ALL=C grep -qaP '[^\x20-\x7e\x80-\xff\n\t]' "$1" || { cat -v "$1"; fail "control characters: $1"; }; }
 # Traffic for the daemons to see, on the loopback interface of this image.

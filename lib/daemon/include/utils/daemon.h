@@ -3,7 +3,7 @@
  * @file daemon.h
  * @brief libutils-daemon: a daemon from a table, one that qelctl can operate.
  *
- * A program describes its daemon in a daemon_spec and calls daemon_run(), which does what every
+ * A program describes its daemon in a daemon_table and calls daemon_run(), which does what every
  * daemon of the system does: command line, single instance, signals and core files, pid file, log
  * cache, event logs, statistics, message queue, timers, command socket, requests, readiness, the
  * loop, and an orderly end. One with a main() of its own calls daemon_open(), daemon_ready(),
@@ -107,7 +107,7 @@ typedef struct daemon_request {
 
 /** What a daemon is. Everything but the name may be 0. It, its tables and their texts must live as
  * long as the process. */
-typedef struct daemon_spec {
+typedef struct daemon_table {
     const char *name;    /**< its name unless option -n gives another; no '.', '/' or blank */
     const char *version; /**< what its command "version" says */
     const char *usage;   /**< its own options, for the usage line: "[-p PERIOD_MS]" */
@@ -126,20 +126,20 @@ typedef struct daemon_spec {
     int queue_depth;       /**< messages of the loop's queue; every armed timer may need one */
     unsigned message_size; /**< longest message in bytes, at least TIMER_MESSAGE_LENGTH */
     uintptr_t reserved[4]; /**< 0 */
-} daemon_spec;
+} daemon_table;
 
 /** @name The whole daemon
  *  @{ */
 
 /**
  * Runs a daemon from its start to its end.
- * @param spec what it is
+ * @param table what it is
  * @param argc number of arguments
  * @param argv the arguments of main(); options are taken out, anything left is wrong usage
  * @return the exit status: what daemon_stop() was given, 0 after a signal that asks for an orderly
  *         end, DAEMON_REFUSED or DAEMON_USAGE; the reason has been printed on standard error
  */
-int daemon_run(const daemon_spec *spec, int argc, char **argv);
+int daemon_run(const daemon_table *table, int argc, char **argv);
 
 /**
  * Asks for the orderly end; the first call decides. The loop ends after the handler that runs. When
@@ -157,13 +157,13 @@ void daemon_stop(int status);
  * Takes the options -s SWITCH, -n NAME and the table's own off the command line, and starts
  * everything that does not let others in: lock, signals, pid file, log cache, event logs,
  * statistics, queue, timers, watched descriptors. The name's lock stays until the process ends.
- * @param spec what it is
+ * @param table what it is
  * @param argc number of arguments; lowered by what was taken
  * @param argv the arguments, left for the caller to check
  * @return 0, or the exit status with which main() is to end; the reason has been printed, and
  * nothing of a living instance was touched
  */
-int daemon_open(const daemon_spec *spec, int *argc, char **argv);
+int daemon_open(const daemon_table *table, int *argc, char **argv);
 
 /**
  * Opens command and request socket and tells the service manager that the daemon is ready.

@@ -3,7 +3,7 @@
 // program the environment's FUZZ_TARGET names the one that gets the inputs; with our own, every
 // target gets the inputs that are kept for it:   fuzz_corpus CORPUS-DIRECTORY
 // Run it inside the test sandbox.
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "base/big_endian.h"
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
 #include "utils/daemon_ctl.h"
 #include "utils/identity.h"
 #include "utils/ipc_args.h"

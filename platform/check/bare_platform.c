@@ -1,20 +1,17 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The least that a product's platform may be: no contexts, no I/O loop, event logs on the heap, nobody to ask.
    PLATFORM_FAULT plants a fault that a check of the platform must name. */
-#include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-#include <utils/platform/context.h>
-#include <utils/platform/ioss.h>
-#include <utils/platform/ipc.h>
-#include <utils/platform/rasevt.h>
 #include <utils/platform/release.h>
 #include <utils/platform/semaphore.h>
 #include <utils/platform/timebase.h>
 #include <utils/platform/trace.h>
+
+#include "without.h"
 
 #define WAKES_NOBODY 1
 #define OVERWRITES_USER 2
@@ -81,35 +78,11 @@ int semaphore_destroy(semaphore_t *sem) {
     (void)sem;
     return 0;
 }
-int ep_context(const void *from, void *to) {
-    (void)from, (void)to;
-    return 0;
-}
-unsigned sizeof_geps(void) {
-    return 0;
-}
-int ioss_create(void *arg, ioss_poll poll, uintptr_t a, uintptr_t b, uintptr_t c) {
-    (void)arg, (void)poll, (void)a, (void)b, (void)c;
-    return -1;
-}
-int ioss_free(void *handle) {
-    (void)handle;
-    return -1;
-}
 int ipcSendRcv(void *address, int code, const void *request, uint32_t requestLength, void *reply,
                uint32_t *replyLength, const uint32_t timeout[2]) {
     (void)address, (void)code, (void)request, (void)requestLength, (void)reply, (void)replyLength,
         (void)timeout;
     return -ECONNREFUSED;
-}
-int ipcSend(void *address, int code, const void *data, uint32_t length, const uint32_t timeout[2]) {
-    (void)address, (void)code, (void)data, (void)length, (void)timeout;
-    return -ECONNREFUSED;
-}
-int rasevt_log(const char *file, const char *function, int line, int reserved1, int reserved2,
-               unsigned code, ...) {
-    (void)file, (void)function, (void)line, (void)reserved1, (void)reserved2, (void)code;
-    return 0;
 }
 #if PLATFORM_FAULT != NO_RELEASE
 int get_release_info(int which, release_info *info) {

@@ -8,7 +8,7 @@
 #include <climits>
 #include <set>
 
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
 #include "tools/qelctl/qelctl.h"
 #include "utils/cla.h"
 #include "utils/getopt.h"
