@@ -213,6 +213,7 @@ int qel_evlog_init(qel_evlog_db *db) {
     db->tail = nullptr;
     db->next_section = 1;
     current_db.store(db, std::memory_order_release);
+    // Kept: the descriptor of the system's device stays open.
     int device = open(kSystemDevice, O_RDONLY | O_CLOEXEC);
     int32_t code = 0;
     if (device < 0 || ioctl(device, kReadPlatformCode, &code) < 0)

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -55,7 +56,59 @@ class Capture {
     int saved_;
 };
 
+int lines_of(const char *path) {
+    std::ifstream file(path);
+    return static_cast<int>(std::count(std::istreambuf_iterator<char>(file), {}, '\n'));
+}
+
+Holdings held() {
+    std::filesystem::directory_iterator tasks("/proc/self/task");
+    return {utils_testing_open_descriptors(), static_cast<int>(std::distance(tasks, {})),
+            lines_of("/proc/sysvipc/shm"), utils_testing_live_blocks()};
+}
+
+// First uses of the C library, of threads and of the test frame keep a few blocks.
+constexpr int kFirstUses = 12;
+Holdings allowed;
+
+// Around each test: what it has opened, started and allocated is gone when it has ended.
+class Audit : public testing::EmptyTestEventListener {
+  public:
+    void OnTestStart(const testing::TestInfo &) override {
+        allowed = {0, 0, 0, kFirstUses};
+        before_ = held();
+    }
+    void OnTestEnd(const testing::TestInfo &info) override {
+        if (info.result()->Failed() || info.result()->Skipped())
+            return;
+        Holdings after = held();
+        auto more = [&](int Holdings::*of) { return after.*of - before_.*of - allowed.*of; };
+        eventually(
+            [&] {  // threads and their peers' ends of sockets go a moment after the calls that end them
+                after = held();
+                return more(&Holdings::descriptors) <= 0 && more(&Holdings::threads) <= 0;
+            });
+        EXPECT_LE(more(&Holdings::descriptors), 0) << "descriptors are left open";
+        EXPECT_LE(more(&Holdings::threads), 0) << "threads are left running";
+        EXPECT_LE(more(&Holdings::segments), 0) << "shared segments are left";
+        EXPECT_LE(more(&Holdings::blocks), 0) << "blocks of memory are left";
+    }
+
+  private:
+    Holdings before_;
+};
+
+[[maybe_unused]] const bool audited =
+    (testing::UnitTest::GetInstance()->listeners().Append(new Audit), true);
+
 }  // namespace
+
+void leaves(const Holdings &more) {
+    allowed.descriptors += more.descriptors;
+    allowed.threads += more.threads;
+    allowed.segments += more.segments;
+    allowed.blocks += more.blocks;
+}
 
 std::string captured(int descriptor, const std::function<void()> &body) {
     Capture capture(descriptor);

@@ -18,6 +18,16 @@ namespace support {
 
 constexpr int64_t kSecond = 1000000000;  // in nanoseconds
 
+// What a test may hold. One that has ended with more than it began with has failed, but for what it says here that it
+// leaves, for a reason.
+struct Holdings {
+    int descriptors = 0;
+    int threads = 0;
+    int segments = 0;  // of System V shared memory
+    int blocks = 0;    // of memory
+};
+void leaves(const Holdings &more);
+
 // What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio
 // or write().
 std::string captured(int descriptor, const std::function<void()> &body);

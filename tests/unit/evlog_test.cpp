@@ -32,6 +32,9 @@ using support::captured;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
+// The system device stays open.
+constexpr support::Holdings kDevice{.descriptors = 1};
+
 // Serves the system device's one request; each look at the clock is in a second of its own.
 [[maybe_unused]] const bool faked = [] {
     support::replace_call("ioctl", [](int, unsigned long request, int32_t *code) {
@@ -49,6 +52,7 @@ class Evlog : public testing::TestWithParam<int> {
         support::write_file("/dev/moxsys", "");
         platform_code = GetParam();
         last_section = "";
+        support::leaves(kDevice);
         ASSERT_EQ(qel_evlog_init(&db), 0);
     }
     void TearDown() override { EXPECT_EQ(qel_evlog_free(&db), 0); }
@@ -161,6 +165,7 @@ TEST_P(Evlog, RefusesWhatItCannotHoldAndAFailureLeavesTheDatabaseLocked) {
 }
 
 TEST(EvlogArguments, NullAndForeignOnesAreRefused) {
+    support::leaves(kDevice);
     qel_evlog_db db;
     support::write_file("/dev/moxsys", "");
     for (int code : {-1, 0}) {
@@ -181,6 +186,7 @@ TEST(EvlogArguments, NullAndForeignOnesAreRefused) {
 }
 
 TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {
+    support::leaves({.descriptors = 2});
     EXPECT_EQ(captured(1, qel_evlog_test), "error in eventlog init()\n");
     support::write_file("/dev/moxsys", "");
     refuse_section = true;
@@ -220,6 +226,7 @@ TEST(EvlogOfAKilledDaemon, IsReadFromItsSectionByAnotherProcess) {
 }
 
 TEST(EvlogInAChild, NeitherItsDeathNorItsFreeStopsTheParent) {
+    support::leaves(kDevice);
     qel_evlog_db db;
     support::write_file("/dev/moxsys", "");
     platform_code = 0;

@@ -241,6 +241,7 @@ TEST(GetVal, TalksToATerminalAndMakesBackspaceItsEraseCharacter) {
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+    close(master);
     before.c_cc[VERASE] = 0x08;
     for (const termios &seen : {during, after}) {
         EXPECT_EQ(memcmp(before.c_cc, seen.c_cc, sizeof seen.c_cc), 0);

@@ -152,6 +152,7 @@ void run_against_model(const std::vector<Key> &some_keys, hashFunction hash, has
 }
 
 TEST(Hash, AgreesOverRandomOperationsAndEveryAllocationFailure) {
+    support::leaves({.blocks = 1200});  // the texts of the keys
     auto run = []<hashFunction hash, hashCompare compare>() {
         std::vector<Key> keys = keys_for(hash);
         run_against_model(keys, hash, compare);

@@ -97,6 +97,7 @@ TEST(Iot, TakesEightDescriptorsWithinBounds) {
 
 TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
     using Pipes = std::vector<int>;
+    support::leaves({.descriptors = 15, .threads = 1});  // the service thread, and what it watches
     ASSERT_EQ(iot_init(nullptr), 0);
     for (auto &ends : pipes)
         ASSERT_EQ(pipe(ends), 0);

@@ -75,6 +75,7 @@ TEST(PpName, LocksWholeFilesAgainstOtherProcesses) {
     EXPECT_EQ(fileUnlock(fd), 0);
     EXPECT_EQ(other(FILE_LOCK_WRITE_TRY), 0);
     EXPECT_EQ(fileLock(fd, 3), -1);
+    close(fd);
 }
 
 TEST(PpName, WritesThePidFileForOthersAndFollowsNoLink) {

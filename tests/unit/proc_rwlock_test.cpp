@@ -301,6 +301,7 @@ TEST(ProcRwlock, SixProcessesSeeNoHalfMadeWriteAndTheDeadDoNotBlock) {
     support::write_file("/tmp/data", std::string(sizeof(Shared), '\0'));
     int file = open("/tmp/data", O_RDWR);
     void *map = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    close(file);
     Shared &shared = *new (map) Shared;
     std::vector<pid_t> children;
     for (unsigned p = 0; p < 6; ++p) {

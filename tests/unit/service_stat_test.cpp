@@ -42,6 +42,7 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
         serviceStat_stop(label, names, 3);
         int looks = utils_testing_count_calls("clock_gettime") - before;  // sanitizers look, too
         EXPECT_EQ(looks > 2, reader != -1) << "a reader's lock is waited for; looks: " << looks;
+        close(reader);
         reader = open(kReport, O_RDONLY);
         flock(reader, LOCK_SH);
         EXPECT_EQ(serviceStatIsOn, 0);
