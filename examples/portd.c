@@ -150,7 +150,8 @@ static const daemon_command commands[] = {
 
 static int start(void *unused) {
     (void)unused;
-    snprintf(table_path, sizeof table_path, "/run/korin/%s.%d.table", daemon_name(), getMySwitch());
+    snprintf(table_path, sizeof table_path, DAEMON_FILE_FORMAT, daemon_name(), getMySwitch(),
+             "table");
     int lock = daemon_own_file("table.lock");
     if (lock < 0 || procrwlock_init(&table_lock, lock) != 0)
         return daemon_refuse("lock of the table");
@@ -181,13 +182,13 @@ int main(int argc, char **argv) {
                                       {"cmds", "cmds", 100, &command_log, DAEMON_LOG_COMMANDS},
                                       {NULL, NULL, 0, NULL, 0}};
     static const daemon_table portd = {.name = "portd",
-                                      .version = "1.0",
-                                      .usage = "[-r ROUNDS] [-p PERIOD_MS]",
-                                      .options = options,
-                                      .commands = commands,
-                                      .logs = logs,
-                                      .start = start,
-                                      .message = on_message};
+                                       .version = "1.0",
+                                       .usage = "[-r ROUNDS] [-p PERIOD_MS]",
+                                       .options = options,
+                                       .commands = commands,
+                                       .logs = logs,
+                                       .start = start,
+                                       .message = on_message};
     int status = daemon_run(&portd, argc, argv);
     if (rounds > 0)
         printf("%s: %d rounds and %d greeting\n", daemon_name(), rounds, greetings);

@@ -26,6 +26,7 @@
 #include <thread>
 
 #include "base/big_endian.h"
+#include "utils/daemon.h"
 #include "utils/daemon_codes.h"
 #include "utils/platform/posix/ipc_server.h"
 #include "utils/utils.h"
@@ -313,7 +314,8 @@ int on_connection(int listener) {
 
 int listen_for_commands() {
     sockaddr_un name{AF_UNIX, {}};
-    snprintf(name.sun_path, sizeof name.sun_path, "/run/korin/soakd.%d.cmd", getMySwitch());
+    snprintf(name.sun_path, sizeof name.sun_path, DAEMON_FILE_FORMAT, "soakd", getMySwitch(),
+             "cmd");
     unlink(name.sun_path);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     demand(bind(fd, reinterpret_cast<sockaddr *>(&name), sizeof name) == 0 && listen(fd, 32) == 0,
@@ -342,9 +344,11 @@ void reach_limits() {
 }
 
 void clean_up() {
-    std::string instance = std::to_string(getMySwitch());
-    unlink(("/run/korin/soakd." + instance + ".cmd").c_str());
-    unlink(("/var/run/soakd." + instance + ".pid").c_str());
+    char path[PATH_MAX];
+    snprintf(path, sizeof path, DAEMON_FILE_FORMAT, "soakd", getMySwitch(), "cmd");
+    unlink(path);
+    snprintf(path, sizeof path, PID_FILE_FORMAT, "soakd", getMySwitch());
+    unlink(path);
     pthread_mutex_lock(&work_lock);  // for good: nobody uses the logs any more
     qel_evlog_free(&logs);
 }

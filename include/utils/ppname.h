@@ -55,6 +55,9 @@ int fileLock(int fd, int mode);
 /** Releases the lock that fileLock() took on @p fd. @return 0, or -1 with errno from fcntl() */
 int fileUnlock(int fd);
 
+/** A pid file as printf() writes its path: the daemon's name, int instance. */
+#define PID_FILE_FORMAT "/var/run/%s.%d.pid"
+
 /**
  * Writes this process's id and a line end into "/var/run/NAME.INSTANCE.pid", in place of what was
  * there. A link of either kind, or anything but a regular file, in that place is refused.

@@ -33,8 +33,8 @@ Path pid_path, socket_path, request_path;
 std::atomic<pid_t> owner{0};
 std::atomic<bool> has_pid_file{false}, has_socket{false}, has_requests{false};
 
-void name_file(Path &path, const char *directory, const char *kind) {
-    snprintf(path, sizeof path, "%s/%s.%d.%s", directory, name, getMySwitch(), kind);
+void name_file(Path &path, const char *kind) {
+    snprintf(path, sizeof path, DAEMON_FILE_FORMAT, name, getMySwitch(), kind);
 }
 
 // The file, open and nobody else's: who can open it can hold its lock for ever.
@@ -87,14 +87,14 @@ bool is_answered() {
 
 int lock_instance() {
     Path path;
-    name_file(path, DAEMON_DIRECTORY, "lock");
+    name_file(path, "lock");
     Descriptor lock(open_own_file(path));
     if (!lock)
         return daemon_refuse(path);
     if (lock_file(lock.get(), F_WRLCK, F_SETLK) != 0)
         return errno == EAGAIN || errno == EACCES ? refuse_second(lock.get()) : daemon_refuse(path);
-    name_file(pid_path, "/var/run", "pid");
-    name_file(socket_path, DAEMON_DIRECTORY, "cmd");
+    snprintf(pid_path, sizeof pid_path, PID_FILE_FORMAT, name, getMySwitch());
+    name_file(socket_path, "cmd");
     if (is_answered()) {
         errno = EADDRINUSE;
         return daemon_refuse(socket_path);
@@ -138,10 +138,9 @@ void remove_command_socket() {
         unlink(socket_path);
 }
 
-void note_request_socket(bool is_open) {
-    snprintf(request_path, sizeof request_path, "%s/%d.%d.%s.ipc", DAEMON_DIRECTORY, myNode(),
-             getMySwitch(), name);
-    has_requests.store(is_open);
+void note_request_socket(const char *path) {
+    snprintf(request_path, sizeof request_path, "%s", path != nullptr ? path : "");
+    has_requests.store(path != nullptr);
 }
 
 void remove_files() {
@@ -161,6 +160,6 @@ void remove_files() {
 
 int daemon_own_file(const char *kind) {
     utils::service::Path path;
-    utils::service::name_file(path, DAEMON_DIRECTORY, kind);
+    utils::service::name_file(path, kind);
     return utils::service::open_own_file(path);
 }

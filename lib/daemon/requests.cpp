@@ -2,6 +2,8 @@
 // Requests from other processes. The platform's thread only checks and copies what has come; the
 // handler runs on the loop's thread and answers from there, so that it needs no locks against the
 // daemon's own code, and a loop that hangs leaves redirect and exit working.
+#include <sys/un.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -137,14 +139,18 @@ bool open_requests() {
     copy_text(own.name, name);
     if (error == 0)
         error = ipc_open(&own);
-    note_request_socket(error == 0);
+    if (error == 0) {
+        char path[sizeof(sockaddr_un::sun_path)];
+        snprintf(path, sizeof path, IPC_SOCKET_FORMAT, own.node, own.switch_no, own.name);
+        note_request_socket(path);
+    }
     errno = -error;
     return error == 0;
 }
 
 void close_requests() {
     ipc_close();
-    note_request_socket(false);
+    note_request_socket(nullptr);
 }
 
 #else

@@ -23,8 +23,8 @@ bool write_pid_file();
 // A listening command socket, or -1.
 int open_command_socket();
 void remove_command_socket();
-// The request socket is the platform's, which removes it on exit() only.
-void note_request_socket(bool is_open);
+// The request socket is the platform's, which removes it on exit() only. Null: there is none.
+void note_request_socket(const char *path);
 // Removes sockets and pid file, if this process made them. Async-signal-safe.
 void remove_files();
 

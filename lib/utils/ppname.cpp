@@ -105,7 +105,7 @@ int fileUnlock(int fd) {
 int stor_pid(const char *name, int instance) {
     char path[PATH_MAX];
     int length =
-        snprintf(path, sizeof path, "/var/run/%s.%d.pid", name != nullptr ? name : "", instance);
+        snprintf(path, sizeof path, PID_FILE_FORMAT, name != nullptr ? name : "", instance);
     Descriptor file;
     if (name == nullptr || length >= static_cast<int>(sizeof path))
         errno = name == nullptr ? EINVAL : ENAMETOOLONG;

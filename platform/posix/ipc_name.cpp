@@ -35,7 +35,7 @@ NameLock::~NameLock() {
 }
 
 int NameLock::acquire() {
-    if (!Descriptor(open_trusted_directory(AT_FDCWD, kDirectory, 0)))
+    if (!Descriptor(open_trusted_directory(AT_FDCWD, IPC_SOCKET_DIRECTORY, 0)))
         return -errno;
     for (int64_t end_ms = monotonic_ms() + kNameLimitMs;;) {
         int error = file_ ? 0 : open_file();

@@ -17,7 +17,6 @@
 
 namespace utils::ipc {
 
-constexpr const char *kDirectory = "/run/korin";
 constexpr uint32_t kHeadSize = 8;
 constexpr int64_t kIdleLimitMs = 5000;  // then either side ends a connection
 
@@ -34,7 +33,7 @@ inline bool socket_path(const ipc_address &address, sockaddr_un &path) {
     if (!is_valid(address))
         return false;
     path.sun_family = AF_UNIX;
-    snprintf(path.sun_path, sizeof path.sun_path, "%s/%u.%u.%s.ipc", kDirectory, address.node,
+    snprintf(path.sun_path, sizeof path.sun_path, IPC_SOCKET_FORMAT, address.node,
              address.switch_no, address.name);
     return true;
 }

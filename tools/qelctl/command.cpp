@@ -146,11 +146,9 @@ struct CommandLine {
 // Who can write to the sockets' directory can stand there in a daemon's place. Trusted are root,
 // our own user, and the one that root lets write the daemon's pid file.
 void require_trusted(const std::string &daemon, const Peer &peer) {
-    std::string pid_file =
-        kPidDirectory + ("/" + daemon + "." + std::to_string(getMySwitch()) + ".pid");
     struct stat owned {};
     if (peer.user != 0 && peer.user != geteuid() &&
-        (lstat(pid_file.c_str(), &owned) != 0 || owned.st_uid != peer.user))
+        (lstat(pid_file(daemon).c_str(), &owned) != 0 || owned.st_uid != peer.user))
         throw Failure(daemon + " is served by " + user_name(peer.user) + ", who is not trusted");
 }
 

@@ -21,7 +21,12 @@
 #include "process.h"
 #include "qelctl.h"
 #include "text.h"
+#include "utils/daemon.h"
 #include "utils/identity.h"
+#ifdef QELCTL_STAND_IN
+#include "utils/platform/posix/ipc_server.h"
+#endif
+#include "utils/ppname.h"
 
 namespace qelctl {
 namespace {
@@ -234,14 +239,24 @@ Daemon find_daemon(const std::string &name) {
     return {};
 }
 
+#ifdef QELCTL_STAND_IN
 std::string request_socket(const std::string &name) {
-    return std::string(kSocketDirectory) + "/" + std::to_string(myNode()) + "." +
-           std::to_string(getMySwitch()) + "." + name + ".ipc";
+    char path[PATH_MAX];
+    snprintf(path, sizeof path, IPC_SOCKET_FORMAT, myNode(), getMySwitch(), name.c_str());
+    return path;
 }
+#endif
 
 std::string command_socket(const std::string &name) {
-    return std::string(kSocketDirectory) + "/" + name + "." + std::to_string(getMySwitch()) +
-           ".cmd";
+    char path[PATH_MAX];
+    snprintf(path, sizeof path, DAEMON_FILE_FORMAT, name.c_str(), getMySwitch(), "cmd");
+    return path;
+}
+
+std::string pid_file(const std::string &name) {
+    char path[PATH_MAX];
+    snprintf(path, sizeof path, PID_FILE_FORMAT, name.c_str(), getMySwitch());
+    return path;
 }
 
 int connect_to(const std::string &path, int type) {

@@ -11,9 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "utils/daemon.h"
+
 namespace qelctl {
 
-inline constexpr const char *kSocketDirectory = "/run/korin";
+inline constexpr const char *kSocketDirectory = DAEMON_DIRECTORY;
 inline constexpr const char *kPidDirectory = "/var/run";
 
 enum class Life {
@@ -62,8 +64,9 @@ Life writer_life(int pid, time_t written);
 time_t start_time(int pid);
 
 // Paths of the two sockets of a daemon of this process's node and switch.
-std::string request_socket(const std::string &name);
+std::string request_socket(const std::string &name);  // of the stand-in
 std::string command_socket(const std::string &name);
+std::string pid_file(const std::string &name);
 
 // A connection to a Unix socket, or -1 (see errno).
 int connect_to(const std::string &path, int type);

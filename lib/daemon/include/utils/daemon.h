@@ -33,13 +33,16 @@
 UTILS_BEGIN_DECLS
 
 #define DAEMON_DIRECTORY "/run/korin" /**< sockets and locks; see libutils-daemon(7) */
-#define DAEMON_CLIENTS_MAX 16         /**< most commands at a time; further ones are refused */
-#define DAEMON_SILENCE_SECONDS 5      /**< longest silence of a command's client */
-#define DAEMON_STOP_SECONDS 10        /**< longest orderly stop; then the process is ended */
-#define DAEMON_QUEUE_DEPTH 256        /**< messages of the loop's queue unless the table says */
-#define DAEMON_NAME_MAX 63            /**< longest name of a daemon in characters */
-#define DAEMON_REFUSED 1              /**< exit status: the daemon could not start */
-#define DAEMON_USAGE 2                /**< exit status: the command line is wrong */
+/** A daemon's file as printf() writes its path: its name, int switch, "cmd" (the command socket),
+ * "lock" or what daemon_own_file() was asked for. */
+#define DAEMON_FILE_FORMAT DAEMON_DIRECTORY "/%s.%d.%s"
+#define DAEMON_CLIENTS_MAX 16    /**< most commands at a time; further ones are refused */
+#define DAEMON_SILENCE_SECONDS 5 /**< longest silence of a command's client */
+#define DAEMON_STOP_SECONDS 10   /**< longest orderly stop; then the process is ended */
+#define DAEMON_QUEUE_DEPTH 256   /**< messages of the loop's queue unless the table says */
+#define DAEMON_NAME_MAX 63       /**< longest name of a daemon in characters */
+#define DAEMON_REFUSED 1         /**< exit status: the daemon could not start */
+#define DAEMON_USAGE 2           /**< exit status: the command line is wrong */
 
 /** First byte of the companion's own messages in the loop's queue; a daemon's have another one, and
  * not TIMER_MESSAGE_TYPE. */

@@ -25,6 +25,9 @@
 
 UTILS_BEGIN_DECLS
 
+#define IPC_SOCKET_DIRECTORY "/run/korin"
+/** A daemon's socket as printf() writes its path: int node, int switch, name. */
+#define IPC_SOCKET_FORMAT IPC_SOCKET_DIRECTORY "/%d.%d.%s.ipc"
 #define IPC_MESSAGE_SIZE 2048 /**< room for the request in a message to a handler */
 #define IPC_HANDLERS_MAX 32   /**< most message codes that a daemon registers */
 
@@ -34,8 +37,8 @@ UTILS_BEGIN_DECLS
  *                      later, from any thread, as long as the requester waits
  * @param code          the request's message code
  * @param message       a word that belongs to the platform, then IPC_MESSAGE_SIZE bytes: the
- *                      request, filled up with zeros. Valid and writable until the handler returns. Null for a request
- * without any bytes.
+ *                      request, filled up with zeros. Valid and writable until the handler
+ *                      returns. Null for a request without any bytes.
  * @return ignored
  */
 typedef int (*ipc_handler)(void *reply_address, int code, void *message);
