@@ -1,16 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the test programs share: captured output, child processes, files of the system image and a
-// settable clock. Everything here expects to run inside the sandbox.
+// settable clock. Everything here expects to run inside the sandbox. The standard headers that most
+// tests need come with it.
 #pragma once
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <functional>
+#include <random>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <tuple>
+#include <vector>
 
 #include "utils/testing.h"
 
