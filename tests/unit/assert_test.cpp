@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+// The reports of failed checks: switches, console, texts, values, wrappers, macros, the self-test.
 #include "utils/assert.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
-#include <cstdarg>
 #include <set>
 
 #include "support/crash.h"

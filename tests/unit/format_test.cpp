@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// The texts of format_text() against those of vsnprintf().
 #include "base/format.h"
-
-#include <random>
-#include <string>
 
 #include "support/support.h"
 

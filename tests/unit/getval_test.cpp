@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+// The typed value prompt: its dialogue for every type, at the end of the input and on a terminal.
 #include "utils/getval.h"
 
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
 
 #include "support/support.h"
 

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+// Hash tables against a model, with memory failing at every point; misuse; the printed overview.
 #include "utils/hash.h"
 
-#include <algorithm>
 #include <list>
 #include <map>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "support/support.h"
 

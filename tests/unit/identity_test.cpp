@@ -1,15 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+// Node, switch, slot and pic of the process, and the files of its start times.
 #include "utils/identity.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 
 #include "support/support.h"
 

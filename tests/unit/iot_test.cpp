@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// The watch thread: its table, its bounds, what it waits for and what ends it.
 #include "utils/iot.h"
-
-#include <unistd.h>
-
-#include <cstdarg>
-#include <thread>
-#include <vector>
 
 #include "support/support.h"
 

@@ -1,12 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// Checksums and zero blocks against their simple forms, for every length and every way to compute.
 #include "utils/iso_chksum.h"
-
-#include <algorithm>
-#include <cstdlib>
-#include <functional>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "fletcher.h"
 #include "support/support.h"

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+// The line coder and its decoder: exact streams, the described search, damaged input.
 #include "utils/log_compress.h"
 
 #include <deque>
-#include <random>
-#include <vector>
 
 #include "line_history.h"
 #include "support/log_stream.h"
