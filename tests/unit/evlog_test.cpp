@@ -159,7 +159,10 @@ TEST(EvlogArguments, NullAndForeignOnesAreRefused) {
     utils_testing_fail_call("open", 1, ENOENT, UTILS_TESTING_ONCE);
     platform_code = 0;
     EXPECT_EQ(qel_evlog_init(&db), -1);
-    EXPECT_NE(qel_evlog_newHandle(&db, 2, "usable", "u"), nullptr);
+    qel_evlog_handle *usable = qel_evlog_newHandle(&db, 2, "usable", "u");
+    qel_evlog_db other{};
+    EXPECT_EQ(qel_evlog_dbInsert(&other, usable), 0);
+    EXPECT_EQ(other.tail, usable);
     EXPECT_EQ(qel_evlog_free(&db), 0);
     std::vector<char> memory(400, 'x');
     for (void *log : {static_cast<void *>(nullptr), static_cast<void *>(memory.data())}) {
@@ -182,8 +185,9 @@ TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {
     refuse_section = false;
     EXPECT_THAT(captured(1, qel_evlog_test),
                 MatchesRegex("-------------\nevt log            :General 1\n(.*\n)*no "
-                             "verbose-------------\n(.*\n)*verbose-----------\n(.*\n)*" NOW
-                             "event 3 of 7\n" NOW "event 4 of 7\n(.*\n)*"));
+                             "verbose-------------\n([^0].*\n)*verbose-----------\n(.*\n)*"
+                             "total entries      :5\n(.*\n){3}" NOW "event 3 of 7\n(.*\n){3}" NOW
+                             "event 7 of 7\n-+\n"));
 }
 
 TEST(EvlogInAChild, NeitherItsDeathNorItsFreeStopsTheParent) {

@@ -124,7 +124,7 @@ TEST(LogCache, StampsFollowThreadsSecondsZonesAndForks) {
     });
 }
 
-TEST(LogCache, OverLongLinesAndNullNamesAbort) {
+TEST(LogCache, OverLongLinesAndNullNamesAbortAndNullTextsAreIgnored) {
     auto write = [](size_t length) {
         log_cache_write_string(std::string(length - stamp().size(), 'x').c_str());
     };
@@ -132,6 +132,11 @@ TEST(LogCache, OverLongLinesAndNullNamesAbort) {
     with_cache([&] { write(512); }, SIGABRT);
     with_cache([] { log_cache_write("%512s", "x"); }, SIGABRT);
     with_cache([] { log_cache_init(nullptr); }, SIGABRT);
+    with_cache([] {
+        log_cache_write_string(nullptr);
+        log_cache_write(nullptr);  // NOLINT(clang-diagnostic-nonnull)
+        EXPECT_EQ(dumped(), std::string(1, '\0'));
+    });
 }
 
 TEST(LogCache, DumpWritesThroughNoPlantedFile) {
@@ -152,6 +157,8 @@ TEST(LogCache, DumpWritesThroughNoPlantedFile) {
         }
         std::filesystem::remove("/tmp/cache");
         EXPECT_EQ(dumped(), stamp() + "secret\n" + '\0');
+        EXPECT_EQ(std::filesystem::status("/tmp/cache").permissions(),
+                  std::filesystem::perms{0644});
     });
 }
 
