@@ -206,7 +206,7 @@ TEST(Hash, RefusesNullsAndKeysWhoseBucketDoesNotExist) {
     EXPECT_EQ(ElfHash(reinterpret_cast<const unsigned char *>("ab"), -1), 0U);
 }
 
-TEST(Hash, PrintsBucketsOfMoreThanOneValue) {
+TEST(Hash, PrintsBucketsOfMoreThanOneValueAndSearchesThoseOfOtherTables) {
     hash_table *table = create_hash_table(pid_hash, pid_cmp);
     for (uintptr_t pid : {9U, 9U, 9U, 9U, 9U, 9U, 7U, 510U, 100U})
         add_to_hash(pid, 0, table);
@@ -214,6 +214,9 @@ TEST(Hash, PrintsBucketsOfMoreThanOneValue) {
     EXPECT_EQ(support::captured(1, [&] { print_hash_table(table); }),
               "print_hash_table: # buckets 503\n"
               "  buck 7, lst cnt 2, ele cnt 2\n  buck 9, lst cnt 2, ele cnt 6\n");
+    hash_table *other = create_hash_table(pid_hash, pid_cmp);
+    EXPECT_NE(get_header(9, &table->buckets[9], other), nullptr) << "a bucket of elsewhere";
+    free_hash_handle(other);
     free_hash_handle(table);
 }
 

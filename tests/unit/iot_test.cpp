@@ -98,6 +98,7 @@ TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
     ASSERT_EQ(iot_init(nullptr), 0);
     for (auto &ends : pipes)
         ASSERT_EQ(pipe(ends), 0);
+    close(std::exchange(pipes[kFirst][0], dup2(pipes[kFirst][0], 0)));
     for (int pipe : {kSecond, kFirst, kQuiet})
         ASSERT_EQ(iot_add(pipes[pipe][0], serve, pipe != kQuiet), 0);
     // In a word of its own, beyond those of the others; and one without a handler.
@@ -106,6 +107,8 @@ TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
     ASSERT_EQ(iot_add(pipes[kNobody][0], nullptr, 0), 0);
     ASSERT_EQ(iot_add(pipes[kHurry][0], held, 1), 0);
     const auto threads_before = threads_now();
+    utils_testing_fail_call("pthread_create", 1, EAGAIN, UTILS_TESTING_ONCE);
+    EXPECT_EQ(iot_start(), -1);
     ASSERT_EQ(iot_start(), 0);
     auto feed_all = [] {
         for (int pipe : {kFirst, kSecond, kQuiet})
