@@ -102,6 +102,16 @@ void replace_call(const char *function, Replacement replacement) {
         abort();
 }
 
+// Runs `body(0)` to `body(count - 1)`, each in a thread of its own, and waits for all.
+template <typename Body>
+void in_threads(int count, Body body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([=, &body] { body(i); });
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
 // Whether the programs run under an emulator, and its name as it gives it itself.
 bool emulated();
 std::string emulator();

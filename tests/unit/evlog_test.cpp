@@ -229,17 +229,12 @@ TEST(EvlogThreads, LoseNoEventWhileOthersDump) {
     platform_code = 26;
     ASSERT_EQ(qel_evlog_init(&db), 0);
     qel_evlog_handle *log = qel_evlog_newHandle(&db, 5000, "busy", "b");
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([=] {
-            for (int i = 0; i < kEvents; ++i)
-                qel_evlog(log, "%d %d\n", t, i);
-        });
-    }
-    for (int i = 0; i < 5; ++i)
-        dump_of(log);
-    for (std::thread &thread : threads)
-        thread.join();
+    support::in_threads(kThreads + 1, [=](int t) {
+        for (int i = 0; i < 5 && t == kThreads; ++i)
+            dump_of(log);
+        for (int i = 0; i < kEvents && t < kThreads; ++i)
+            qel_evlog(log, "%d %d\n", t, i);
+    });
     std::vector<int> next(kThreads);
     for (int entry = 0, t = 0, i = 0; entry < log->current; ++entry) {
         ASSERT_EQ(sscanf(log->entries[entry].text, "%d %d", &t, &i), 2);

@@ -153,20 +153,15 @@ TEST(Lst, FreeReleasesNodesAndHeaderCanBeUsedAgain) {
 
 TEST(Lst, StaysConsistentUnderEightThreads) {
     LIST list = made();
-    std::vector<std::vector<NODE>> nodes(8, std::vector<NODE>(4));
-    std::vector<std::thread> threads;
-    for (std::vector<NODE> &mine : nodes) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 2000; ++round) {
-                for (NODE &node : mine)
-                    round % 2 == 0 ? lstAdd(&list, &node) : lstInsert(&list, nullptr, &node);
-                for (NODE &node : mine)
-                    ASSERT_EQ(lstRemove(&list, &node), 1);
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
+    support::in_threads(8, [&](int) {
+        NODE nodes[4] = {};
+        for (int round = 0; round < 2000; ++round) {
+            for (NODE &node : nodes)
+                round % 2 == 0 ? lstAdd(&list, &node) : lstInsert(&list, nullptr, &node);
+            for (NODE &node : nodes)
+                ASSERT_EQ(lstRemove(&list, &node), 1);
+        }
+    });
     expect_holds(list, {});
 }
 
