@@ -65,6 +65,8 @@ TEST(Identity, NumbersComeFromTheEnvironmentOnceAndBadOnesAreZero) {
 
 TEST(Identity, SetMySwitchChangesThisProcessAndThoseItStarts) {
     support::Ending ending = support::in_child([] {
+        unsetenv(IDENTITY_ENV_SWITCH);
+        EXPECT_EQ(getMySwitch(), 0);  // known from here on
         for (auto [set, n, result] : {std::tuple(&setMySwitch, 7, 0),
                                       {&setMySwitch, 241, -7},
                                       {&setMySwitch, -1, -7},
