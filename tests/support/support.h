@@ -1,16 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the test programs share: captured output, child processes, files of the system image and a
-// settable clock. Everything here expects to run inside the sandbox.
+// settable clock. Everything here expects to run inside the sandbox. The standard headers that most
+// tests need come with it.
 #pragma once
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <functional>
+#include <random>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <tuple>
+#include <vector>
 
 #include "utils/testing.h"
 
@@ -84,6 +100,16 @@ void replace_call(const char *function, Replacement replacement) {
     auto *own = reinterpret_cast<utils_testing_replacement *>(+replacement);
     if (utils_testing_replace_call(function, own) != 0)
         abort();
+}
+
+// Runs `body(0)` to `body(count - 1)`, each in a thread of its own, and waits for all.
+template <typename Body>
+void in_threads(int count, Body body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([=, &body] { body(i); });
+    for (std::thread &thread : threads)
+        thread.join();
 }
 
 // Whether the programs run under an emulator, and its name as it gives it itself.

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+// The reports of failed checks: switches, console, texts, values, wrappers, macros, the self-test.
 #include "utils/assert.h"
 
-#include <unistd.h>
+#include <dlfcn.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstdarg>
 #include <set>
 
 #include "support/crash.h"
@@ -83,21 +81,45 @@ TEST(Assert, SwitchFilesMustHoldExactlyOnAndANewline) {
 
 TEST(Assert, BoundsItsTextsAndItsCount) {
     set_switches("", "");
-    std::string head = "VERIFY - Failed expression: ", e(300, 'e'),
-                cut = head + e.substr(head.size() + 45);
-    std::tuple<const char *, const char *, unsigned, std::string> cases[] = {
-        {"e", "f", 11u << 24 | 0xFFFFFF, head + "e,         file = f, line = 16777215, user mode "},
+    const std::string head = "VERIFY - Failed expression: ", e(300, 'e');
+    const struct {
+        const char *expr, *file;
+        unsigned info;
+        std::string text;
+    } cases[] = {
+        {"e", "f", 11u << 24 | 0xFFFFFF, "e,         file = f, line = 16777215, user mode "},
         {"e", nullptr, 15u << 24,
-         head + "e,         file = unavailable(null pointer), line = 0, user mode "},
-        {nullptr, "f", 3,
-         head + "unavailable(null pointer),         file = f, line = 3, user mode "},
-        {e.c_str(), "f", 3, cut},
+         "e,         file = unavailable(null pointer), line = 0, user mode "},
+        {nullptr, "f", 3, "unavailable(null pointer),         file = f, line = 3, user mode "},
+        {e.c_str(), "f", 3, e.substr(head.size() + 45)},
     };
-    for (auto &c : cases) {
-        auto report = [&] { do_assert(std::get<0>(c), std::get<1>(c), std::get<2>(c), 1u, 2u); };
-        EXPECT_THAT(captured(2, report), HasSubstr("0141000D " + std::get<3>(c) + "|"));
+    for (const auto &c : cases)
+        EXPECT_THAT(captured(2, [&] { do_assert(c.expr, c.file, c.info, 1u, 2u); }),
+                    HasSubstr("0141000D " + head + c.text + "|"));
+    EXPECT_THAT(support::read_file(kConsole),
+                HasSubstr(head + cases[3].text + "Call backtrace:\n"));
+}
+
+// The platform's own log, which stands behind the one above.
+TEST(RasEvent, IsOneLineHoweverLongItsTexts) {
+    if (!support::is_stand_in("rasevt_log"))
+        GTEST_SKIP() << "where events go is the platform's own";
+    auto log = reinterpret_cast<decltype(&rasevt_log)>(dlsym(RTLD_NEXT, "rasevt_log"));
+    const std::string x(5000, 'x'), event = "0x0141000D f:g:7 ";
+    const struct {
+        const char *function;
+        std::string text, shown;
+    } cases[] = {{"g", "a\nb\r\n", event + "a b"},
+                 {"g", x, event + x.substr(0, 639 - event.size())},
+                 {x.c_str(), "", "0x0141000D f:" + x.substr(0, 626)}};
+    for (const auto &c : cases) {
+        unlink("/var/log/rasevt");
+        EXPECT_EQ(log("f", c.function, 7, 0, 0, RASEVT_ASSERT_MESSAGE, c.text.c_str()), 0);
+        std::string line = support::read_file("/var/log/rasevt");
+        EXPECT_EQ(line.substr(std::min(line.find("] "), line.size())), "] " + c.shown + "\n");
     }
-    EXPECT_THAT(support::read_file(kConsole), HasSubstr(cut + "Call backtrace:\n"));
+    EXPECT_EQ(log(nullptr, nullptr, 7, 0, 0, RASEVT_ASSERT_MESSAGE, nullptr), 0);
+    EXPECT_THAT(support::read_file("/var/log/rasevt"), testing::EndsWith("] 0x0141000D ::7\n"));
 }
 
 TEST(Assert, WrappersPassTheirValuesAndReportTheirOwnLine) {

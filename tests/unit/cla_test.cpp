@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+// The filter of command lines, and the parsers of numbers, slots, pics, ports and packed arguments.
 #include "utils/cla.h"
 
-#include <algorithm>
-#include <cstring>
 #include <map>
 #include <memory>
-#include <random>
-#include <vector>
 
 #include "support/support.h"
 
@@ -34,94 +31,51 @@ struct Args {
     std::vector<std::unique_ptr<char, void (*)(void *)>> owned{};
 };
 
-// Handlers of the randomized run note every call and accept what their argument says: 'n': nothing,
-// 'd': texts that begin with a digit, 'e': everything.
-std::vector<std::pair<void *, std::string>> calls;
-
-int note_and_judge(const char *text, void *arg) {
-    calls.emplace_back(arg, text);
-    char accepts = *static_cast<char *>(arg);
-    return accepts == 'e' || (accepts == 'd' && isdigit(text[0])) ? 0 : 1;
+// Notes each call as "name=text" and accepts what the name says: d, texts that begin with a digit,
+// e, everything, n, nothing.
+std::string calls;
+template <char name>
+int judge(const char *text, void *) {
+    (calls += name) += "=" + std::string(text) + " ";
+    return name == 'e' || (name == 'd' && isdigit(text[0])) ? 0 : 1;
 }
 
-// The walk over one argument, on plain strings: how many words it takes.
-size_t model_takes(const std::vector<claFltrEntry> &table, const Words &words, size_t at) {
-    std::string rest = words[at].substr(1);
-    for (const claFltrEntry &entry : table) {
-        if (entry.handler == nullptr)
-            break;
-        bool is_long = rest.rfind('-', 0) == 0;
-        if (is_long ? entry.name == nullptr || rest.substr(1) != entry.name
-                    : rest.empty() || rest[0] != entry.letter)
-            continue;
-        if (!is_long)
-            rest.erase(0, 1);
-        bool attached = !is_long && !rest.empty();
-        if (!attached && at + 1 == words.size())
-            continue;
-        const std::string &value = attached ? rest : words[at + 1];
-        if (note_and_judge(value.c_str(), entry.arg) == 0)
-            return attached ? 1 : 2;
+TEST(ClaFltr, TakesWhatHandlersAcceptAtEachRecordInTurn) {
+    claFltrEntry table[] = {
+        {'s', "switch", judge<'d'>, nullptr}, {'a', nullptr, judge<'n'>, nullptr},
+        {'\0', "", judge<'e'>, nullptr},      {'b', "sw", judge<'e'>, nullptr},
+        {'a', "a", judge<'d'>, nullptr},      {'x', "x", nullptr, nullptr}};
+    const struct {
+        Words before, after;
+        std::string calls;
+    } cases[] = {{{"/bin/t", "-s", "2", "x", "-s3", "y/z"}, {"t", "x", "y/z"}, "d=2 d=3 "},
+                 {{"t", "--switch", "7", "--a", "8", "--switch"}, {"t", "--switch"}, "d=7 d=8 "},
+                 {{"t", "--swit", "1", "switch", "1", "-x1"},
+                  {"t", "--swit", "1", "switch", "1", "-x1"},
+                  ""},
+                 {{"t", "-s", "x", "-b", "x"}, {"t", "-s", "x"}, "d=x e=x "},
+                 {{"t", "-sb1", "-ab-"}, {"t"}, "d=b1 e=1 n=b- e=- "},  // a refusal moves the place
+                 {{"t", "-a", "9"}, {"t", "-a", "9"}, "n=9 "},
+                 {{"t", "-sa", "9"}, {"t", "-sa", "9"}, "d=a n=9 "},
+                 {{"t", "-aa", "9"}, {"t"}, "n=a d=9 "},
+                 {{"t", "--", "x", "y"}, {"t", "y"}, "e=x "},
+                 {{"t", "-s-", "x"}, {"t"}, "d=- e=x "},
+                 {{"t", "-", "x", ""}, {"t", "-", "x", ""}, ""},
+                 {{"t", "--sw", "-b", "-b"}, {"t", "-b"}, "e=-b "},
+                 {{}, {}, ""}};
+    for (const auto &c : cases) {
+        Args args(c.before);
+        calls = "";
+        EXPECT_EQ(claFltr(table, &args.argc, args.argv.data()), 0);
+        EXPECT_EQ(args.words(), c.after);
+        EXPECT_EQ(calls, c.calls) << testing::PrintToString(c.before);
     }
-    return 0;
-}
-
-TEST(ClaFltr, AgreesWithAPlainWalkOverRandomTablesAndArguments) {
-    std::mt19937 random(3);
-    auto pick = [&](size_t below) { return random() % below; };
-    auto text = [&](const char *letters, size_t longest) {
-        std::string result;
-        for (size_t n = pick(longest + 1); n > 0; --n)
-            result += letters[pick(strlen(letters))];
-        return result;
-    };
-    size_t taken_in_all = 0;
-    const size_t rounds = support::emulated() ? 5000 : 50000;
-    for (size_t round = 0; round < rounds; ++round) {
-        const char *names[] = {"a", "s", "sw", "-s", "", nullptr};
-        char rules[4];
-        std::vector<claFltrEntry> table;
-        for (size_t n = 0, count = 1 + pick(4); n < count; ++n) {
-            rules[n] = "nde"[pick(3)];
-            table.push_back({"as-\0"[pick(4)], names[pick(6)], note_and_judge, &rules[n]});
-        }
-        table.push_back({'s', "s", nullptr, nullptr});
-        Words words = {text("a/", 4)};
-        for (size_t n = pick(6); n > 0; --n)
-            words.push_back((pick(4) != 0 ? "-" : "") + text("-as1w", 4));
-        Args args(words);
-        calls.clear();
-        ASSERT_EQ(claFltr(table.data(), &args.argc, args.argv.data()), 0);
-        auto seen = std::exchange(calls, {});
-        words[0] = words[0].substr(words[0].find_last_of('/') + 1);
-        for (size_t at = 1; at < words.size();) {
-            size_t taken = words[at][0] == '-' ? model_takes(table, words, at) : 0;
-            auto first = words.begin() + static_cast<long>(at);
-            words.erase(first, first + static_cast<long>(taken));
-            at += taken == 0;
-            taken_in_all += taken;
-        }
-        ASSERT_EQ(args.words(), words);
-        ASSERT_EQ(seen, calls);
-    }
-    EXPECT_GT(taken_in_all, rounds / 10);
-}
-
-TEST(ClaFltr, TakesOptionsWithTheReadyMadeHandlersAndRefusesBadTables) {
-    int32_t number = -1;
-    int16_t small = -1;
-    claFltrEntry table[] = {{'s', "switch", clafGetInt, &number},
-                            {'p', "pic", clafGetShort, &small},
-                            {0, nullptr, nullptr, nullptr}};
-    Args args(Words{"/bin/tool", "-s", "2", "x", "-s3", "--pic", "65537", "-s", "abc", "--swit",
-                    "1", "-", "-p"});
-    char **argv = args.argv.data();
-    EXPECT_EQ((std::vector{claFltr(table, &args.argc, argv), claFltr(nullptr, &args.argc, argv),
-                           claFltr(table + 2, &args.argc, argv), claFltr(table, nullptr, argv),
-                           claFltr(table, &args.argc, nullptr)}),
-              (std::vector{0, -7, -7, -7, -7}));
-    EXPECT_EQ(args.words(), (Words{"tool", "x", "-s", "abc", "--swit", "1", "-", "-p"}));
-    EXPECT_TRUE(number == 3 && small == 1);
+    int argc = 0;
+    char *argv[] = {nullptr};
+    EXPECT_EQ(claFltr(nullptr, &argc, argv), -7);
+    EXPECT_EQ(claFltr(table + 5, &argc, argv), -7);
+    EXPECT_EQ(claFltr(table, nullptr, argv), -7);
+    EXPECT_EQ(claFltr(table, &argc, nullptr), -7);
 }
 
 TEST(Claf, NumbersBeginWithADigitAndEndAtASeparator) {
@@ -140,19 +94,27 @@ TEST(Claf, NumbersBeginWithADigitAndEndAtASeparator) {
             int16_t small = -5;
             EXPECT_EQ(clafGetInt(text, &number), value == -5 ? 1 : 0) << text;
             EXPECT_EQ(clafGetShort(text, &small), value == -5 ? 1 : 0) << text;
-            EXPECT_TRUE(number == value && small == static_cast<int16_t>(value)) << text;
+            EXPECT_EQ(number, value) << text;
+            EXPECT_EQ(small, static_cast<int16_t>(value)) << text;
         }
     }
-    EXPECT_EQ(clafGetInt(nullptr, nullptr), 1);
+    char number[] = "12";
+    for (auto parse : {clafGetInt, clafGetShort}) {
+        EXPECT_EQ(parse(nullptr, nullptr), 1);
+        EXPECT_EQ(parse(number, nullptr), 0);
+    }
 }
 
 TEST(Claf, ArgPresentIgnoresCaseAndLooksAtEveryWord) {
     Args args(Words{"Tool", "-X", "fast"});
-    char **argv = args.argv.data();
-    EXPECT_EQ((std::vector{clafArgPresent(3, argv, "tOOL"), clafArgPresent(3, argv, "FAST"),
-                           clafArgPresent(2, argv, "fast"), clafArgPresent(3, argv, "fas"),
-                           clafArgPresent(0, argv, "fast")}),
-              (std::vector{1, 1, 0, 0, -7}));
+    for (auto [argc, word, found] : {std::tuple(3, "tOOL", 1),
+                                     {3, "FAST", 1},
+                                     {2, "fast", 0},
+                                     {3, "fas", 0},
+                                     {3, nullptr, 0},
+                                     {0, "fast", -7}})
+        EXPECT_EQ(clafArgPresent(argc, args.argv.data(), word), found) << argc;
+    EXPECT_EQ(clafArgPresent(1, nullptr, "fast"), -7);
 }
 
 constexpr int kNo = -99;
@@ -192,7 +154,8 @@ TEST(Claf, SlotsPicsAndPortsAreSplit) {
                               : clafSlotSlashPort(args.argc, argv, &found[0]);
         EXPECT_EQ(result, expected);
         EXPECT_EQ(args.words(), after);
-        EXPECT_TRUE(found[0] == slot && found[1] == pic) << testing::PrintToString(before);
+        EXPECT_EQ(found[0], slot) << testing::PrintToString(before);
+        EXPECT_EQ(found[1], pic) << testing::PrintToString(before);
     }
 }
 

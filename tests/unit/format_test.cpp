@@ -1,46 +1,40 @@
 // SPDX-License-Identifier: Apache-2.0
+// The texts of format_text() against those of vsnprintf().
 #include "base/format.h"
-
-#include <random>
-#include <string>
 
 #include "support/support.h"
 
 namespace {
 
-struct Text {
-    int length;
-    std::string bytes;  // with what stands behind the terminator
-    bool operator==(const Text &) const = default;
-};
-void PrintTo(const Text &text, std::ostream *out) {
-    *out << text.length << " " << testing::PrintToString(text.bytes);
-}
-
 using Formatter = int (*)(char *, size_t, const char *, va_list);
 
-// The text in a block of `size` bytes.
-Text formatted(Formatter formatter, size_t size, const char *format, ...) {
-    Text text{0, std::string(size, '\x5A')};
+// The length, and the text with what stands behind it in a block of `size` bytes.
+std::pair<int, std::string> formatted(Formatter formatter, size_t size, const char *format, ...) {
+    std::string block(size, '\x5A');
     va_list values;
     va_start(values, format);
-    text.length = formatter(text.bytes.data(), size, format, values);
+    int length = formatter(block.data(), size, format, values);
     va_end(values);
-    return text;
+    return {length, block};
 }
 
 // A directive, simple or not, that takes a text or an int.
 std::string directive(std::mt19937 &random, bool takes_text) {
-    std::string flags[] = {"", "", "-", "0", "-0", "0-", "+", "#", " "}, text = "%";
-    std::string widths[] = {"", "", "1", "3", "12", "40", "0", "007"};
-    std::string precisions[] = {"", "", "", "", ".", ".0", ".3"};
-    text += flags[random() % (takes_text ? 3 : 9)] + widths[random() % (takes_text ? 6 : 8)];
+    auto one_of = [&](std::initializer_list<const char *> all) {
+        return std::string(all.begin()[random() % all.size()]);
+    };
+    std::string precision = one_of({"", "", "", "", ".", ".0", ".3"});
     if (takes_text)
-        return text + precisions[random() % 7] + "s";
-    char conversion = "duxcduxcduxciXo"[random() % 15];
-    if (conversion == 'c')
-        return text.find_first_of("0+# ") == text.npos ? text + "c" : "%c";
-    return text + precisions[random() % 7] + conversion;
+        return "%" + one_of({"", "", "-"}) + one_of({"", "", "1", "3", "12", "40"}) + precision +
+               "s";
+    std::string flags = one_of({"", "", "-", "0", "-0", "0-", "+", "#", " "});
+    std::string width = one_of({"", "", "1", "3", "12", "40", "0", "007"});
+    std::string conversion = one_of({"d", "u", "x", "d", "u", "x", "c", "i", "X", "o"});
+    if (conversion == "c")  // takes no other flags, and no precision
+        return (flags == "-" || flags.empty()) && width != "0" && width != "007"
+                   ? "%" + flags + width + "c"
+                   : "%c";
+    return "%" + flags + width + precision + conversion;
 }
 
 TEST(Format, GivesTheTextOfVsnprintf) {

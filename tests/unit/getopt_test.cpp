@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+// The option scanner, by the calls that it makes.
 #include "utils/getopt.h"
-
-#include <vector>
 
 #include "support/support.h"
 

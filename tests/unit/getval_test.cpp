@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+// The typed value prompt: its dialogue for every type, at the end of the input and on a terminal.
 #include "utils/getval.h"
 
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
 
 #include "support/support.h"
 
@@ -101,7 +98,7 @@ const std::pair<Question, std::vector<Case>> kNumbers[] = {
     {{7, 0, 0xffffff, 256, 0x10200, "L: (0x0..0xffffff) [10200] 0x",
       "port ID must be between 0x0 and 0xffffff - please re-enter\n",
       "integer must be a multiple of 256 - please re-enter\n"},
-     {{"0x10100\n", "", 0x10100}, {"a\n1000000\n1g\n10101\n0a00\n", "aram", 0xa00}}},
+     {{"0x10100\n", "", 0x10100}, {"a\n0xg1\n1000000\n1g\n10101\n0a00\n", "aaram", 0xa00}}},
     {{16, 1, 200, 5, 40, "L: (1..200) [40] ",
       "integer must be between 1 and 200 - please re-enter\n",
       "Invalid key length [64]. Must be 40, 56, or 128.\n"},
@@ -184,7 +181,8 @@ TEST(GetVal, BadArgumentsReservedTypesAndTheEndOfTheInputAskNothing) {
         EXPECT_EQ(printed_by(bad, "4\n", &result), "");
         EXPECT_EQ(result, -1);
     }
-    EXPECT_EQ(getval(nullptr, &desc) + getval("L", nullptr), -2);
+    EXPECT_EQ(getval(nullptr, &desc), -1);
+    EXPECT_EQ(getval("L", nullptr), -1);
     for (int type : {-1, 0, 8, 9, 10, 14, 17, 18, 19, 20, 24}) {
         EXPECT_EQ(printed_by({type, &value, 0, 9, 1}, "4\n", &result), "");
         EXPECT_EQ(result, 0);
@@ -197,14 +195,14 @@ TEST(GetVal, BadArgumentsReservedTypesAndTheEndOfTheInputAskNothing) {
 
 TEST(GetVal, TalksToATerminalAndMakesBackspaceItsEraseCharacter) {
     // Without echo, so that all output is the call's.
-    termios before{}, during{}, after{};
-    before.c_cflag = CS8 | CREAD;
-    before.c_lflag = ICANON;
-    before.c_cc[VERASE] = 0x7f;
-    before.c_cc[VEOF] = 4;
-    int master = -1;
+    termios terminal{};
+    terminal.c_cflag = CS8 | CREAD;
+    terminal.c_lflag = ICANON;
+    terminal.c_cc[VERASE] = 0x7f;
+    terminal.c_cc[VEOF] = 4;
+    int master = -1, status = -1;
     ASSERT_NE(freopen("/dev/null", "r", stdin), nullptr);
-    pid_t child = forkpty(&master, nullptr, &before, nullptr);
+    pid_t child = forkpty(&master, nullptr, &terminal, nullptr);
     if (child == 0) {
         int32_t number = 7;
         char text[7] = "old";
@@ -216,37 +214,30 @@ TEST(GetVal, TalksToATerminalAndMakesBackspaceItsEraseCharacter) {
         fflush(stdout);
         _exit(getval("port", &port));
     }
-    auto shows = [&](const std::string &expected) {
-        std::string seen;
-        for (char c = 0; seen.size() < expected.size() && read(master, &c, 1) == 1;)
-            seen += c;
-        EXPECT_EQ(seen, expected);
-    };
-    auto type = [&](const std::string &keys) {
+    terminal.c_cc[VERASE] = 0x08;
+    // What is typed, and what it makes the call show.
+    const std::pair<std::string, std::string> dialogue[] = {
+        {"", "port: (0..100) [7] "},
+        {"1234\n", "integer must be between 0 and 100 - please re-enter\nport: (0..100) [7] "},
+        // The Enter of the next prompt is typed ahead.
+        {"9x\b\b12\n\n", "=1 12 old\nport: (0..100) [12] =0 12 old\nname: [old] "},
+        {line_of(500, 'x'), "string size must be between 1 and 6 - please re-enter\nname: [old] "},
+        {"new\n", "=1 12 new\nport: (0..100) [12] "},
+        {"\4", "=0 12 new\n"}};  // the end of the input, which stays
+    for (const auto &[keys, shown] : dialogue) {
         EXPECT_EQ(write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-    };
-    shows("port: (0..100) [7] ");
-    EXPECT_EQ(tcgetattr(master, &during), 0);
-    type("1234\n");
-    shows("integer must be between 0 and 100 - please re-enter\nport: (0..100) [7] ");
-    type("9x\b\b12\n\n");  // the Enter of the next prompt is typed ahead
-    shows("=1 12 old\nport: (0..100) [12] =0 12 old\nname: [old] ");
-    type(line_of(500, 'x'));
-    shows("string size must be between 1 and 6 - please re-enter\nname: [old] ");
-    type("new\n");
-    shows("=1 12 new\nport: (0..100) [12] ");
-    EXPECT_EQ(tcgetattr(master, &after), 0);
-    type("\4");  // the end of the input, which stays
-    shows("=0 12 new\n");
-    int status = -1;
+        std::string seen;
+        for (char c = 0; seen.size() < shown.size() && read(master, &c, 1) == 1;)
+            seen += c;
+        EXPECT_EQ(seen, shown);
+        termios now{};
+        EXPECT_EQ(tcgetattr(master, &now), 0);
+        EXPECT_EQ(memcmp(terminal.c_cc, now.c_cc, sizeof now.c_cc), 0);
+        EXPECT_EQ(terminal.c_lflag, now.c_lflag);
+    }
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     close(master);
-    before.c_cc[VERASE] = 0x08;
-    for (const termios &seen : {during, after}) {
-        EXPECT_EQ(memcmp(before.c_cc, seen.c_cc, sizeof seen.c_cc), 0);
-        EXPECT_EQ(before.c_lflag, seen.c_lflag);
-    }
 }
 
 }  // namespace

@@ -1,15 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+// Node, switch, slot and pic of the process, and the files of its start times.
 #include "utils/identity.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 
 #include "support/support.h"
 
@@ -42,7 +36,11 @@ TEST(Identity, NodeIsFiveOnlyWhenTheFileSaysSo) {
         support::write_file("/config/haconfig", file);
         if (file == "none")
             unlink("/config/haconfig");
-        support::Ending ending = support::in_child([] { return myNode() * 10 + peerNode(); });
+        support::Ending ending = support::in_child([] {
+            int node = myNode();
+            unlink("/config/haconfig");  // which is read once
+            return node * 10 + peerNode();
+        });
         EXPECT_EQ(ending.status, nodes);
         EXPECT_EQ(ending.err, file != "none" ? "" : "open haconfig:: No such file or directory\n");
     }
@@ -67,12 +65,20 @@ TEST(Identity, NumbersComeFromTheEnvironmentOnceAndBadOnesAreZero) {
 
 TEST(Identity, SetMySwitchChangesThisProcessAndThoseItStarts) {
     support::Ending ending = support::in_child([] {
-        bool right = setMySwitch(7) == 0 && setMySwitch(241) == -7 && setMySwitch(-1) == -7 &&
-                     exportMySwitch(241) == -7 && exportMySwitch(3) == 0;
+        unsetenv(IDENTITY_ENV_SWITCH);
+        EXPECT_EQ(getMySwitch(), 0);  // known from here on
+        for (auto [set, n, result] : {std::tuple(&setMySwitch, 7, 0),
+                                      {&setMySwitch, 241, -7},
+                                      {&setMySwitch, -1, -7},
+                                      {&exportMySwitch, 241, -7},
+                                      {&exportMySwitch, 3, 0}})
+            EXPECT_EQ(set(n), result) << n;
         formatting_fails = true;
-        right = right && setMySwitch(8) == -1 && getMySwitch() == 7;
+        EXPECT_EQ(setMySwitch(8), -1);
+        formatting_fails = false;
+        EXPECT_EQ(getMySwitch(), 7);
         fflush(stdout);
-        return right ? system("echo $KORIN_SWITCHNO") : 1;
+        return testing::Test::HasFailure() ? 1 : system("echo $KORIN_SWITCHNO");
     });
     EXPECT_EQ(ending.status, 0);
     EXPECT_EQ(
@@ -91,8 +97,11 @@ TEST(Identity, HandlersStoreWhatTheyAccept) {
         EXPECT_EQ(value, stored) << text;
     }
     int16_t number[] = {-5, -5};
-    EXPECT_EQ(clafMySwitch("65537", number) + clafMySwitch("3", nullptr), -14);
-    EXPECT_TRUE(number[0] == 1 && number[1] == -5);
+    EXPECT_EQ(clafMySwitch("65537", number), -7);
+    EXPECT_THAT(number, testing::ElementsAre(1, -5));
+    EXPECT_EQ(clafMySwitch("3", nullptr), -7);
+    EXPECT_EQ(clafMyPic(nullptr, number), 1);
+    EXPECT_EQ(clafMyPic("a", nullptr), 0);
 }
 
 TEST(Identity, StartTimeIsACopyOfTheUptimeThatKeepsALongerTail) {
@@ -101,7 +110,8 @@ TEST(Identity, StartTimeIsACopyOfTheUptimeThatKeepsALongerTail) {
     float up = 0, idle = 0;
     EXPECT_EQ(sscanf(support::read_file(kFirst).c_str(), "%f %f\n", &up, &idle), 2);
     struct stat status {};
-    EXPECT_EQ(stat(kFirst, &status) | access(kSecond, F_OK), -1);
+    EXPECT_EQ(stat(kFirst, &status), 0);
+    EXPECT_EQ(access(kSecond, F_OK), -1);
     EXPECT_EQ(status.st_mode & 0777, 0644U);
 
     static const char *uptime_file = "/tmp/uptime";
@@ -121,7 +131,8 @@ TEST(Identity, StartTimeIsACopyOfTheUptimeThatKeepsALongerTail) {
     EXPECT_EQ(support::read_file(kFirst), long_text);
     EXPECT_EQ(support::read_file(kSecond), "12.3 4\n" + long_text.substr(7));
 
-    EXPECT_EQ(setSwitchStarttime(2) + setSwitchStarttime(-1), -2);
+    EXPECT_EQ(setSwitchStarttime(2), -1);
+    EXPECT_EQ(setSwitchStarttime(-1), -1);
     unlink(kFirst);
     unlink(kSecond);
     uptime_file = "/tmp";  // opens, but cannot be read

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+// Argument blocks: carried inline and in segments, bad ones, failures.
 #include "utils/ipc_args.h"
 
 #include <sys/shm.h>
-
-#include <tuple>
-#include <vector>
 
 #include "support/wire.h"
 
