@@ -92,11 +92,12 @@ TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         for (auto &end : seen.ends) {
             EXPECT_EQ(pipe2(end, O_CLOEXEC), 0);
             EXPECT_EQ(daemon_watch(end[0], DAEMON_READABLE, on_pipe, end), 0);
-            EXPECT_EQ(write(end[1], "x", 1), 1);
         }
         const char message[TIMER_MESSAGE_LENGTH] = {77};
         for (int i = 0; i < 10; ++i)
             seen.refused += msgQSend(daemon_queue(), message, sizeof message) != 0;
+        for (auto &end : seen.ends)
+            EXPECT_EQ(write(end[1], "x", 1), 1);
         auto deferred = [](void *) {
             ++seen.deferred;
             seen.alien += pthread_equal(seen.loop, pthread_self()) == 0;

@@ -466,6 +466,30 @@ TEST(Loop, ServesWhatIsWatchedAndEndsWhenItIsAsked) {
     for (int i = 0; i < 5; ++i)
         EXPECT_EQ(ioss_create(loop, poll, 0, 0, 0), i < 4 ? 0 : -1);
     EXPECT_EQ(errno, ENOSPC);
+    static int waited;
+    static ioss_loop *waiting;
+    waiting = loop;
+    utils_testing_set_clock(CLOCK_MONOTONIC, kSecond);
+    replace_call("poll", [](pollfd *, nfds_t, int limit_ms) {
+        waited = limit_ms;
+        ioss_stop(waiting);
+        errno = EINTR;
+        return -1;
+    });
+    for (auto [limit, poll_ms, expected] :
+         {std::tuple(1000, 7, 7), {1000, 5000, 1000}, {1000, 0, 1000}, {-1, 7, 7}, {-1, 0, -1}}) {
+        wanted = poll_ms;
+        EXPECT_EQ(ioss_run(loop, limit), 0);
+        EXPECT_EQ(waited, expected) << limit << " " << poll_ms;
+    }
+    utils_testing_replace_call("poll", nullptr);
+    utils_testing_release_clock(CLOCK_MONOTONIC);
+    EXPECT_EQ(ioss_run(loop, 0), 0);
+    utils_testing_fail_call("poll", 1, ENOMEM, 1);
+    EXPECT_EQ(ioss_run(loop, -1), -1);
+    utils_testing_fail_call("eventfd", 1, EMFILE, 1);
+    EXPECT_EQ(ioss_loop_create(), nullptr);
+    wanted = 1;
     std::thread runner([&] { EXPECT_EQ(ioss_run(loop, -1), 0); });
     EXPECT_TRUE(eventually([] { return polls > 40; })) << "each millisecond";
     wanted = 0;
