@@ -60,7 +60,7 @@ struct Companion : testing::Test {
 struct Seen {
     int ends[40][2];
     std::set<int> served;
-    int messages, refused, deferred, alien;
+    int messages, refused, deferred, alien, stopped;
     pthread_t loop;
 } seen;
 
@@ -111,6 +111,7 @@ TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         stop_when_seen();
     };
     table.stop = [](void *) {
+        ++seen.stopped;
         EXPECT_EQ(seen.messages, 5);
         EXPECT_EQ(seen.refused, 5);
         EXPECT_EQ(seen.alien, 0) << "not on the loop's thread";
@@ -119,7 +120,10 @@ TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         EXPECT_EQ(daemon_watch(open("/dev/null", O_RDONLY | O_CLOEXEC), 8, on_pipe, nullptr), -22);
         EXPECT_EQ(daemon_defer([](void *) {}, nullptr), -11);
     };
-    EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(run(table), 7); }));
+    EXPECT_TRUE(passes_in_child([&] {
+        EXPECT_EQ(run(table), 7);
+        EXPECT_EQ(seen.stopped, 1);
+    }));
 }
 
 TEST_F(Companion, WrongCommandLinesAndRefusalsEndWithTheirStatus) {
