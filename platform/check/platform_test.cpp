@@ -36,20 +36,30 @@ struct Semaphore {
     operator semaphore_t *() { return &record; }
 };
 
-void init() {
+#define MUST(function)                             \
+    void must_##function();                        \
+    TEST(Platform, function) {                     \
+        EXPECT_TRUE(support::passes_in_child([&] { \
+            alarm(10);                             \
+            must_##function();                     \
+        })) << #function;                          \
+    }                                              \
+    void must_##function()
+
+MUST(semaphore_init) {
     semaphore_t record{};
     EXPECT_EQ(semaphore_init(&record), 0);
     EXPECT_EQ(semaphore_value(&record), 1);
     EXPECT_EQ(semaphore_destroy(&record), 0);
 }
 
-void down() {
+MUST(semaphore_down) {
     Semaphore sem(2);
     EXPECT_EQ(semaphore_down(sem), 0);
     EXPECT_EQ(semaphore_value(sem), 1);
 }
 
-void down_to() {
+MUST(semaphore_down_to) {
     Semaphore sem(1);
     EXPECT_EQ(semaphore_down_to(sem, 1000), 0);
     int64_t begin = monotonic_ms();
@@ -59,7 +69,7 @@ void down_to() {
 }
 
 // Each of the two waits for the other, whoever comes first.
-void up() {
+MUST(semaphore_up) {
     Semaphore ball(0), goal(0);
     std::thread other([&] {
         for (int i = 0; i < 200; ++i)
@@ -73,7 +83,7 @@ void up() {
     EXPECT_EQ(semaphore_value(goal), 0);
 }
 
-void value_and_count() {
+MUST(semaphore_value_and_count) {
     Semaphore sem(3);
     EXPECT_EQ(semaphore_value(sem), 3);
     EXPECT_EQ(semaphore_count(sem, -2), 0);
@@ -85,7 +95,7 @@ void value_and_count() {
 }
 
 // Whoever has taken it may destroy it while the one who raised it is still inside.
-void destroy() {
+MUST(semaphore_destroy) {
     for (int i = 0; i < 300; ++i) {
         semaphore_t record{};
         semaphore_init(&record);
@@ -98,7 +108,7 @@ void destroy() {
     }
 }
 
-void context() {
+MUST(ep_context_and_sizeof_geps) {
     unsigned size = sizeof_geps();
     EXPECT_LE(size, 256u);
     std::string mine(size, 'm'), theirs(size, 't'), seen(size, '\0');
@@ -114,7 +124,7 @@ void context() {
     EXPECT_EQ(ep_context(nullptr, nullptr), 0);
 }
 
-void messages() {
+MUST(ipcSendRcv_and_ipcSend) {
     ipc_address nobody{};
     nobody.node = 5;
     memcpy(nobody.name, "nobody", sizeof "nobody");
@@ -128,7 +138,7 @@ void messages() {
     EXPECT_LT(monotonic_ms() - begin, 10000);
 }
 
-void events() {
+MUST(rasevt_log) {
     std::thread threads[4];
     for (std::thread &thread : threads)
         thread = std::thread([] {
@@ -140,7 +150,7 @@ void events() {
         thread.join();
 }
 
-void sections() {
+MUST(trace_data_init_and_module_cleanup) {
     constexpr unsigned kSize = 5001;
     struct {
         int handle = -1;
@@ -163,7 +173,7 @@ void sections() {
     }
 }
 
-void release() {
+MUST(get_release_info) {
     release_info info;
     memset(&info, 'x', sizeof info);
     EXPECT_EQ(get_release_info(0, &info), 0);
@@ -172,7 +182,7 @@ void release() {
                 testing::MatchesRegex("[^ ]+ [^ ]+.*"));
 }
 
-void time_base() {
+MUST(timebase_read) {
     // Between two looks at the clock, so that the machine may interrupt where it wants.
     int64_t before = monotonic_ms();
     uint64_t first = timebase_read(), last = first;
@@ -191,39 +201,5 @@ void time_base() {
     EXPECT_GE(passed, shortest * (1 - off) - 2) << "milliseconds by the tick globals";
     EXPECT_LE(passed, longest * (1 + off) + 2) << "milliseconds by the tick globals";
 }
-
-struct Row {
-    const char *function;
-    void (*check)();
-};
-void PrintTo(const Row &row, std::ostream *out) {
-    *out << row.function;
-}
-
-class Must : public testing::TestWithParam<Row> {};
-
-TEST_P(Must, Hold) {
-    EXPECT_TRUE(support::passes_in_child([&] {
-        alarm(10);
-        GetParam().check();
-    })) << GetParam().function;
-}
-
-const Row kRows[] = {
-    {"semaphore_init", init},
-    {"semaphore_down", down},
-    {"semaphore_down_to", down_to},
-    {"semaphore_up", up},
-    {"semaphore_value_and_count", value_and_count},
-    {"semaphore_destroy", destroy},
-    {"ep_context_and_sizeof_geps", context},
-    {"ipcSendRcv_and_ipcSend", messages},
-    {"rasevt_log", events},
-    {"trace_data_init_and_module_cleanup", sections},
-    {"get_release_info", release},
-    {"timebase_read", time_base},
-};
-INSTANTIATE_TEST_SUITE_P(Platform, Must, testing::ValuesIn(kRows),
-                         [](auto &row) { return std::string(row.param.function); });
 
 }  // namespace

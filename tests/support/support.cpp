@@ -2,6 +2,7 @@
 #include "support/support.h"
 
 #include <dlfcn.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -157,6 +158,37 @@ testing::AssertionResult passes_in_child(const std::function<void()> &body) {
     return testing::AssertionFailure()
            << (ending.exited ? "exit status " : "signal ") << ending.status << "\n"
            << ending.out << ending.err;
+}
+
+Process::Process(const std::function<int(const std::function<void()> &)> &body) {
+    int ends[2];
+    char byte;
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        abort();
+    fflush(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        rlimit none{0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        close(ends[0]);
+        _exit(body([&] { ready_ = write(ends[1], "r", 1) == 1 && close(ends[1]) == 0; }));
+    }
+    close(ends[1]);
+    ready_ = read(ends[0], &byte, 1) == 1;
+    close(ends[0]);
+}
+
+Process::~Process() {
+    if (status_ == -1)
+        kill(pid_, SIGKILL);
+    ending();
+}
+
+int Process::ending() {
+    if (status_ == -1)
+        waitpid(pid_, &status_, 0);
+    return status_;
 }
 
 void write_file(const std::string &path, std::string_view content) {

@@ -64,6 +64,25 @@ Ending in_child(const std::function<int()> &body, bool core = false);
 // or only without threads of another test. Succeeds when nothing failed there.
 testing::AssertionResult passes_in_child(const std::function<void()> &body);
 
+// A process that runs `body`, which calls ready() once others may go on: the constructor waits for that, or for its
+// end. The process dies with the object, or with the test.
+class Process {
+  public:
+    explicit Process(const std::function<int(const std::function<void()> &ready)> &body);
+    ~Process();
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+
+    pid_t pid() const { return pid_; }
+    bool is_ready() const { return ready_; }
+    int ending();  // waits for its end, which it gives as waitpid() does
+
+  private:
+    pid_t pid_;
+    bool ready_;
+    int status_ = -1;
+};
+
 // Writes or reads a whole file of the image; a failure to write stops the test program.
 void write_file(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path);

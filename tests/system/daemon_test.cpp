@@ -1,32 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // libutils-daemon from the inside: the loop, requests, commands and the ends of a daemon, each in a
 // process of its own.
-#include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 
 #include <set>
-#include <vector>
 
 #include "testd.h"
 #include "utils/daemon.h"
 
 namespace {
 
-bool stranger = false;  // whether peers are another user's
-const daemon_table *running = nullptr;
-
 using namespace support;
-
-[[maybe_unused]] const bool faked = [] {
-    replace_call("getsockopt", [](int fd, int level, int name, void *value, socklen_t *size) {
-        int result = getsockopt(fd, level, name, value, size);
-        if (result == 0 && stranger && name == SO_PEERCRED)
-            static_cast<ucred *>(value)->uid = 4711;
-        return result;
-    });
-    return true;
-}();
 
 int run(const daemon_table &table, std::vector<std::string> words = {}) {
     std::string program = "test";
@@ -34,15 +18,49 @@ int run(const daemon_table &table, std::vector<std::string> words = {}) {
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
-    running = &table;
     return daemon_run(&table, static_cast<int>(argv.size()) - 1, argv.data());
 }
+
+// The daemon of a test, in a process of its own once the table is complete.
+struct Companion : testing::Test {
+    daemon_table table{};
+    std::unique_ptr<Process> process;
+    const std::string commands = "/run/korin/served.0.cmd";
+
+    Companion() { table.name = "served"; }
+    void start(const std::function<void()> &before = [] {}) {
+        process = std::make_unique<Process>([&](auto &ready) {
+            before();
+            char program[] = "test", *argv[] = {program, nullptr};
+            int argc = 1;
+            int status = daemon_open(&table, &argc, argv);
+            if (status == 0)
+                status = daemon_ready();
+            if (status != 0)
+                return 99;
+            ready();
+            status = daemon_loop();
+            daemon_close();
+            exit(status);
+        });
+        EXPECT_TRUE(process->is_ready());
+    }
+    void start_with(const daemon_command &command) {
+        static daemon_command list[2];
+        list[0] = command;
+        table.commands = list;
+        start();
+    }
+    std::string told(const std::vector<std::string> &words) {
+        return send_command(command_message(words), commands);
+    }
+};
 
 // What 40 descriptors, a full queue and deferred calls have come to.
 struct Seen {
     int ends[40][2];
     std::set<int> served;
-    int messages, refused, deferred, alien;
+    int messages, refused, deferred, alien, stopped;
     pthread_t loop;
 } seen;
 
@@ -54,8 +72,9 @@ void stop_when_seen() {
 void on_pipe(int fd, uint32_t events, void *argument) {
     auto *pipe = static_cast<int *>(argument);
     char byte;
-    seen.alien += fd != pipe[0] || (events & DAEMON_READABLE) == 0 ||
-                  pthread_equal(seen.loop, pthread_self()) == 0;
+    EXPECT_EQ(fd, pipe[0]);
+    EXPECT_NE(events & DAEMON_READABLE, 0u);
+    seen.alien += pthread_equal(seen.loop, pthread_self()) == 0;
     if (read(fd, &byte, 1) == 1)
         seen.served.insert(fd);
     else
@@ -66,30 +85,25 @@ void on_pipe(int fd, uint32_t events, void *argument) {
     stop_when_seen();
 }
 
-TEST(Daemon, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
-    daemon_table table{};
-    table.name = "looped";
+TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
     table.queue_depth = 4;
     table.start = [](void *) {
         seen.loop = pthread_self();
-        for (auto &end : seen.ends)
-            if (pipe2(end, O_CLOEXEC) != 0 || daemon_watch(end[0], DAEMON_READABLE, on_pipe, end))
-                return 9;
+        for (auto &end : seen.ends) {
+            EXPECT_EQ(pipe2(end, O_CLOEXEC), 0);
+            EXPECT_EQ(daemon_watch(end[0], DAEMON_READABLE, on_pipe, end), 0);
+        }
         const char message[TIMER_MESSAGE_LENGTH] = {77};
         for (int i = 0; i < 10; ++i)
             seen.refused += msgQSend(daemon_queue(), message, sizeof message) != 0;
         for (auto &end : seen.ends)
-            if (write(end[1], "x", 1) != 1)
-                return 9;
-        std::thread([] {
-            daemon_defer(
-                [](void *) {
-                    ++seen.deferred;
-                    seen.alien += pthread_equal(seen.loop, pthread_self()) == 0;
-                    close(seen.ends[5][1]);  // the next event comes to an empty queue
-                },
-                nullptr);
-        }).join();
+            EXPECT_EQ(write(end[1], "x", 1), 1);
+        auto deferred = [](void *) {
+            ++seen.deferred;
+            seen.alien += pthread_equal(seen.loop, pthread_self()) == 0;
+            close(seen.ends[5][1]);  // the next event comes to an empty queue
+        };
+        std::thread([=] { daemon_defer(deferred, nullptr); }).join();
         return 0;
     };
     table.message = [](const void *message, void *) {
@@ -97,19 +111,22 @@ TEST(Daemon, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         stop_when_seen();
     };
     table.stop = [](void *) {
-        // The companion's own wakes have taken no place and were never refused.
-        printf("%d %d %d %d %d\n", seen.messages, seen.refused, seen.alien,
-               static_cast<int>(daemon_queue()->missCount), seen.deferred);
-        printf("%d %d\n",
-               daemon_watch(open("/dev/null", O_RDONLY | O_CLOEXEC), 8, on_pipe, nullptr),
-               daemon_defer([](void *) {}, nullptr));
+        ++seen.stopped;
+        EXPECT_EQ(seen.messages, 5);
+        EXPECT_EQ(seen.refused, 5);
+        EXPECT_EQ(seen.alien, 0) << "not on the loop's thread";
+        EXPECT_EQ(daemon_queue()->missCount, 5) << "the companion's own wakes take no place";
+        EXPECT_EQ(seen.deferred, 1);
+        EXPECT_EQ(daemon_watch(open("/dev/null", O_RDONLY | O_CLOEXEC), 8, on_pipe, nullptr), -22);
+        EXPECT_EQ(daemon_defer([](void *) {}, nullptr), -11);
     };
-    Ending ending = in_child([&] { return run(table); });
-    EXPECT_EQ(ending.status, 7) << ending.err;
-    EXPECT_THAT(ending.out, testing::HasSubstr("5 5 0 5 1\n-22 -11\n"));
+    EXPECT_TRUE(passes_in_child([&] {
+        EXPECT_EQ(run(table), 7);
+        EXPECT_EQ(seen.stopped, 1);
+    }));
 }
 
-TEST(Daemon, WrongCommandLinesAndRefusalsEndWithTheirStatus) {
+TEST_F(Companion, WrongCommandLinesAndRefusalsEndWithTheirStatus) {
     static const struct {
         std::vector<std::string> words;
         int status;
@@ -120,12 +137,10 @@ TEST(Daemon, WrongCommandLinesAndRefusalsEndWithTheirStatus) {
                   {{"-n", std::string(64, 'n')}, 2, "usage: "},
                   {{"-x", "no"}, 2, "usage: "},
                   {{"-x3", "-n", "chosen"}, 43, ""},
-                  {{"-x4"}, 1, "plain: cannot start: log cache: "}};
+                  {{"-x4"}, 1, "served: cannot start: log cache: "}};
     static int x = 0;
     static const claFltrEntry kOptions[] = {{'x', "x", clafGetInt, &x},
                                             {0, nullptr, nullptr, nullptr}};
-    daemon_table table{};
-    table.name = "plain";
     table.usage = "[-x N]";
     table.options = kOptions;
     table.start = [](void *) {
@@ -139,80 +154,14 @@ TEST(Daemon, WrongCommandLinesAndRefusalsEndWithTheirStatus) {
     }
 }
 
-TEST(Daemon, TheSixteenthLogIsRefusedOnceAndNeverHangs) {
-    daemon_table table{};
-    table.name = "logged";
+TEST_F(Companion, TheSixteenthLogIsRefusedOnceAndNeverHangs) {
     table.start = [](void *) {
-        for (int i = 0; i < 15; ++i)
-            if (daemon_new_log(1, "log", "log") == nullptr)
-                return 9;
-        bool refused = daemon_new_log(1, "log", "log") == nullptr;
-        return refused && daemon_new_log(1, "log", "log") == nullptr &&
-                       daemon_cmd_events(0, nullptr, stdout) == 1
-                   ? 33
-                   : 9;
+        for (int i = 0; i < 17; ++i)
+            EXPECT_EQ(daemon_new_log(1, "log", "log") != nullptr, i < 15) << i;
+        EXPECT_EQ(daemon_cmd_events(0, nullptr, stdout), 1);
+        return 33;
     };
-    EXPECT_EQ(in_child([&] { return run(table); }).status, 33);
-}
-
-// A daemon in a process of its own, ready when the constructor returns.
-struct Running {
-    pid_t pid = 0;
-    explicit Running(
-        const daemon_table &table, const std::function<void()> &before = [] {}) {
-        int ends[2];
-        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        pid = fork();
-        if (pid == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            rlimit none{0, 0};
-            setrlimit(RLIMIT_CORE, &none);
-            before();
-            std::vector<char> name(1);
-            char program[] = "test", *argv[] = {program, nullptr};
-            int argc = 1;
-            int status = daemon_open(&table, &argc, argv);
-            if (status == 0)
-                status = daemon_ready();
-            if (status != 0 || write(ends[1], "r", 1) != 1)
-                _exit(99);
-            status = daemon_loop();
-            daemon_close();
-            exit(status);
-        }
-        close(ends[1]);
-        char byte;
-        EXPECT_EQ(read(ends[0], &byte, 1), 1);
-        close(ends[0]);
-    }
-    int ending() {
-        int status = -1;
-        waitpid(pid, &status, 0);
-        pid = 0;
-        return status;
-    }
-    ~Running() {
-        if (pid > 0)
-            kill(pid, SIGKILL), ending();
-    }
-};
-
-std::string said(const std::string &name, const std::vector<std::string> &words) {
-    std::string offsets, texts;
-    for (const std::string &word : words) {
-        offsets += support::words({static_cast<uint32_t>(8 + 4 * words.size() + texts.size())});
-        texts += word + '\0';
-    }
-    std::string body = support::words({static_cast<uint32_t>(words.size())}) + offsets +
-                       support::words({0}) + texts;
-    std::string message = support::words({static_cast<uint32_t>(body.size())}) + body, answer;
-    int fd = stream_at("/run/korin/" + name + ".0.cmd", SOCK_STREAM, connect);
-    send(fd, message.data(), message.size(), MSG_NOSIGNAL);
-    char bytes[512];
-    for (ssize_t n; (n = recv(fd, bytes, sizeof bytes, 0)) > 0;)
-        answer.append(bytes, static_cast<size_t>(n));
-    close(fd);
-    return answer;
+    EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(run(table), 33); }));
 }
 
 pid_t main_thread() {
@@ -224,52 +173,44 @@ int tell_thread(int argc, char **, FILE *out) {
     return argc + 40;
 }
 
-TEST(Daemon, CommandsRunWhereTheTableSaysAndResultsWaitForTheirClient) {
+TEST_F(Companion, CommandsRunWhereTheTableSaysAndResultsWaitForTheirClient) {
     static const daemon_command kCommands[] = {{"in", nullptr, "", tell_thread, DAEMON_IN_LOOP},
                                                {"out", nullptr, "", tell_thread, 0},
                                                {nullptr, nullptr, nullptr, nullptr, 0}};
-    daemon_table table{};
-    table.name = "commanded";
     table.commands = kCommands;
-    Running daemon(table);
-    EXPECT_EQ(said("commanded", {"in", "x"}), "1");
-    pid_t other = fork();
-    if (other == 0)
-        _exit(said("commanded", {"out"}) == "0" && said("commanded", {"result"}) == "41\n" ? 0 : 1);
-    int status = -1;
-    waitpid(other, &status, 0);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(said("commanded", {"result"}), "42\n");
-    EXPECT_EQ(said("commanded", {"result"}), "0\n");
-    EXPECT_EQ(said("commanded", {"nothing"}), "unknown command; try help\n");
-    EXPECT_EQ(said("commanded", {}), "unknown command; try help\n");
-    kill(daemon.pid, SIGTERM);
-    EXPECT_EQ(daemon.ending(), 0);
+    start();
+    EXPECT_EQ(told({"in", "x"}), "1");
+    EXPECT_TRUE(passes_in_child([&] {
+        EXPECT_EQ(told({"out"}), "0");
+        EXPECT_EQ(told({"result"}), "41\n");
+    }));
+    EXPECT_EQ(told({"result"}), "42\n");
+    EXPECT_EQ(told({"result"}), "0\n");
+    EXPECT_EQ(told({"nothing"}), "unknown command; try help\n");
+    EXPECT_EQ(told({}), "unknown command; try help\n");
+    kill(process->pid(), SIGTERM);
+    EXPECT_EQ(process->ending(), 0);
 }
 
-TEST(Daemon, StrangersAreNotHeard) {
-    daemon_table table{};
-    table.name = "guarded";
-    Running daemon(table, [] { stranger = true; });
-    EXPECT_EQ(said("guarded", {"version"}), "");
+TEST_F(Companion, StrangersAreNotHeard) {
+    start([] { see_peers_of(4711); });
+    EXPECT_EQ(told({"version"}), "");
 }
 
-TEST(Daemon, OfSeventeenSilentClientsOneIsRefusedAndTheOthersGoInTime) {
+TEST_F(Companion, OfSeventeenSilentClientsOneIsRefusedAndTheOthersGoInTime) {
     if (sizeof(time_t) > sizeof(long) && support::emulated())
         GTEST_SKIP() << "the emulator does not tell a socket's time-out in 64-bit time";
-    daemon_table table{};
-    table.name = "many";
-    Running daemon(table);
+    start();
     int clients[DAEMON_CLIENTS_MAX + 1];
     for (int &client : clients)
-        client = stream_at("/run/korin/many.0.cmd", SOCK_STREAM, connect);
+        client = stream_at(commands, SOCK_STREAM, connect);
     char text[64] = {};
     EXPECT_EQ(recv(clients[DAEMON_CLIENTS_MAX], text, sizeof text, 0), 26);
     EXPECT_STREQ(text, "too many commands at once\n");
     EXPECT_EQ(recv(clients[0], text, sizeof text, 0), 0) << "silent for too long";
     for (int client : clients)
         close(client);
-    EXPECT_TRUE(eventually([] { return said("many", {"result"}) == "1\n"; }));
+    EXPECT_TRUE(eventually([&] { return told({"result"}) == "1\n"; }));
 }
 
 int32_t add_up(const void *data, uint32_t length, void *reply, uint32_t *reply_length, void *) {
@@ -283,56 +224,48 @@ int32_t add_up(const void *data, uint32_t length, void *reply, uint32_t *reply_l
     return sum;
 }
 
-TEST(Daemon, RequestsComeWithinTheirBounds) {
+TEST_F(Companion, RequestsComeWithinTheirBounds) {
     support::leaves({.descriptors = 1});  // the kept connection
     static const daemon_request kRequests[] = {{0x4500, 8, 3000, add_up, nullptr},
                                                {0, 0, 0, nullptr, nullptr}};
-    daemon_table table{};
-    table.name = "requested";
     table.requests = kRequests;
-    Running daemon(table);
-    auto ask = [](int code, size_t size, char fill) {
-        ipc_address to{myNode(), 0, "requested"};
-        std::string data(size, fill);
-        int32_t word = 0;
-        uint32_t length = sizeof word;
-        qelIpcSendOne(&to, code, data.data(), static_cast<uint32_t>(size), &word, &length, kLong);
-        return word;
-    };
+    start();
     int32_t text = 0;
     memcpy(&text, "long", 4);
-    EXPECT_EQ(ask(0x4500, 4, 1), UTILS_EINVAL);
-    EXPECT_EQ(ask(0x4500, 8, 1), text);
-    EXPECT_EQ(ask(0x4500, 12, 1), 12);
-    EXPECT_EQ(ask(0x4500, 3000, 1), 3000) << "in shared memory";
-    EXPECT_EQ(ask(0x4500, 3004, 1), UTILS_EINVAL);
-    EXPECT_EQ(ask(IPC_CODE_EXIT, 4, 9), UTILS_EINVAL);
-    EXPECT_EQ(qelDExitRequest("requested", IPC_CODE_EXIT, QELD_EXIT_NORMAL), 0);
-    EXPECT_EQ(daemon.ending(), 0);
+    const struct {
+        int code;
+        size_t size;
+        char fill;
+        int32_t answer;
+    } cases[] = {{0x4500, 4, 1, UTILS_EINVAL},
+                 {0x4500, 8, 1, text},
+                 {0x4500, 12, 1, 12},
+                 {0x4500, 3000, 1, 3000},  // in shared memory
+                 {0x4500, 3004, 1, UTILS_EINVAL},
+                 {IPC_CODE_EXIT, 4, 9, UTILS_EINVAL}};
+    for (auto &one : cases)
+        EXPECT_EQ(ask(one.code, std::string(one.size, one.fill), kLong, "served").second,
+                  one.answer)
+            << one.size;
+    EXPECT_EQ(qelDExitRequest("served", IPC_CODE_EXIT, QELD_EXIT_NORMAL), 0);
+    EXPECT_EQ(process->ending(), 0);
 }
 
-TEST(Daemon, AForkedChildRemovesNothing) {
+TEST_F(Companion, AForkedChildRemovesNothing) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the sanitizer keeps signals from a forked child";
 #endif
-    daemon_table table{};
-    table.name = "forked";
-    static const daemon_command kCommands[] = {
-        {"fork", nullptr, "",
-         [](int, char **, FILE *out) {
-             pid_t pid = fork();
-             if (pid == 0)
-                 kill(getpid(), SIGUSR1), _exit(0);
-             int status = 0;
-             waitpid(pid, &status, 0);
-             fprintf(out, "%d %d", WTERMSIG(status), access("/run/korin/forked.0.cmd", F_OK));
-             return 0;
-         },
-         0},
-        {nullptr, nullptr, nullptr, nullptr, 0}};
-    table.commands = kCommands;
-    Running daemon(table);
-    EXPECT_EQ(said("forked", {"fork"}), std::to_string(SIGUSR1) + " 0");
+    auto fork_and_end = [](int, char **, FILE *out) {
+        pid_t pid = fork();
+        if (pid == 0)
+            kill(getpid(), SIGUSR1), _exit(0);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return fprintf(out, "%d", WTERMSIG(status));
+    };
+    start_with({"fork", nullptr, "", fork_and_end, 0});
+    EXPECT_EQ(told({"fork"}), std::to_string(SIGUSR1));
+    EXPECT_EQ(access(commands.c_str(), F_OK), 0);
 }
 
 __attribute__((noinline)) int overflow(int depth) {
@@ -340,24 +273,18 @@ __attribute__((noinline)) int overflow(int depth) {
     return depth == INT32_MAX ? 0 : overflow(depth + 1) + room[depth % 4096];
 }
 
-TEST(Daemon, AnOverflownStackLeavesNoSocket) {
+TEST_F(Companion, AnOverflownStackLeavesNoSocket) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizer has the signal";
 #endif
     if (support::emulated())
         GTEST_SKIP() << "the emulator itself ends by a signal on another stack";
-    daemon_table table{};
-    table.name = "deep";
-    static const daemon_command kCommands[] = {
-        {"deep", nullptr, "", [](int argc, char **, FILE *) { return overflow(argc); }, 0},
-        {nullptr, nullptr, nullptr, nullptr, 0}};
-    table.commands = kCommands;
-    Running daemon(table);
-    said("deep", {"deep"});
-    EXPECT_EQ(WTERMSIG(daemon.ending()), SIGSEGV);
-    EXPECT_EQ(access("/run/korin/deep.0.cmd", F_OK), -1);
-    EXPECT_EQ(access("/var/run/deep.0.pid", F_OK), -1);
-    EXPECT_EQ(access("/run/korin/deep.0.lock", F_OK), 0);
+    start_with({"deep", nullptr, "", [](int argc, char **, FILE *) { return overflow(argc); }, 0});
+    told({"deep"});
+    EXPECT_EQ(WTERMSIG(process->ending()), SIGSEGV);
+    EXPECT_EQ(access(commands.c_str(), F_OK), -1);
+    EXPECT_EQ(access("/var/run/served.0.pid", F_OK), -1);
+    EXPECT_EQ(access("/run/korin/served.0.lock", F_OK), 0);
 }
 
 }  // namespace

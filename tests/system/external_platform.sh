@@ -6,23 +6,22 @@
 set -euo pipefail
 source=$1 compiler=$2 product=/tmp/product
 shift 2
-fail() { echo "external_platform: $*" >&2; exit 1; }
+. "$(dirname "$0")/../support/commands.sh"
 
 mkdir -p $product/utils/platform
 cat >$product/utils/platform/semaphore_type.h <<'TYPE'
 #pragma once
-#include <semaphore.h>
 #include <stdint.h>
-typedef struct semaphore { int32_t user; char label[100]; sem_t posix; } semaphore_t;
+typedef struct semaphore { int32_t user; char label[100]; int32_t value; } semaphore_t;
 TYPE
 cat >$product/utils/platform/ipc_address.h <<'TYPE'
 #pragma once
 #include <stdint.h>
 typedef struct ipc_address { int32_t blade; char name[16]; int32_t switch_no, node; } ipc_address;
 TYPE
-cmake -G Ninja -S "$source" -B /tmp/external -DUTILS_PLATFORM=external -DUTILS_PLATFORM_INCLUDE=$product -DUTILS_TESTS=OFF \
-    -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER="$compiler" "$@" >/tmp/configure.log 2>&1 || { cat /tmp/configure.log; exit 1; }
-cmake --build /tmp/external >/tmp/build.log 2>&1 || { cat /tmp/build.log; exit 1; }
+quietly cmake -G Ninja -S "$source" -B /tmp/external -DUTILS_PLATFORM=external -DUTILS_PLATFORM_INCLUDE=$product -DUTILS_TESTS=OFF \
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_C_COMPILER="$compiler" "$@"
+quietly cmake --build /tmp/external
 
 library=/tmp/external/lib/libutils.so
 names=(ep_context get_release_info ioss_create ioss_free ipcSend ipcSendRcv rasevt_log semaphore_count
@@ -34,9 +33,10 @@ undefined=$(nm -D --undefined-only "$library" | awk '$1 == "U" {print $2}' | gre
 diff <(printf '%s\n' "${names[@]}" | grep . | sort) <(echo "$undefined") ||
     fail "undefined symbols differ (> only in the library)"
 
-"$compiler" -Wall -Wextra -Werror -rdynamic -I $product -I "$source/include" -I "$source/platform/include" -I "$source/platform/check" \
-    -o /tmp/external/product "$source/tests/system/product_platform.c" -L /tmp/external/lib -lutils -pthread \
-    -Wl,-rpath,/tmp/external/lib
+flags=(-Wall -Wextra -Werror -I "$product" -I "$source/include" -I "$source/platform/include" -pthread)
+"$compiler" "${flags[@]}" -shared -fPIC -o /tmp/external/lib/libbare.so "$source/platform/check/bare_platform.c"
+"$compiler" "${flags[@]}" -rdynamic -o /tmp/external/product "$source/tests/system/product_platform.c" \
+    -L /tmp/external/lib -lutils -lbare -Wl,-rpath,/tmp/external/lib
 shown=$(${UTILS_EMULATOR:+"$UTILS_EMULATOR"} /tmp/external/product)
 wanted=$(
     size=$(sed -n 's/semaphore of \([0-9]*\) bytes.*/\1/p' <<<"$shown")

@@ -1,14 +1,41 @@
 // SPDX-License-Identifier: Apache-2.0
-// The stand-in's messages between processes: its server and its requesters, with peers that answer
-// late or never, descriptors that run short, signals and locks held by others.
+// The stand-in's messages between processes and its I/O loop: peers that answer late, wrongly or never,
+// strangers, descriptors that run short, signals and locks held by others.
+#include <poll.h>
 #include <sys/file.h>
-#include <sys/resource.h>
+#include <sys/time.h>
+
+#include <atomic>
 
 #include "testd.h"
+#include "utils/platform/posix/loop.h"
 
 namespace {
 
 using namespace support;
+
+const auto open_now = utils_testing_open_descriptors;
+
+// Lets the daemon's clock stand, and its waits with an end be short.
+void let_time_stand() {
+    utils_testing_set_clock(CLOCK_MONOTONIC, 1000 * kSecond);
+    replace_call("poll", [](pollfd *set, nfds_t count, int limit_ms) {
+        return poll(set, count, std::min(limit_ms, 20));
+    });
+}
+
+// Whether the daemon ends the connection, for which it has time.
+bool is_ended(int fd) {
+    const timeval patience{20, 0};
+    char byte;
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    ssize_t received = recv(fd, &byte, 1, 0);
+    return received == 0 || (received < 0 && errno == ECONNRESET);
+}
+
+std::string packet_of(int code, size_t length) {
+    return words({static_cast<uint32_t>(code), 1}) + std::string(length, 'x');
+}
 
 TEST(Ipc, PeersAnswerWellShortLateOrNever) {
     Daemon daemon;
@@ -25,6 +52,7 @@ TEST(Ipc, PeersAnswerWellShortLateOrNever) {
         free(block);
         return result;
     };
+    const uint32_t short_of_idle[2] = {4, 0};
     std::tuple<int, std::string, const uint32_t *, int> cases[] = {
         {kEcho, kGood, kLong, 0},
         {kEcho, words({5, 0x7FFF, 0xFFFF0000, 20, 4, 0xCAFEF00D}), kLong, 0},  // "decoded"
@@ -34,8 +62,8 @@ TEST(Ipc, PeersAnswerWellShortLateOrNever) {
         {kEcho, words({2, 0, 0, 20, 8, 1}), kLong, -22},
         {kNothing, "", kBrief, -ETIMEDOUT},
         {kDefer, "", kBrief, -ETIMEDOUT},
-        {kRelease, "", kLong, -22},          // empty: the late answer reaches nobody
-        {kUnknown, "", kLong, -ECONNRESET},  // refused at once
+        {kRelease, "", kLong, -22},                  // empty: the late answer reaches nobody
+        {kUnknown, "", short_of_idle, -ECONNRESET},  // refused at once
     };
     for (auto &[code, data, timeout, result] : cases)
         EXPECT_EQ(exchange(code, data, timeout), result) << testing::PrintToString(data);
@@ -51,26 +79,90 @@ TEST(Ipc, PeersAnswerWellShortLateOrNever) {
     uint32_t length = 4;
     EXPECT_EQ(qelIpcSendOne(&to, kEcho, raw, 7, raw, &length, kLong), 0);
     EXPECT_EQ(length, 4u);  // a longer answer is cut
-    EXPECT_EQ(ask(kNothing, "", kBrief), (Answer{-ETIMEDOUT, 0}));
-    to.name[0] = '/';
-    EXPECT_EQ(qelIpcSendOne(&to, kEcho, raw, 4, raw, &length, kLong), -EINVAL);
+    const uint32_t microsecond[2] = {0, 1};
+    for (const uint32_t *limit : {kBrief, microsecond})
+        EXPECT_EQ(ask(kNothing, "", limit), (Answer{-ETIMEDOUT, 0}));
+}
+
+TEST(Ipc, CallsSayWhatIsWrongWithThem) {
+    Daemon daemon;
+    ipc_address to = testd(), no_name = testd(""), path = testd("a/b"), reply{0, 99, "1.1"};
+    char data[IPC_REQUEST_MAX + 1] = {};
+    uint32_t none = 0, one = 1;
+    auto request = [&](ipc_address *address, const char *bytes, uint32_t size, uint32_t *room) {
+        return ipcSendRcv(address, kSum, bytes, size, nullptr, room, kLong);
+    };
+    auto message = [&](ipc_address *address, const char *bytes, uint32_t size) {
+        return ipcSend(address, kNothing, bytes, size, kLong);
+    };
+    EXPECT_EQ(request(nullptr, data, 1, &none), -EINVAL);
+    EXPECT_EQ(request(&to, data, 1, nullptr), -EINVAL);
+    EXPECT_EQ(request(&to, data, 1, &one), -EINVAL);
+    EXPECT_EQ(request(&to, nullptr, 1, &none), -EINVAL);
+    EXPECT_EQ(request(&no_name, data, 1, &none), -EINVAL);
+    EXPECT_EQ(request(&path, data, 1, &none), -EINVAL);
+    EXPECT_EQ(request(&to, data, sizeof data, &none), -EMSGSIZE);
+    EXPECT_EQ(message(nullptr, data, 1), -EINVAL);
+    EXPECT_EQ(message(&to, nullptr, 1), -EINVAL);
+    EXPECT_EQ(message(&path, data, 1), -EINVAL);
+    EXPECT_EQ(message(&to, data, sizeof data), -EMSGSIZE);
+    EXPECT_EQ(message(&to, data, sizeof data - 1), 0);
+    EXPECT_EQ(message(&reply, data, IPC_REPLY_MAX + 1), -EMSGSIZE);
+    EXPECT_EQ(message(&reply, data, 1), -EINVAL);
+    reply.switch_no = 31;
+    EXPECT_EQ(message(&reply, data, 1), -ENOTCONN);
+    for (const ipc_address *own : {&path, &reply, static_cast<ipc_address *>(nullptr)})
+        EXPECT_EQ(ipc_open(own), -EINVAL);
+    EXPECT_EQ(ipc_register(1, nullptr), -EINVAL);
+    auto handler = [](void *, int, void *) { return 0; };
+    for (int code = 0; code < IPC_HANDLERS_MAX + 2; ++code)
+        EXPECT_EQ(ipc_register(code, handler), code < IPC_HANDLERS_MAX ? 0 : -ENOSPC);
+    EXPECT_EQ(ipc_register(7, handler), 0) << "in its own place";
+    for (int code = 0; code < IPC_HANDLERS_MAX; ++code)
+        EXPECT_EQ(ipc_unregister(code), 0);
+    EXPECT_EQ(ipc_unregister(7), -ENOENT);
 }
 
 TEST(Ipc, DeadDaemonsGiveTheirRequestersAnErrorAndTheirNamesAway) {
     support::leaves({.descriptors = 1, .segments = 1});  // the kept connection; a killed daemon's
     {
         Daemon first, second;
-        ASSERT_TRUE(first.ready);
-        EXPECT_FALSE(second.ready);
+        ASSERT_TRUE(first.is_ready());
+        EXPECT_FALSE(second.is_ready());
         EXPECT_EQ(WEXITSTATUS(second.ending()), EADDRINUSE);
+        pid_t child = ask(kFork, "").second;
         EXPECT_EQ(ask(kDie, std::string(5000, 'x')).first, -ECONNRESET);
         EXPECT_EQ(WTERMSIG(first.ending()), SIGKILL);
-        EXPECT_EQ(ask(kSum, "").first, -ECONNREFUSED);
+        EXPECT_EQ(ask(kSum, "").first, -ECONNREFUSED) << "its child holds the socket";
+        kill(child, SIGKILL);
     }
     Daemon third;
     EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
     EXPECT_EQ(ask(kExit, words({QELD_EXIT_ABORT})), (Answer{0, 0}));
     EXPECT_EQ(WTERMSIG(third.ending()), SIGABRT);
+}
+
+// How many signals other threads take that this one blocks.
+int taken_for(int number) {
+    sigset_t blocked, pending;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, number);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    support::let_interrupt(number);
+    kill(getpid(), number);
+    sigpending(&pending);
+    pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+    return sigismember(&pending, number) == 0;
+}
+
+// A child is a requester as before, and no daemon before it opens itself.
+void ask_and_open() {
+    EXPECT_EQ(ask(kEcho, native(6)), (Answer{0, 6}));
+#ifndef __SANITIZE_THREAD__  // lets no child start threads
+    ipc_address another = testd("another");
+    EXPECT_EQ(ipc_open(&another), 0);
+    ipc_close();
+#endif
 }
 
 TEST(Ipc, DaemonMayCloseAndOpenAgain) {
@@ -80,9 +172,8 @@ TEST(Ipc, DaemonMayCloseAndOpenAgain) {
         ASSERT_EQ(ipc_open(&own), 0);
         EXPECT_EQ(ipc_open(&own), -EALREADY);
         EXPECT_EQ(ask(kEcho, native(5)), (Answer{0, 5}));
-        EXPECT_TRUE(support::passes_in_child([] {
-            EXPECT_EQ(ask(kEcho, native(6)), (Answer{0, 6}));
-        }));
+        EXPECT_EQ(taken_for(SIGUSR2), 0) << "the service's thread takes signals";
+        EXPECT_TRUE(support::passes_in_child(ask_and_open));
         ipc_close();
         ipc_close();
         EXPECT_EQ(ask(kEcho, ""), (Answer{-ENOENT, 0}));
@@ -94,7 +185,30 @@ TEST(Ipc, DaemonMayCloseAndOpenAgain) {
     EXPECT_EQ(qelDExitRequest((longest + 'n').c_str(), kEcho, QELD_EXIT_ABORT), 0);
     ipc_close();
     EXPECT_EQ(ipc_unregister(kEcho), 0);
-    EXPECT_EQ(ipc_unregister(kEcho), -ENOENT);
+}
+
+TEST(Ipc, OnlyTheOwnUserAndRootAreHeard) {
+    for (auto [user, heard] : {std::pair(geteuid(), true), {0, true}, {4711, false}}) {
+        Daemon daemon(0, [user = user] { see_peers_of(user); });
+        EXPECT_EQ(ask(kSum, "a").first == 0, heard) << user;
+    }
+    Daemon unsure(0, [] { utils_testing_fail_call("getsockopt", 1, ENOPROTOOPT, 99); });
+    EXPECT_NE(ask(kSum, "a").first, 0);
+}
+
+TEST(Ipc, PacketsOfAWrongSizeEndTheirConnection) {
+    Daemon daemon;
+    for (auto [size, ended] : {std::pair(0, true),
+                               {7, true},
+                               {8 + IPC_REQUEST_MAX + 1, true},
+                               {8 + IPC_REQUEST_MAX, false},
+                               {8, false}}) {
+        int fd = packets_to_daemon();
+        std::string packet = packet_of(kTwice, IPC_REQUEST_MAX + 1).substr(0, size);
+        EXPECT_EQ(send(fd, packet.data(), packet.size(), 0), size);
+        EXPECT_EQ(is_ended(fd), ended) << size;
+        close(fd);
+    }
 }
 
 // Those that have had an answer go at once, those that have not asked yet after their time.
@@ -118,25 +232,49 @@ TEST(Ipc, FewDescriptorsAreSharedByManyRequesters) {
     }
 }
 
+TEST(Ipc, SilentConnectionsHaveTheirTimeAndNoMore) {
+    Daemon daemon(0, let_time_stand);
+    int silent[40];
+    for (int &fd : silent)
+        fd = packets_to_daemon();
+    EXPECT_EQ(ask(kSum, "a", kBrief), (Answer{-ETIMEDOUT, 0})) << "they have no time left";
+    std::string deferred = packet_of(kDefer, 0);
+    EXPECT_EQ(write(silent[0], deferred.data(), deferred.size()), 8);  // moves the clock on
+    EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'}));
+    EXPECT_TRUE(is_ended(silent[1]));
+    char byte;
+    EXPECT_EQ(recv(silent[0], &byte, 1, MSG_DONTWAIT), -1) << "its answer is due";
+    for (int fd : silent)
+        close(fd);
+}
+
+TEST(Ipc, WhatIsIdleEndsWithoutAnEvent) {
+    Daemon daemon(0, [] {
+        let_time_stand();
+        utils_testing_step_clock(CLOCK_MONOTONIC, kSecond);
+    });
+    int idle = packets_to_daemon();
+    EXPECT_TRUE(is_ended(idle));
+    close(idle);
+}
+
 TEST(Ipc, ConnectionsAreKeptUntilIdleAndForTheirThreadAlone) {
     Daemon daemon;
-    ipc_address nobody = testd();
-    nobody.name[0] = 'n';
-    const Answer kGotA{0, 'a'};
-    auto ask_a = [&] { EXPECT_EQ(ask(kSum, "a"), kGotA); };
+    ipc_address nobody = testd("nobody");
+    auto ask_a = [&] { EXPECT_EQ(ask(kSum, "a"), (Answer{0, 'a'})); };
     auto ask_nobody = [&] {
         uint32_t length = 0;
         EXPECT_EQ(ipcSendRcv(&nobody, kSum, nullptr, 0, nullptr, &length, kLong), -ENOENT);
     };
     utils_testing_advance_clock(CLOCK_MONOTONIC, 5 * support::kSecond);
     ask_nobody();
-    int before = open_descriptors(), kept = dup(0);
+    int before = open_now(), kept = dup(0);
     close(kept);
     for (int i = 0; i < 3; ++i) {
         ask_a();
-        EXPECT_EQ(open_descriptors(), before + 1);
+        EXPECT_EQ(open_now(), before + 1);
         std::thread(ask_a).join();
-        EXPECT_EQ(open_descriptors(), before + 1) << "a thread leaves its connection behind";
+        EXPECT_EQ(open_now(), before + 1) << "a thread leaves its connection behind";
         EXPECT_TRUE(support::passes_in_child([&] {
             EXPECT_EQ(fcntl(kept, F_GETFD), -1) << "a child has its parent's connection";
             ask_a();
@@ -146,26 +284,51 @@ TEST(Ipc, ConnectionsAreKeptUntilIdleAndForTheirThreadAlone) {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, other), 0);
     EXPECT_EQ(dup2(other[0], kept), kept);  // what the program puts in its place is the program's
     ask_a();
-    EXPECT_EQ(open_descriptors(), before + 4);
+    EXPECT_EQ(open_now(), before + 4);
     for (int fd : {other[0], other[1], kept})
         close(fd);
     utils_testing_advance_clock(CLOCK_MONOTONIC, 5 * support::kSecond);
     EXPECT_EQ(ipcSend(&nobody, kSum, nullptr, 0, kLong), -ENOENT);
-    EXPECT_EQ(open_descriptors(), before + 1) << "a message is no request";
+    EXPECT_EQ(open_now(), before + 1) << "a message is no request";
     ask_nobody();
-    EXPECT_EQ(open_descriptors(), before) << "idle for 5 seconds";
+    EXPECT_EQ(open_now(), before) << "idle for 5 seconds";
     ask_a();
     int raw = packets_to_daemon();
-    char byte;
     std::thread([] { EXPECT_EQ(ask(kDefer, "", kBrief), (Answer{-ETIMEDOUT, 0})); }).join();
-    EXPECT_EQ(recv(raw, &byte, 1, 0), 0);  // the daemon has ended what was idle
+    EXPECT_TRUE(is_ended(raw));
     close(raw);
+    ask_a();
+    utils_testing_fail_call("socket", 1, EMFILE, 1);
+    ask_nobody();
+    EXPECT_EQ(open_now(), before) << "nothing idle when descriptors run short";
     ask_a();
     EXPECT_EQ(ask(kTwice, ""), (Answer{0, 1}));
     ask_a();
-    EXPECT_EQ(open_descriptors(), before + 1);
+    EXPECT_EQ(open_now(), before + 1);
     EXPECT_EQ(ask(kUnknown, ""), (Answer{-ECONNRESET, 0}));
-    EXPECT_EQ(open_descriptors(), before) << "after an error";
+    EXPECT_EQ(open_now(), before) << "after an error";
+    int input = dup(0);
+    close(0);
+    ask_a();
+    EXPECT_EQ(fcntl(0, F_GETFD), -1) << "in the place of the standard input";
+    EXPECT_EQ(dup2(input, 0), 0);
+    close(input);
+    std::atomic<int> asked{0};
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 20; ++i)
+            threads.emplace_back(
+                [&] { ask_a(), ++asked, eventually([&] { return asked == 99; }); });
+        EXPECT_TRUE(eventually([&] { return asked == 20; }));
+        EXPECT_EQ(open_now(), before + 16) << "no more than the pool holds";
+        asked = 99;
+    }
+    ask_a();
+    EXPECT_EQ(open_now(), before + 1);
+    replace_call("geteuid", [] { return uid_t{4711}; });
+    ask_a();
+    utils_testing_replace_call("geteuid", nullptr);
+    EXPECT_EQ(open_now(), before + 1) << "another user's connection";
 }
 
 // The daemon's side by hand: what is refused comes again over a new connection, what was received
@@ -186,6 +349,7 @@ TEST(Ipc, RequestsThatMayHaveArrivedAreNotRepeated) {
             EXPECT_EQ(send(fd, own.data(), 12, 0), 12);
             if (last == SHUT_RDWR) {
                 EXPECT_EQ(recv(fd, packet, sizeof packet, 0), 8 + 20);
+                EXPECT_EQ(send(fd, own.data(), 7, 0), 7);  // less than an answer's head
             }
             close(fd);
         }
@@ -208,54 +372,148 @@ TEST(Ipc, SignalsDoNotProlongARequest) {
     support::let_interrupt(SIGALRM);
     itimerval often{{0, 5000}, {0, 5000}}, never{};
     setitimer(ITIMER_REAL, &often, nullptr);
+    int64_t begin = monotonic_ms();
     EXPECT_EQ(ask(kSum, "", kBrief), (Answer{-ETIMEDOUT, 0}));
+    EXPECT_GE(monotonic_ms() - begin, 49) << "nor shorten it";
     setitimer(ITIMER_REAL, &never, nullptr);
     close(first);
     close(listener);
 }
 
-// Strangers lock the directory and put a file in the place of the name's lock. Then the lock is in
-// the hands of a process of our own, for which ipc_open() waits in spite of signals.
+// Strangers lock the directory, and a file in the place of the name's lock that they can open. Then the
+// lock is in the hands of a process of our own, for which ipc_open() waits in spite of signals.
 TEST(Ipc, OpeningHoldsNobodyUpAndIsHeldUpByNoStranger) {
     ipc_address own = testd();
     std::string lock = socket_of_testd() + ".lock";
-    int directory = open("/run/korin", O_RDONLY | O_DIRECTORY), ends[2];
+    int directory = open("/run/korin", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     flock(directory, LOCK_SH);
-    support::write_file(lock, "");
-    EXPECT_EQ(ipc_open(&own), 0);
-    EXPECT_NE(access(lock.c_str(), F_OK), 0) << "the lock's file stays";
-    ipc_close();
-    char byte;
-    ASSERT_EQ(pipe(ends), 0);
-    pid_t holder = fork();
-    if (holder == 0) {
-        struct flock whole {};
-        whole.l_type = F_WRLCK;
-        fcntl(open(lock.c_str(), O_RDWR | O_CREAT, 0600), F_SETLK, &whole);
-        _exit(write(ends[1], "x", 1) == 1 ? pause() : 1);
+    auto hold = [&](mode_t mode) {
+        return std::make_unique<Process>([&, mode](auto &ready) {
+            struct flock whole {};
+            whole.l_type = F_WRLCK;
+            int fd = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode);
+            if (fchmod(fd, mode) == 0 && fcntl(fd, F_SETLK, &whole) == 0)
+                ready();
+            return pause();
+        });
+    };
+    for (mode_t mode : {0604, 0640, 0601, 0602}) {
+        auto stranger = hold(mode);
+        EXPECT_TRUE(stranger->is_ready());
+        EXPECT_EQ(ipc_open(&own), 0) << mode;
+        EXPECT_NE(access(lock.c_str(), F_OK), 0) << "the lock's file stays";
+        ipc_close();
     }
-    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    auto holder = hold(0600);
+    utils_testing_step_clock(CLOCK_MONOTONIC, 9 * kSecond);
+    EXPECT_EQ(ipc_open(&own), -ETIMEDOUT);
+    EXPECT_EQ(access(lock.c_str(), F_OK), 0) << "its holder's file is gone";
+    utils_testing_release_clock(CLOCK_MONOTONIC);
     support::let_interrupt(SIGUSR1);
     std::atomic<int> results{0};
     auto opener = [&] { results += ipc_open(&own); };
     std::thread threads[] = {std::thread(opener), std::thread(opener)};
     EXPECT_TRUE(eventually([&] { return results == -EALREADY; }));  // one waits
-    EXPECT_EQ(ipc_unregister(kUnknown), -ENOENT);
     for (std::thread &thread : threads)
         pthread_kill(thread.native_handle(), SIGUSR1);
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
+    holder.reset();
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(results, -EALREADY);
     ipc_close();
-    EXPECT_EQ(fchmod(directory, 0777), 0);
-    EXPECT_EQ(ipc_open(&own), -EPERM) << "anyone could put a socket in place of ours";
-    EXPECT_EQ(fchmod(directory, 01777), 0);
-    EXPECT_EQ(ipc_open(&own), 0);
-    ipc_close();
-    for (int fd : {directory, ends[0], ends[1]})
-        close(fd);
+    for (auto [mode, result] : {std::pair(0777, -EPERM), {01777, 0}}) {
+        EXPECT_EQ(fchmod(directory, mode), 0);
+        EXPECT_EQ(ipc_open(&own), result) << "anyone could put a socket in place of ours";
+        ipc_close();
+    }
+    close(directory);
+}
+
+TEST(Loop, ServesWhatIsWatchedAndEndsWhenItIsAsked) {
+    static std::string called;
+    static std::atomic<int> polls{0}, wanted{1};
+    alarm(60);  // who waits for good is ended
+    ioss_loop *loop = ioss_loop_create();
+    int first[2], second[2];
+    ASSERT_EQ(pipe2(first, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(second, O_CLOEXEC), 0);
+    auto note = [](void *, int) { called += 'a'; };
+    auto take_back = [](void *arg, int fd) {
+        called += 'b';
+        ioss_unwatch(static_cast<ioss_loop *>(arg), fd);
+        ioss_stop(static_cast<ioss_loop *>(arg));
+    };
+    EXPECT_EQ(ioss_watch(loop, first[0], note, nullptr), 0);
+    EXPECT_EQ(ioss_watch(loop, second[0], take_back, loop), 0);
+    EXPECT_EQ(ioss_watch(loop, -1, note, nullptr), -1);
+    EXPECT_EQ(ioss_watch(loop, 0, nullptr, nullptr), -1);
+    EXPECT_EQ(write(first[1], "x", 1), 1);
+    EXPECT_EQ(write(second[1], "x", 1), 1);
+    EXPECT_EQ(ioss_run(loop, -1), 0);
+    EXPECT_EQ(called, "ab");
+    utils_testing_step_clock(CLOCK_MONOTONIC, kSecond);
+    EXPECT_EQ(ioss_run(loop, 1500), 0);
+    EXPECT_EQ(called, "aba") << "the one that was taken back is still ready";
+    utils_testing_step_clock(CLOCK_MONOTONIC, 0);
+    ioss_unwatch(loop, first[0]);
+    for (int i = 0; i < 66; ++i)
+        EXPECT_EQ(ioss_watch(loop, 0, note, nullptr), i < 64 ? 0 : -1);
+    for (int i = 0; i < 64; ++i)
+        ioss_unwatch(loop, 0);
+    ioss_stop(loop);
+    EXPECT_EQ(ioss_run(loop, -1), 0) << "stopped before";
+    EXPECT_EQ(called, "aba");
+
+    auto poll = [](void *, int32_t *, int32_t *wanted_ms) { return *wanted_ms = wanted, ++polls; };
+    EXPECT_EQ(ioss_create(nullptr, poll, 0, 0, 0), -1);
+    EXPECT_EQ(ioss_create(first, poll, 0, 0, 0), -1);
+    EXPECT_EQ(ioss_create(loop, nullptr, 0, 0, 0), -1);
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(ioss_create(loop, poll, 0, 0, 0), i < 4 ? 0 : -1);
+    EXPECT_EQ(errno, ENOSPC);
+    static int waited;
+    static ioss_loop *waiting;
+    waiting = loop;
+    utils_testing_set_clock(CLOCK_MONOTONIC, kSecond);
+    replace_call("poll", [](pollfd *, nfds_t, int limit_ms) {
+        waited = limit_ms;
+        ioss_stop(waiting);
+        errno = EINTR;
+        return -1;
+    });
+    for (auto [limit, poll_ms, expected] :
+         {std::tuple(1000, 7, 7), {1000, 5000, 1000}, {1000, 0, 1000}, {-1, 7, 7}, {-1, 0, -1}}) {
+        wanted = poll_ms;
+        EXPECT_EQ(ioss_run(loop, limit), 0);
+        EXPECT_EQ(waited, expected) << limit << " " << poll_ms;
+    }
+    utils_testing_replace_call("poll", nullptr);
+    utils_testing_release_clock(CLOCK_MONOTONIC);
+    EXPECT_EQ(ioss_run(loop, 0), 0);
+    utils_testing_fail_call("poll", 1, ENOMEM, 1);
+    EXPECT_EQ(ioss_run(loop, -1), -1);
+    utils_testing_fail_call("eventfd", 1, EMFILE, 1);
+    EXPECT_EQ(ioss_loop_create(), nullptr);
+    wanted = 1;
+    std::thread runner([&] { EXPECT_EQ(ioss_run(loop, -1), 0); });
+    EXPECT_TRUE(eventually([] { return polls > 40; })) << "each millisecond";
+    wanted = 0;
+    int waits = utils_testing_count_calls("poll");
+    EXPECT_TRUE(eventually([&] { return utils_testing_count_calls("poll") > waits; }));
+    int before = polls;
+    ioss_wake(reinterpret_cast<uintptr_t>(loop));
+    EXPECT_TRUE(eventually([&] { return polls > before; })) << "no wake";
+    ioss_stop(loop);
+    runner.join();
+    EXPECT_EQ(ioss_free(nullptr), -1);
+    EXPECT_EQ(ioss_free(loop), 0);
+    before = polls;
+    EXPECT_EQ(ioss_run(loop, 1), 0);
+    EXPECT_EQ(polls, before);
+    alarm(0);
+    ioss_loop_destroy(loop);
+    for (int end : {first[0], first[1], second[0], second[1]})
+        close(end);
 }
 
 }  // namespace

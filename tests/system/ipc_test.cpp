@@ -80,7 +80,7 @@ TEST(Ipc, OutputOfADaemonGoesToAFileATerminalAndAServer) {
         [] { return qelDRedirOutputToSocket("127.0.0.1", 2301, "testd", kRedirect) == 0; }));
     EXPECT_EQ(ask(kPoke, ""), kPoked);
     std::string sw = "sw" + std::to_string(getMySwitch()) + ": ";
-    std::string expected = "\nINFO+++ " + sw + "pid(" + std::to_string(daemon.pid) +
+    std::string expected = "\nINFO+++ " + sw + "pid(" + std::to_string(daemon.pid()) +
                            "), output redirected to host(127.0.0.1), port(2301)\nout\nerr\n";
     expected += sw + "failed to connect to server(127.0.0.1)\n";
     EXPECT_EQ(qelDRedirOutputToSocket("127.0.0.1", 9, "testd", kRedirect), -1);
@@ -100,11 +100,11 @@ TEST(Ipc, RedirectionAppendsWhateverIsOpenAndNeverBlocks) {
         unlink("/tmp/output");
         for (int round = 0; round < 2; ++round) {
             auto ending = support::in_child([&] {
-                int before = open_descriptors();
+                int before = utils_testing_open_descriptors();
                 close(closed);
                 return qelDRedirectOutput_impl("/tmp/output") != 0 ||
                        (fcntl(1, F_GETFL) & O_NONBLOCK) == 0 || fcntl(1, F_GETFD) != 0 ||
-                       open_descriptors() != before ||
+                       utils_testing_open_descriptors() != before ||
                        write(1, "out\n", 4) + write(2, "err\n", 4) != 8;
             });
             EXPECT_EQ(ending.status, 0) << closed;

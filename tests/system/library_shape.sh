@@ -3,7 +3,7 @@
 # The built library: its exports, what it needs, its soname, its hardening and whom its calls reach.
 set -euo pipefail
 library=$1 map=$2/libutils.map compared=$2/compared.list companion=$3 companion_map=$4
-fail() { echo "library_shape: $*" >&2; exit 1; }
+. "$(dirname "$0")/../support/commands.sh"
 
 # exports LIBRARY MAP VERSION FEWEST: exactly what the version script lists, each under the version.
 exports() {

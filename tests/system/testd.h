@@ -2,18 +2,12 @@
 // A daemon for tests, in a process of its own, and what a requester needs to talk to it.
 #pragma once
 
-#include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
-#include <cstring>
 #include <thread>
 #include <tuple>
 
@@ -28,7 +22,19 @@
 
 namespace support {
 
-enum Code { kSum = 1, kPoke, kDie, kEcho, kNothing, kDefer, kRelease, kRecord, kTwice, kUnknown };
+enum Code {
+    kSum = 1,
+    kPoke,
+    kDie,
+    kEcho,
+    kNothing,
+    kDefer,
+    kRelease,
+    kRecord,
+    kTwice,
+    kFork,
+    kUnknown
+};
 
 constexpr int kRedirect = IPC_CODE_REDIRECT_OUTPUT, kExit = IPC_CODE_EXIT;
 inline const uint32_t kLong[2] = {20, 0}, kBrief[2] = {0, 50000};
@@ -44,8 +50,22 @@ inline bool slow() {
 #endif
 }
 
-inline ipc_address testd() {
-    return {myNode(), static_cast<uint16_t>(getMySwitch()), "testd"};
+inline ipc_address testd(const char *name = "testd") {
+    ipc_address address{myNode(), static_cast<uint16_t>(getMySwitch()), {}};
+    memcpy(address.name, name, strlen(name));
+    return address;
+}
+
+// From here on, this process takes those that connect for a user's.
+inline uid_t peers_user = 0;
+inline void see_peers_of(uid_t user) {
+    peers_user = user;
+    replace_call("getsockopt", [](int fd, int level, int name, void *value, socklen_t *size) {
+        int result = getsockopt(fd, level, name, value, size);
+        if (result == 0 && name == SO_PEERCRED)
+            static_cast<ucred *>(value)->uid = peers_user;
+        return result;
+    });
 }
 
 inline int stream_at(const std::string &path, int type,
@@ -66,13 +86,6 @@ inline std::string socket_of_testd() {
 
 inline int packets_to_daemon() {
     return stream_at(socket_of_testd(), SOCK_SEQPACKET, connect);
-}
-
-inline int open_descriptors() {
-    int count = 0;
-    for (int fd = 0; fd < 64; ++fd)
-        count += fcntl(fd, F_GETFD) != -1;
-    return count;
 }
 
 inline int answer(void *to, int code, const std::string &data) {
@@ -109,6 +122,10 @@ inline void serve_everything() {
     });
     ipc_register(kDie, [](void *, int, void *) { return kill(getpid(), SIGKILL); });
     ipc_register(kEcho, [](void *to, int code, void *m) { return answer(to, code, received(m)); });
+    ipc_register(kFork, [](void *to, int code, void *) {
+        pid_t child = fork();
+        return child != 0 ? answer(to, code, native(child)) : pause();
+    });
     ipc_register(kNothing, [](void *, int, void *) { return 0; });
     ipc_register(kDefer, [](void *to, int, void *) {
         deferred = *static_cast<ipc_address *>(to);
@@ -146,52 +163,31 @@ inline void serve_commands() {
     }).detach();
 }
 
-// A daemon in a process of its own, ready when the constructor returns; it dies with the object.
-struct Daemon {
-    pid_t pid;
-    bool ready;
-    int status = -1;
-
-    explicit Daemon(rlim_t descriptors = 0) {
-        int ends[2];
-        char byte;
-        EXPECT_EQ(pipe(ends), 0);
-        fflush(nullptr);
-        pid = fork();
-        if (pid == 0) {
-            ipc_address own = testd();
-            rlimit few{descriptors, descriptors};
-            serve_everything();
-            if (descriptors != 0)
-                setrlimit(RLIMIT_NOFILE, &few);
-            else
-                serve_commands();
-            int result = ipc_open(&own);
-            if (result != 0 || write(ends[1], "r", 1) != 1)
-                _exit(-result);
-            for (;;)
-                pause();
-        }
-        close(ends[1]);
-        ready = read(ends[0], &byte, 1) == 1;
-        close(ends[0]);
-    }
-    ~Daemon() {
-        if (status == -1)
-            kill(pid, SIGKILL);
-        ending();
-    }
-    int ending() {
-        if (status == -1)
-            waitpid(pid, &status, 0);
-        return status;
-    }
+// A daemon in a process of its own, which may have `descriptors` (0: as many as the test), after `before`.
+struct Daemon : Process {
+    explicit Daemon(
+        rlim_t descriptors = 0, const std::function<void()> &before = [] {})
+        : Process([&](auto &ready) {
+              ipc_address own = testd();
+              rlimit few{descriptors, descriptors};
+              before();
+              serve_everything();
+              if (descriptors != 0)
+                  setrlimit(RLIMIT_NOFILE, &few);
+              else
+                  serve_commands();
+              if (int error = ipc_open(&own); error != 0)
+                  return -error;
+              for (ready();;)
+                  pause();
+          }) {}
 };
 
 // The result of an exchange, and the first word of the answer.
 using Answer = std::pair<int, int32_t>;
-inline Answer ask(int code, std::string data, const uint32_t timeout[2] = kLong) {
-    ipc_address to = testd();
+inline Answer ask(int code, std::string data, const uint32_t timeout[2] = kLong,
+                  const char *daemon = "testd") {
+    ipc_address to = testd(daemon);
     int32_t word = 0;
     uint32_t length = sizeof word;
     int result = qelIpcSendOne(&to, code, data.data(), static_cast<uint32_t>(data.size()), &word,
@@ -216,11 +212,12 @@ inline std::string redirect(uint32_t kind, uint32_t offset, uint32_t length, std
     return words({kind, offset, length, port}) + text.append(4 - text.size() % 4, '\0');
 }
 
-inline std::string send_command(const std::string &message) {
-    int fd = stream_at(kCommands, SOCK_STREAM, connect);
+// What is answered to the bytes of a command message, until the connection's end.
+inline std::string send_command(const std::string &message, const std::string &path = kCommands) {
+    int fd = stream_at(path, SOCK_STREAM, connect);
     send(fd, message.data(), message.size(), MSG_NOSIGNAL);
     shutdown(fd, SHUT_WR);
-    std::string reply(256, '\0');
+    std::string reply(512, '\0');
     ssize_t n = recv(fd, reply.data(), reply.size(), MSG_WAITALL);
     close(fd);
     return reply.substr(0, n > 0 ? static_cast<size_t>(n) : 0);

@@ -6,16 +6,13 @@
 set -euo pipefail
 browser=$(command -v /usr/lib/chromium/chromium || command -v chromium || true)
 [ "$browser" ] || { echo "timeline_page.sh: skipped: there is no chromium"; exit 77; }
-fail() { echo "timeline_page: $*" >&2; exit 1; }
-bin=$1
+. "$(dirname "$0")/../support/commands.sh"
+programs "$1" portd qelctl
 { while sleep 0.05; do echo datagram >/dev/udp/127.0.0.1/9; done; } 2>/dev/null & traffic=$!
 printf '\0\0\0\0\0\5\0\0\0\0\0\0' >/config/haconfig
-"$bin/portd" -s 7 -p 100 >/tmp/portd.out &
+portd -s 7 -p 100 >/tmp/portd.out &
 daemon=$!
-for ((i = 0; i < 400; ++i)); do
-    [[ $("$bin/qelctl" evlog --daemon portd 2>/dev/null) != *'lo: in'*'lo: in'* ]] || break
-    sleep 0.05
-done
+await sh -c "qelctl evlog --daemon portd | grep -c 'lo: in' | grep -q '[2-9]'"
 disown "$daemon"
 kill -KILL "$daemon"
 kill "$traffic"
@@ -23,7 +20,7 @@ cd /dev/shm/trace
 log=$(echo "$daemon".1.*)
 at=$(LC_ALL=C grep -abo -m1 'lo: in' "$log" | head -n 1 | cut -d: -f1) || fail "no events"
 printf '</script><b id=x>\e\xff\n\0' | dd of="$log" bs=1 seek="$at" conv=notrunc status=none
-"$bin/qelctl" evlog --daemon portd --timeline /tmp/page.html
+qelctl evlog --daemon portd --timeline /tmp/page.html
 ! grep -qE '(src|href)=|https?:|@import|url\(' /tmp/page.html || fail "the page wants something from elsewhere"
 
 # What a user does, done by a script behind the page's own; what it finds goes into the title.
@@ -48,7 +45,7 @@ HTML
 cat /tmp/page.html /tmp/steps.html >/tmp/driven.html
 timeout 300 "$browser" --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --user-data-dir=/tmp/profile \
     --window-size=1200,700 --dump-dom file:///tmp/driven.html >/tmp/dom 2>/tmp/browser.log || { cat /tmp/browser.log; fail "the browser has failed"; }
-python3 - "$("$bin/qelctl" evlog --json --daemon portd | python3 -c 'import json, sys; print(sum(len(log["events"]) for log in json.load(sys.stdin)["logs"]))')" <<'END'
+python3 - "$(qelctl evlog --json --daemon portd | python3 -c 'import json, sys; print(sum(len(log["events"]) for log in json.load(sys.stdin)["logs"]))')" <<'END'
 import html, json, re, sys
 found = json.loads(html.unescape(re.search("<title>RESULTS (.*?)</title>", open("/tmp/dom").read())[1]))
 every = f"{sys.argv[1]} of {sys.argv[1]} events"

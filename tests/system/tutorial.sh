@@ -5,10 +5,9 @@
 #   tutorial.sh SOURCE BUILD-DIRECTORY
 set -euo pipefail
 source=$1 build=$2 prefix=/tmp/prefix
-fail() { echo "tutorial: $*" >&2; exit 1; }
-expect() { grep -qE -- "$1" /tmp/out || { cat /tmp/out; fail "no line like '$1'"; }; }
+. "$(dirname "$0")/../support/commands.sh"
 
-cmake --install "$build" --prefix "$prefix" >/tmp/out || { cat /tmp/out; exit 1; }
+installed "$build" "$prefix"
 mkdir /tmp/own && cd /tmp/own
 awk '/^```/ {if (on) {on = 0; close(file); file = ""; next}
              if (file == "") {print "line " FNR ": a listing without a file"; exit 1}
@@ -22,34 +21,25 @@ while read -r file; do
     cmp "$source/$file" "$prefix/share/libutils/$file" || fail "$file is not what was installed"
 done </tmp/listings
 
-library=$(dirname "$(find "$prefix" -name libutils.so)")
-export PKG_CONFIG_PATH=$library/pkgconfig CMAKE_PREFIX_PATH=$prefix LD_LIBRARY_PATH=$library PATH=$prefix/bin:$PATH
 echo "add-auto-load-safe-path $prefix" >~/.gdbinit
-sh build.sh cmake >/tmp/out 2>&1 || { cat /tmp/out; fail "no build by CMake"; }
-[[ $(build/hello_daemon --nonsense 2>&1) == "usage: hello_daemon"* ]] || fail "what CMake built does not run"
+quietly sh build.sh cmake
+expect 2 '^usage: hello_daemon' build/hello_daemon --nonsense
 sh build.sh
 printf '\0\0\0\0\0\5\0\0\0\0\0\0' >/config/haconfig
-timeout 60 sh operate.sh >/tmp/out 2>&1 || { cat /tmp/out; fail "operating it gives $?"; }
-expect '^5 +0 +hello .*running$'
-expect '^Hello, WORLD! [0-9]+ ticks so far\.$'
-expect '^tick +armed +in -?[0-9]+ ms$'
-expect ' tick 3$'
-expect 'has ended'
+quietly timeout 60 sh operate.sh
+says '^5 +0 +hello .*running$' '^Hello, WORLD! [0-9]+ ticks so far\.$' '^tick +armed +in -?[0-9]+ ms$' ' tick 3$' 'has ended'
 case $(cat /proc/sys/kernel/core_pattern) in
     [\|/]*) echo "tutorial: skipped: the core file: this machine sends core files elsewhere" ;;
     *)
-        timeout 60 bash crash.sh >/tmp/out 2>&1 || { cat /tmp/out; fail "the crash gives $?"; }
-        expect '^.1 = [1-9]'
-        expect '^0x[0-9a-f]+: periodic timer, armed for 100 ms, .* on_tick\('
-        expect '^event log "ticks" \(ticks\): 100 entries'
-        expect ' tick 1$'
+        quietly timeout 60 bash crash.sh
+        says '^.1 = [1-9]' '^0x[0-9a-f]+: periodic timer, armed for 100 ms, .* on_tick\(' \
+            '^event log "ticks" \(ticks\): 100 entries' ' tick 1$'
         ;;
 esac
 if command -v dpkg-deb >/dev/null; then
     sh package.sh "$prefix/share/libutils" >/dev/null
     dpkg-deb --contents hello-daemon.deb | awk '{print $1, $2, $6}' >/tmp/out
-    expect '^-rwxr-xr-x root/root \./usr/sbin/hello_daemon$'
-    expect '^-rw-r--r-- root/root \./usr/lib/systemd/system/hello\.service$'
+    says '^-rwxr-xr-x root/root \./usr/sbin/hello_daemon$' '^-rw-r--r-- root/root \./usr/lib/systemd/system/hello\.service$'
 else
     echo "tutorial: skipped: the package: no dpkg-deb"
 fi

@@ -15,52 +15,26 @@
 
 namespace {
 
-constexpr struct {
-    const char *function;
-    std::initializer_list<int> errors;
-} kFaults[] = {{"malloc", {ENOMEM}},
-               {"fcntl", {EINTR, ENOLCK, EACCES}},
-               {"select", {EINTR}},
-               {"poll", {EINTR, ENOMEM}},
-               {"open", {EINTR, EMFILE, EACCES}},
-               {"openat", {EMFILE}},
-               {"read", {EINTR, EIO}},
-               {"write", {EINTR, ENOSPC, EAGAIN}},
-               {"fsync", {ENOSPC}},
-               {"ftruncate", {ENOSPC}},
-               {"mmap", {ENOMEM}},
-               {"posix_fallocate", {EINTR, ENOSPC}},
-               {"lseek", {EIO}},
-               {"shmget", {ENOSPC, ENOMEM}},
-               {"shmat", {ENOMEM}},
-               {"socket", {EMFILE}},
-               {"connect", {EINTR, EAGAIN, EACCES}},
-               {"bind", {EACCES}},
-               {"listen", {EADDRINUSE}},
-               {"accept4", {EINTR, EMFILE}},
-               {"recv", {EINTR, EAGAIN}},
-               {"send", {EINTR, EAGAIN}},
-               {"recvmsg", {EINTR}},
-               {"setpriority", {EACCES}},
-               {"pthread_create", {EAGAIN}},
+const struct {
+    int error;
+    std::vector<const char *> functions;
+} kFaults[] = {
+    {EINTR,
+     {"fcntl", "select", "poll", "open", "read", "write", "posix_fallocate", "connect", "accept4",
+      "recv", "send", "recvmsg", "dup2", "flock", "getrandom", "close"}},
+    {ENOMEM, {"malloc", "poll", "mmap", "shmget", "shmat", "pthread_cond_init", "popen", "fdopen"}},
 #ifndef __SANITIZE_THREAD__  // knows no mutex where another one stood
-               {"pthread_mutex_init", {ENOMEM}},
+    {ENOMEM, {"pthread_mutex_init"}},
 #endif
-               {"pthread_cond_init", {ENOMEM}},
-               {"fork", {EAGAIN}},
-               {"popen", {ENOMEM, EMFILE}},
-               {"fopen", {EMFILE}},
-               {"fdopen", {ENOMEM}},
-               {"dup2", {EINTR}},
-               {"eventfd", {EMFILE}},
-               {"mkdir", {ENOSPC}},
-               {"mkdirat", {ENOSPC}},
-               {"rename", {EACCES}},
-               {"flock", {EINTR, ENOLCK}},
-               {"readlink", {EACCES}},
-               {"getrandom", {EINTR}},
-               {"fclose", {ENOSPC}},
-               {"close", {EINTR}}};
+    {EMFILE, {"open", "openat", "socket", "accept4", "popen", "fopen", "eventfd"}},
+    {EACCES, {"fcntl", "open", "connect", "bind", "setpriority", "rename", "readlink"}},
+    {ENOSPC,
+     {"write", "fsync", "ftruncate", "posix_fallocate", "shmget", "mkdir", "mkdirat", "fclose"}},
+    {EAGAIN, {"write", "connect", "recv", "send", "pthread_create", "fork"}},
+    {ENOLCK, {"fcntl", "flock"}},
+    {EIO, {"read", "lseek"}},
+    {EADDRINUSE, {"listen"}},
+};
 
 // What fails; a scenario switches it off before it tries again, or sets back what it has used.
 const char *failing;
@@ -78,7 +52,60 @@ int stated(const char *what, int result, Stated... results) {
 }
 #define STATED(call, ...) stated(#call, call, __VA_ARGS__)
 
-void use_msgq() {
+struct Left {
+    int blocks = utils_testing_live_blocks(), descriptors = utils_testing_open_descriptors(),
+        segments = support::segments();
+};
+
+// Lets the scenario run with the function's first, second, ... call failing. Gives their number.
+int drive(void (*scenario)(), const char *function, int error) {
+#ifdef UTILS_TESTING_SANITIZED
+    // A sanitizer needs memory of its own where a thread starts.
+    utils_testing_this_thread_only(strcmp(function, "malloc") == 0);
+#endif
+    scenario();  // makes what stays for good, and shows that the last failure did no harm
+    for (int nth = 1;; ++nth) {
+        Left before;
+        utils_testing_fail_call(function, nth, error, 1);
+        scenario();
+        calm();
+        if (utils_testing_failures() == 0)
+            return nth - 1;
+        // A thread that was asked to end may still be at it.
+        support::eventually([&] { return Left().blocks <= before.blocks; }, 2000);
+        Left after;
+        std::string where =
+            "call " + std::to_string(nth) + " of " + function + ": " + strerror(error);
+        EXPECT_LE(after.blocks, before.blocks) << where;
+        EXPECT_EQ(after.descriptors, before.descriptors) << where;
+        EXPECT_EQ(after.segments, before.segments) << where;
+    }
+}
+
+// With each function's calls failing.
+void drive_all(const char *family, void (*scenario)()) {
+    support::leaves({.descriptors = 2, .threads = 1});  // a watch thread and its pipe, for good
+    int points = 0;
+    std::string printed = support::captured(1, [&] {
+        for (auto &[error, functions] : kFaults) {
+            for (const char *function : functions)
+                points += drive(scenario, failing = function, error);
+        }
+    });
+    if (testing::Test::HasFailure())
+        puts(printed.c_str());
+    printf("%s: %d points\n", family, points);
+    EXPECT_GT(points, 0);
+}
+
+#define SCENARIO(family)                  \
+    void use_##family();                  \
+    TEST(FailingCalls, family) {          \
+        drive_all(#family, use_##family); \
+    }                                     \
+    void use_##family()
+
+SCENARIO(msgq) {
     msgQHandle queue = msgQCreate(2, 64, 0, "queue");
     if (queue == nullptr)
         return;
@@ -93,7 +120,7 @@ void use_msgq() {
     EXPECT_EQ(msgQDelete(queue), 0);
 }
 
-void use_sema() {
+SCENARIO(sema) {
     semaHandle sema = semaCreate(1);
     if (sema == nullptr)
         return;
@@ -102,7 +129,7 @@ void use_sema() {
     EXPECT_EQ(semaDelete(sema), 0);
 }
 
-void use_hash() {
+SCENARIO(hash) {
     hash_table *table = create_hash_table(pid_hash, pid_cmp), *copy = nullptr;
     if (table == nullptr)
         return;
@@ -125,7 +152,7 @@ void use_hash() {
     free_hash_handle(table);
 }
 
-void use_qel_string() {
+SCENARIO(qel_string) {
     qelString *string = qelStringInit(2, 0);
     if (string == nullptr)
         return;
@@ -137,7 +164,7 @@ void use_qel_string() {
     string->ops->free(string);
 }
 
-void use_timer() {
+SCENARIO(timer) {
     msgQHandle queue = msgQCreate(2, TIMER_MESSAGE_LENGTH, 0, "timers");
     timerHandle timer = queue != nullptr ? timer_create_r(queue, nullptr, 1, 2) : nullptr;
     if (timer != nullptr) {
@@ -149,13 +176,10 @@ void use_timer() {
         msgQDelete(queue);
 }
 
-// On the heap, or in a section of the platform's.
-template <int kPlatform>
-void use_evlog() {
-    support::replace_call("ioctl", [](int, unsigned long, int32_t *code) {
-        *code = kPlatform;
-        return 0;
-    });
+void use_evlogs_of(int32_t platform) {
+    static int32_t code;
+    code = platform;
+    support::replace_call("ioctl", [](int, unsigned long, int32_t *to) { return *to = code, 0; });
     FILE *sink = fopen("/dev/null", "w");
     qel_evlog_db db;
     STATED(qel_evlog_init(&db), 0, -1);
@@ -174,7 +198,15 @@ void use_evlog() {
     utils_testing_replace_call("ioctl", nullptr);
 }
 
-void use_log_cache() {
+SCENARIO(evlogs_on_the_heap) {
+    use_evlogs_of(26);
+}
+
+SCENARIO(evlogs_in_sections) {
+    use_evlogs_of(1);
+}
+
+SCENARIO(log_cache) {
     static int once = log_cache_init("failing");
     EXPECT_EQ(once, 0);
     log_cache_write("a line of %s", "text");
@@ -188,7 +220,7 @@ void use_log_cache() {
     EXPECT_EQ(log_cache_reset(), 0);
 }
 
-void use_log_compress() {
+SCENARIO(log_compress) {
     unsigned char bytes[1000];
     char line[] = "a line";
     log_compressor *out = log_createCompressor(bytes, sizeof bytes);
@@ -199,7 +231,7 @@ void use_log_compress() {
     log_deleteDecompressor(log_createDecompressor(bytes, sizeof bytes));
 }
 
-void use_service_stat() {
+SCENARIO(service_stat) {
     if (STATED(serviceStat_init(2), 0, -1) == 0)
         serviceStats[1].calls = 3;
     const char *names[] = {"A", "B", nullptr};
@@ -208,7 +240,7 @@ void use_service_stat() {
     serviceStats = nullptr;
 }
 
-void use_register() {
+SCENARIO(register) {
     static const cb_ops ops{nullptr, [](void *) { return 1; }};
     cb_callback callback = [](void *) { return 0; };
     static int32_t id = 0;
@@ -219,7 +251,7 @@ void use_register() {
     }
 }
 
-void use_proc_rwlock() {
+SCENARIO(proc_rwlock) {
     int fd = open("/tmp/lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     procrwlock_t lock;
     if (fd >= 0 && STATED(procrwlock_init(&lock, fd), 0, -1) == 0) {
@@ -236,7 +268,7 @@ void use_proc_rwlock() {
 }
 
 // The watch thread stays for good, and so does what it watches.
-void use_iot() {
+SCENARIO(iot) {
     static std::atomic<int> served{0};
     static int ends[2] = {-1, -1};
     if (ends[0] < 0) {
@@ -255,7 +287,7 @@ void use_iot() {
     EXPECT_TRUE(support::eventually([&] { return served > before; }));
 }
 
-void use_ipc_args() {
+SCENARIO(ipc_args) {
     static std::string large(5000, 'x');
     for (uint32_t length : {100u, 5000u}) {
         qelIpcArg piece{large.data(), length};
@@ -274,7 +306,7 @@ void use_ipc_args() {
 }
 
 // A daemon in this process, asked by another thread's worth of calls.
-void use_ipc() {
+SCENARIO(ipc) {
     ipc_address own{myNode(), static_cast<uint16_t>(getMySwitch()), "faulty"};
     ipc_register(5,
                  [](void *to, int code, void *) { return ipcSend(to, code, "yes", 4, nullptr); });
@@ -298,7 +330,7 @@ void use_ipc() {
     ipc_unregister(5);
 }
 
-void use_tnet_cmd() {
+SCENARIO(tnet_cmd) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         return;
@@ -313,7 +345,7 @@ void use_tnet_cmd() {
         close(end);
 }
 
-void use_files() {
+SCENARIO(files) {
     STATED(setSwitchStarttime(0), 0, -1);
     int fd = open("/tmp/lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0) {
@@ -329,76 +361,5 @@ void use_files() {
     getFirmwareVersion();
     ppnameGetInode(getpid());
 }
-
-const struct Scenario {
-    const char *family;
-    void (*run)();
-} kScenarios[] = {{"msgq", use_msgq},
-                  {"sema", use_sema},
-                  {"hash", use_hash},
-                  {"qel_string", use_qel_string},
-                  {"timer", use_timer},
-                  {"evlog on the heap", use_evlog<26>},
-                  {"evlog in a section", use_evlog<1>},
-                  {"log_cache", use_log_cache},
-                  {"log_compress", use_log_compress},
-                  {"service_stat", use_service_stat},
-                  {"register", use_register},
-                  {"proc_rwlock", use_proc_rwlock},
-                  {"iot", use_iot},
-                  {"ipc_args", use_ipc_args},
-                  {"ipc", use_ipc},
-                  {"tnet_cmd", use_tnet_cmd},
-                  {"files", use_files}};
-
-struct Left {
-    int blocks = utils_testing_live_blocks(), descriptors = utils_testing_open_descriptors(),
-        segments = support::segments();
-};
-
-// Lets the scenario run with the function's first, second, ... call failing. Gives their number.
-int drive(const Scenario &scenario, const char *function, int error) {
-#ifdef UTILS_TESTING_SANITIZED
-    // A sanitizer needs memory of its own where a thread starts.
-    utils_testing_this_thread_only(strcmp(function, "malloc") == 0);
-#endif
-    scenario.run();  // makes what stays for good, and shows that the last failure did no harm
-    for (int nth = 1;; ++nth) {
-        Left before;
-        utils_testing_fail_call(function, nth, error, 1);
-        scenario.run();
-        calm();
-        if (utils_testing_failures() == 0)
-            return nth - 1;
-        // A thread that was asked to end may still be at it.
-        support::eventually([&] { return Left().blocks <= before.blocks; }, 2000);
-        Left after;
-        std::string where =
-            "call " + std::to_string(nth) + " of " + function + ": " + strerror(error);
-        EXPECT_LE(after.blocks, before.blocks) << where;
-        EXPECT_EQ(after.descriptors, before.descriptors) << where;
-        EXPECT_EQ(after.segments, before.segments) << where;
-    }
-}
-
-class FailingCalls : public testing::TestWithParam<Scenario> {};
-
-TEST_P(FailingCalls, GiveStatedResultsAndLeaveNothingBehind) {
-    const Scenario &scenario = GetParam();
-    support::leaves({.descriptors = 2, .threads = 1});  // a watch thread and its pipe, for good
-    int points = 0;
-    std::string printed = support::captured(1, [&] {
-        for (auto &[function, errors] : kFaults) {
-            for (int error : errors)
-                points += drive(scenario, failing = function, error);
-        }
-    });
-    if (HasFailure())
-        puts(printed.c_str());
-    printf("%s: %d points\n", scenario.family, points);
-    EXPECT_GT(points, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Families, FailingCalls, testing::ValuesIn(kScenarios));
 
 }  // namespace

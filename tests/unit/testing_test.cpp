@@ -3,6 +3,7 @@
 #include "utils/testing.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -42,12 +43,15 @@ TEST_F(Testing, FailsExactlyTheCallsThatAreAskedFor) {
     for (auto [name, nth, error, times] : {std::tuple("acces", 1, 1, 1),
                                            {"access", 0, 1, 1},
                                            {"access", 1, 0, 1},
+                                           {"access", 1, -1, 1},
                                            {"access", 1, 1, -1}})
         EXPECT_EQ(utils_testing_fail_call(name, nth, error, times), -1) << name << nth << error;
     EXPECT_EQ(errno, EINVAL);
 }
 
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+timespec moment;
+timeval day;
 
 // Every listed function fails when asked to, in the form that this program's sources call.
 TEST_F(Testing, EachFunctionSaysItsErrorInItsOwnWay) {
@@ -62,17 +66,11 @@ TEST_F(Testing, EachFunctionSaysItsErrorInItsOwnWay) {
         {"mmap",
          [] { return mmap(nullptr, 1, 0, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED; }},
         {"shmat", [] { return shmat(-1, nullptr, 0) == reinterpret_cast<void *>(-1); }},
-        {"select",
-         [] {
-             timeval no{};
-             return select(0, nullptr, nullptr, nullptr, &no) == -1;
-         }},
+        {"select", [] { return select(-1, nullptr, nullptr, nullptr, nullptr) == -1; }},
         {"fork", [] { return fork() == -1; }},
-        {"nanosleep",
-         [] {
-             timespec no{};
-             return nanosleep(&no, nullptr) == -1;
-         }},
+        {"nanosleep", [] { return nanosleep(nullptr, nullptr) == -1; }},
+        {"clock_gettime", [] { return clock_gettime(CLOCK_REALTIME, &moment) == -1; }},
+        {"gettimeofday", [] { return gettimeofday(&day, nullptr) == -1; }},
         {"posix_fallocate", [] { return (errno = posix_fallocate(-1, 0, 1)) != 0; }},
         {"pthread_mutex_lock", [] { return (errno = pthread_mutex_lock(&mutex)) != 0; }}};
     for (auto [name, fails] : cases) {
@@ -82,26 +80,47 @@ TEST_F(Testing, EachFunctionSaysItsErrorInItsOwnWay) {
         EXPECT_EQ(utils_testing_failures(), 1) << name;
     }
     int listed = 0;
-    while (utils_testing_function(listed) != nullptr)
-        EXPECT_EQ(utils_testing_count_calls(utils_testing_function(listed++)) < 0, false);
+    for (; utils_testing_function(listed) != nullptr; ++listed)
+        EXPECT_GE(utils_testing_count_calls(utils_testing_function(listed)), 0) << listed;
     EXPECT_GT(listed, 100);
     EXPECT_EQ(utils_testing_function(-1), nullptr);
 }
 
 TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
-    void *(*const makers[])() = {[] { return malloc(10); }, [] { return calloc(2, 5); },
-                                 [] { return realloc(nullptr, 10); },
-
+    struct {
+        void *(*make)();
+        bool fails;  // beside a sanitizer, too
+    } const makers[] = {
+        {[] { return malloc(10); }, true},
+        {[] { return calloc(2, 5); }, true},
+        {[] { return realloc(nullptr, 10); }, true},
+        {[] { return reallocarray(nullptr, 2, 5); }, false},
+        {[] { return static_cast<void *>(strdup("text")); }, false},
 #ifndef __SANITIZE_THREAD__
-                                 [] { return aligned_alloc(64, 64); },
+        {[] { return aligned_alloc(64, 64); }, false},
+        {[] { return memalign(64, 64); }, false},
+        {[] {
+             void *block = nullptr;
+             errno = posix_memalign(&block, 64, 64);
+             return block;
+         },
+         false},
 #endif
-                                 [] { return static_cast<void *>(strdup("text")); }};
+    };
     int before = utils_testing_live_blocks();
-    for (auto make : makers) {
-        void *block = make();
-        EXPECT_EQ(utils_testing_live_blocks(), before + 1);
+    for (auto &one : makers) {
+        void *block = one.make();
+        EXPECT_EQ(utils_testing_live_blocks(), before + 1) << &one - makers;
         free(block);
-        EXPECT_EQ(utils_testing_live_blocks(), before);
+        EXPECT_EQ(utils_testing_live_blocks(), before) << &one - makers;
+#ifdef UTILS_TESTING_SANITIZED
+        if (!one.fails)
+            continue;
+#endif
+        utils_testing_fail_allocation(1, 1);
+        EXPECT_EQ(one.make(), nullptr) << &one - makers;
+        EXPECT_EQ(errno, ENOMEM) << &one - makers;
+        EXPECT_EQ(utils_testing_live_blocks(), before) << &one - makers;
     }
     auto *block = static_cast<char *>(malloc(4));
     memcpy(block, "abc", 4);
@@ -117,16 +136,19 @@ TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
 }
 
 TEST_F(Testing, StreamsAreShortenedAndPacketsAreNot) {
-    for (auto [type, sent] : {std::pair(SOCK_STREAM, 2), {SOCK_SEQPACKET, 5}}) {
+    for (auto [type, limit, sent] :
+         {std::tuple(SOCK_STREAM, size_t{2}, 2), {SOCK_STREAM, 5, 5}, {SOCK_SEQPACKET, 2, 5}}) {
         int ends[2];
         char text[8] = "";
         ASSERT_EQ(socketpair(AF_UNIX, type, 0, ends), 0);
-        utils_testing_short_io(2);
+        utils_testing_reset();
+        utils_testing_short_io(limit);
         EXPECT_EQ(write(ends[0], "12345", 5), sent);
         EXPECT_EQ(send(ends[0], "6789", 4, 0), std::min(sent, 4));
         EXPECT_EQ(recv(ends[1], text, sizeof text, MSG_PEEK), sent);
         EXPECT_EQ(read(ends[1], text, sizeof text), sent);
-        utils_testing_short_io(0);
+        utils_testing_reset();
+        EXPECT_EQ(write(ends[0], "12345", 5), 5);
         for (int end : ends)
             close(end);
     }
@@ -175,7 +197,6 @@ TEST_F(Testing, ClocksStandMoveAndStep) {
         EXPECT_EQ(shown(clock), -support::kSecond / 2 + 7);
     }
     utils_testing_set_clock(CLOCK_REALTIME, 9 * support::kSecond - 1);
-    timeval day{};
     gettimeofday(&day, nullptr);
     EXPECT_EQ(time(nullptr), 8);
     EXPECT_EQ(day.tv_sec, 8);
