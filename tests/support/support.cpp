@@ -2,13 +2,7 @@
 #include "support/support.h"
 
 #include <dlfcn.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -145,6 +139,11 @@ Ending in_child(const std::function<int()> &body, bool core) {
         ending.err.erase(std::min(ending.err.find(emulator() + ": "), ending.err.size()));
     ending.out = out.finish();
     return ending;
+}
+
+int signal_of(const std::function<int()> &body) {
+    Ending ending = in_child(body);
+    return ending.exited ? 0 : ending.status;
 }
 
 testing::AssertionResult passes_in_child(const std::function<void()> &body) {
