@@ -3,13 +3,7 @@
 
 #include <dlfcn.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -146,6 +140,11 @@ Ending in_child(const std::function<int()> &body, bool core) {
         ending.err.erase(std::min(ending.err.find(emulator() + ": "), ending.err.size()));
     ending.out = out.finish();
     return ending;
+}
+
+int signal_of(const std::function<int()> &body) {
+    Ending ending = in_child(body);
+    return ending.exited ? 0 : ending.status;
 }
 
 testing::AssertionResult passes_in_child(const std::function<void()> &body) {

@@ -6,8 +6,10 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,12 +22,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <functional>
 #include <random>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "utils/testing.h"
@@ -59,6 +63,9 @@ struct Ending {
 // Runs `body` in a forked child and waits for it; the child exits with what `body` returns. Core
 // files of a dying child are switched off unless `core` says otherwise.
 Ending in_child(const std::function<int()> &body, bool core = false);
+
+// The signal that ends a forked child which runs `body`, or 0 when it exits.
+int signal_of(const std::function<int()> &body);
 
 // Runs `body`, which uses EXPECT_* itself, in a forked child: for what a process can do only once,
 // or only without threads of another test. Succeeds when nothing failed there.

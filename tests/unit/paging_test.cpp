@@ -1,21 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+// The page prompt, dumps of memory, 64-bit numbers and the small helpers of console commands.
 #include "utils/paging.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <algorithm>
+#include <bit>
 #include <cinttypes>
 #include <cstdarg>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <random>
-#include <vector>
 
 #include "support/support.h"
 
 namespace {
+
+using support::captured;
+
 std::vector<int64_t> delays;  // their ends, in milliseconds of the monotonic clock
 uid_t effective_user;
 
@@ -38,56 +36,55 @@ __attribute__((format(printf, 1, 2))) std::string text(const char *format, ...) 
 }
 
 TEST(Paging, MoreAsksUnlessItIsOff) {
-    auto answered = [](const char *input) {
+    auto expect_answer = [](const char *input, int answer) {
         support::write_file("/tmp/input", input);
         EXPECT_NE(freopen("/tmp/input", "r", stdin), nullptr);
-        int result = -1;
-        std::string prompt = support::captured(1, [&] { result = more(); });
-        EXPECT_EQ(prompt, delays.empty() ? "\nType <CR> to continue, Q<CR> to stop: " : "");
-        return result;
+        auto ask = [&] { EXPECT_EQ(more(), answer) << input; };
+        EXPECT_EQ(captured(1, ask),
+                  delays.empty() ? "\nType <CR> to continue, Q<CR> to stop: " : "");
     };
-    EXPECT_EQ((std::vector{answered("\n"), answered("q\n"), answered("Quit\n"), answered(" q\n"),
-                           answered(""), answered(text("%79sq\n", "").c_str())}),
-              (std::vector{1, 0, 0, 1, 0, 1}));
-    support::captured(1, [] { EXPECT_EQ(more(), 0) << "behind 79 characters"; });
+    for (auto [input, answer] :
+         {std::pair("\n", 1), {"q\n", 0}, {"Quit\n", 0}, {" q\n", 1}, {"", 0}})
+        expect_answer(input, answer);
+    expect_answer(text("%79sq\n", "").c_str(), 1);
+    captured(1, [] { EXPECT_EQ(more(), 0) << "behind 79 characters"; });
     moreDisable();
     delays = {0};
     int64_t begin = support::monotonic_ms();
-    EXPECT_EQ(answered("q\n"), 1);
+    expect_answer("q\n", 1);
     EXPECT_EQ(delays.size(), 2u);
     EXPECT_GE(delays.back() - 250, begin);
     EXPECT_LE(delays.back() - 250, support::monotonic_ms());
     moreEnable();
-    support::captured(1, [] { EXPECT_EQ(more(), 0) << "nothing was read while it was off"; });
+    captured(1, [] { EXPECT_EQ(more(), 0) << "nothing was read while it was off"; });
 }
 
 TEST(Paging, KbhitTellsInputFromATimeOut) {
-    support::Ending ending = support::in_child([] {
+    EXPECT_TRUE(support::passes_in_child([] {
         int ends[2];
-        int silent = pipe(ends) + dup2(ends[0], 0) + kbhit(0) + kbhit(-1);
-        bool hit = write(ends[1], "x", 1) == 1 && kbhit(3600) == 1;
-        return silent + close(0) + kbhit(0) == 0 && hit ? 0 : 1;
-    });
-    EXPECT_EQ(ending.status, 0);
+        EXPECT_EQ(pipe(ends), 0);
+        EXPECT_EQ(dup2(ends[0], 0), 0);
+        for (int seconds : {0, -1})
+            EXPECT_EQ(kbhit(seconds), 0);
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+        EXPECT_EQ(kbhit(3600), 1);
+        close(0);
+        EXPECT_EQ(kbhit(0), 0);
+    }));
 }
 
-// The unit of `width` bytes at `from` as a dump shows it, in the order of this machine.
-std::string unit(const unsigned char *from, int width) {
-    uint16_t half = 0;
-    uint32_t word = 0;
-    width == 2 ? memcpy(&half, from, 2) : width == 4 ? memcpy(&word, from, 4) : nullptr;
-    unsigned value = width == 1 ? *from : width == 2 ? half : word;
-    return text("%0*x ", 2 * width, value);
-}
-
-// A dump of `count` units as the layout says, one byte at a time.
+// A dump of `count` units as the layout says, one byte at a time. Words show their most significant
+// byte first, other units of several bytes zeros.
 std::string dump_model(const unsigned char *bytes, int count, int width) {
     std::string all, column;
+    int from_end = std::endian::native == std::endian::little ? width - 1 : 0;
     for (int at = 0; at < count * width || at % 16 != 0; ++at) {
         if (at % 16 == 0)
             all += text("%08" PRIxPTR ": ", reinterpret_cast<uintptr_t>(bytes + at));
-        if (at % width == 0)
-            all += at < count * width ? unit(bytes + at, width) : text("%*s", 2 * width + 1, "");
+        for (int i = 0; i < width && at % width == 0; ++i) {
+            int byte = width <= 4 && width != 3 ? bytes[at + (i ^ from_end)] : 0;
+            all += (at < count * width ? text("%02x", byte) : "  ") + (i == width - 1 ? " " : "");
+        }
         column += bytes[at] >= 0x20 && bytes[at] < 0x7f ? static_cast<char>(bytes[at]) : '.';
         if (at % 16 == 15)
             all += "*" + std::exchange(column, "") + "*\n";
@@ -107,7 +104,7 @@ TEST(Paging, MemDumpPrintsWholeLinesOfSixteenBytes) {
         std::unique_ptr<unsigned char[]> exact(new unsigned char[padded]);
         std::generate_n(exact.get(), padded, std::ref(random));
         auto dump = [&, n = count, w = width](auto *function) {
-            return support::captured(1, [&] { function(exact.get(), n, w); });
+            return captured(1, [&] { function(exact.get(), n, w); });
         };
         std::string expected = dump_model(exact.get(), units, unit_width);
         EXPECT_EQ(dump(memDump), expected);
@@ -122,31 +119,32 @@ TEST(Paging, PrintMemShowsWordsAndCharacters) {
     const std::string whole = "41414141 42424242 43434343 44444444   *AAAABBBBCCCCDDDD*\n",
                       five = whole + "1f1f1f1f                              *....            *\n",
                       six = whole + "1f1f1f1f 7e7e7e7e                     *....~~~~        *\n";
-    const std::pair<int, std::string> cases[] = {{-4, ""},   {0, ""},   {16, whole},
+    const std::string one = "41414141                              *AAAA            *\n";
+    const std::pair<int, std::string> cases[] = {{-4, ""},   {0, ""},   {1, one}, {16, whole},
                                                  {20, five}, {21, six}, {24, six}};
     for (const auto &[len, printed] : cases)
-        EXPECT_EQ(support::captured(1, [&, n = len] { printMem(exact.get(), n); }), printed);
+        EXPECT_EQ(captured(1, [&, n = len] { printMem(exact.get(), n); }), printed);
     // The longest length: every line is whole, up to the end of the memory.
-    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     void *edge =
         mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(edge, MAP_FAILED);
     char *last = static_cast<char *>(edge) + page - 16;
     memcpy(last, exact.get(), 16);
     mprotect(last + 16, page, PROT_NONE);
-    EXPECT_EQ(support::in_child([&] {
-                  setvbuf(stdout, nullptr, _IONBF, 0);
-                  printMem(last, INT32_MAX);
-                  return 0;
-              }).out,
-              whole);
+    auto print_all = [&] {
+        setvbuf(stdout, nullptr, _IONBF, 0);
+        printMem(last, INT32_MAX);
+        return 0;
+    };
+    EXPECT_EQ(support::in_child(print_all).out, whole);
     munmap(edge, 2 * page);
     auto nulls = [] {
         printMem(nullptr, 4);
         memDump(nullptr, 1, 1);
         display_mem(nullptr, 1, 1);
     };
-    EXPECT_EQ(support::captured(1, nulls), "");
+    EXPECT_EQ(captured(1, nulls), "");
 }
 
 #ifdef __SIZEOF_INT128__
@@ -175,7 +173,7 @@ TEST(Paging, Sprint64AgreesWithWideArithmetic) {
     }
     EXPECT_EQ(sprint64(written, UINT32_MAX, UINT32_MAX, 2), 64);
     EXPECT_EQ(sprint64(nullptr, 1, 0, 10), 0);
-    EXPECT_EQ(support::captured(1, [] { EXPECT_EQ(print64(1, 0, 10), 10); }), "4294967296");
+    EXPECT_EQ(captured(1, [] { EXPECT_EQ(print64(1, 0, 10), 10); }), "4294967296");
 }
 
 TEST(Paging, SmallHelpers) {
@@ -189,22 +187,28 @@ TEST(Paging, SmallHelpers) {
         EXPECT_EQ(str2num(digits), number) << digits;
     // An exact heap block: nothing behind an empty text is looked at.
     std::unique_ptr<char[]> empty(new char[1]());
-    EXPECT_EQ(strequ(empty.get(), "") + strequ("abc", "abc"), 2);
-    for (const char *other : {"abd", "ab", "", static_cast<const char *>(nullptr)})
-        EXPECT_EQ(strequ("abc", other) + strequ(other, "abc"), 0);
+    EXPECT_EQ(strequ(empty.get(), ""), 1);
+    EXPECT_EQ(strequ("abc", "abc"), 1);
+    for (const char *other : {"abd", "ab", "", static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(strequ("abc", other), 0);
+        EXPECT_EQ(strequ(other, "abc"), 0);
+    }
     EXPECT_STREQ(val(nullptr), "");
     EXPECT_EQ(val(empty.get()), empty.get());
     EXPECT_EQ(eswap(0x12345678U), 0x12345678U);
-    EXPECT_EQ((std::vector{utilGetUserLevel(), probe(0), probe(4), chkAccess()}),
-              (std::vector{0, 0, 1, 0}));
-    effective_user = 1000;
-    EXPECT_EQ(chkAccess(), -1);
+    EXPECT_EQ(utilGetUserLevel(), 0);
+    EXPECT_EQ(probe(0), 0);
+    EXPECT_EQ(probe(4), 1);
+    for (auto [user, access] : {std::pair(0u, 0), {1000u, -1}}) {
+        effective_user = user;
+        EXPECT_EQ(chkAccess(), access);
+    }
     const std::tuple<int (*)(), const char *, int> stubs[] = {
         {getLine, "getLine() not ported\n", 0}, {less, "less() not ported\n", 18},
         {peek, "peak() not ported\n", 0},       {peekl, "peekl() not ported\n", 0},
         {poke, "poke() not ported\n", 0},       {pokel, "pokel() not supported\n", 0}};
     for (const auto &[stub, message, result] : stubs)
-        EXPECT_EQ(support::captured(1, [&, f = stub, r = result] { EXPECT_EQ(f(), r); }), message);
+        EXPECT_EQ(captured(1, [&, f = stub, r = result] { EXPECT_EQ(f(), r); }), message);
 }
 
 }  // namespace

@@ -1,14 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+// Peers of connections, locks of whole files, and pid files.
 #include "utils/ppname.h"
 
 #include <arpa/inet.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <csignal>
 
 #include "support/support.h"
 
@@ -40,7 +36,8 @@ TEST(PpName, FindsTheAddressOfARealConnection) {
     socklen_t size = sizeof name;
     auto *address = reinterpret_cast<sockaddr *>(&name);
     int listener = socket(AF_INET, SOCK_STREAM, 0), client = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_TRUE(bind(listener, address, size) == 0 && listen(listener, 1) == 0);
+    ASSERT_EQ(bind(listener, address, size), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
     getsockname(listener, address, &size);
     name.sin_addr.s_addr = inet_addr("127.0.9.8");
     ASSERT_EQ(connect(client, address, size), 0);
@@ -55,6 +52,7 @@ TEST(PpName, FindsTheAddressOfARealConnection) {
             EXPECT_EQ(ppnamePeerAddr(daemon, sizeof text, text), 0);
             EXPECT_STREQ(text, expected);
             EXPECT_EQ(ppnamePeerAddr(daemon, -1, text), -1);
+            EXPECT_EQ(ppnamePeerAddr(daemon, 5, nullptr), -1);
         }));
     }));
     for (int fd : {listener, client, accepted})

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+// The callback registry: its groups, dispatches, and a model of one group that grows.
 #include "utils/register.h"
 
 #include <cstdarg>
-#include <cstring>
 #include <map>
-#include <random>
-#include <vector>
 
 #include "support/support.h"
 #include "utils/platform/rasevt.h"
@@ -70,7 +68,6 @@ Seen dispatched(uint32_t key1, int32_t key2, int32_t id, int expected = 0) {
 TEST(Register, FindsGroupsInBothWaysAndChecksReplacements) {
     EXPECT_EQ(cb_unregister(9, 9, nullptr, 1), UTILS_ENOENT);  // an empty slot ends the search
     EXPECT_EQ(cb_dispatch(9, 9, nullptr, nullptr), 0);
-
     // Same keys, other classifier: another group, which a dispatch never reaches.
     EXPECT_EQ(cb_register(1, 256, &kClassified, 7, kA, queue), 0);
     EXPECT_EQ(cb_register(1, 256, &kSilent, 7, kB, nullptr), 0);

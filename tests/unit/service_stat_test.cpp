@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+// The report of service statistics and the table behind it.
 #include "utils/service_stat.h"
 
 #include <sys/file.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <filesystem>
 
 #include "support/support.h"
 #include "utils/clock.h"
@@ -79,26 +76,23 @@ TEST(ServiceStat, ReportHasItsHeadingOnceAndRowsOfEveryRun) {
     free(serviceStats);
 }
 
-TEST(ServiceStat, LostReportZeroesTheWholeTableAndFollowsNoLink) {
+TEST(ServiceStat, LostReportZeroesTheWholeTableAndWithoutATableOnlyTheHeadingIsWritten) {
     ASSERT_EQ(serviceStat_init(2), 0);
     serviceStats[1].calls = 3;
     std::filesystem::remove(kReport);
     support::write_file("/tmp/victim", "precious");
     std::filesystem::create_symlink("/tmp/victim", kReport);
-    EXPECT_EQ(support::captured(1, [] { serviceStat_stop("NS", kNames, 3); }),
-              "\nfailed to open file /var/log/serviceStat.sw3\n");
+    auto stop = [] { serviceStat_stop("NS", kNames, 3); };
+    EXPECT_EQ(support::captured(1, stop), "\nfailed to open file /var/log/serviceStat.sw3\n");
     expect_cleared(2, 0);
     EXPECT_EQ(support::read_file("/tmp/victim"), "precious");
     free(serviceStats);
-}
-
-TEST(ServiceStat, WithoutATableOnlyTheHeadingIsWritten) {
     std::filesystem::remove(kReport);
-    for (auto [count, refuse, result] : {std::tuple(0, false, 0), {-1, false, 0}, {2, true, -1}}) {
-        auto init = [number = count] { return serviceStat_init(number); };
-        EXPECT_EQ(refuse ? support::without_memory(init) : init(), result);
+    for (int count : {0, -1, 2}) {
+        auto init = [=] { return serviceStat_init(count); };
+        EXPECT_EQ(support::without_memory(init), count > 0 ? -1 : 0);
         EXPECT_EQ(serviceStats, nullptr);
-        serviceStat_stop("NS", kNames, 3);
+        stop();
         EXPECT_EQ(support::read_file(kReport).size(), 127u + 4 * 125);
     }
 }

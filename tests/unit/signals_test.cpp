@@ -1,24 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
+// Core file set-up, the handler of ending signals, and its report.
 #include "utils/signals.h"
 
 #include <poll.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <filesystem>
 
 #include "support/crash.h"
 #include "support/support.h"
 
 namespace {
+
 rlimit limit_set{};
 bool reader_leaves = false;  // between the question for room and the write
-}  // namespace
-
-namespace {
 
 [[maybe_unused]] const bool faked = [] {
     support::replace_call("poll", [](pollfd *fds, nfds_t count, int) {
@@ -46,10 +38,9 @@ TEST(Signals, CoreEnvironmentIsADirectoryOfItsOwnAndARaisedLimit) {
         }
         // The second time the directory exists. What others have planted or may write is refused.
         std::filesystem::create_directory_symlink("/tmp", "/core_files/link");
-        for (auto [name, mode] : {std::pair("open", 0777), {"group", 0775}, {"sticky", 01777}}) {
-            mkdir((std::string("/core_files/") + name).c_str(), 0755);
-            chmod((std::string("/core_files/") + name).c_str(), static_cast<mode_t>(mode));
-        }
+        umask(0);
+        for (auto [name, mode] : {std::pair("open", 0777u), {"group", 0775u}, {"sticky", 01777u}})
+            mkdir((std::string("/core_files/") + name).c_str(), mode);
         std::string longest(200, 'n');
         std::tuple<const char *, int, std::string> cases[] = {
             {"portd", 0, "/core_files/portd"},
@@ -104,7 +95,8 @@ TEST(Signals, HandlerActsByNumber) {
                                                 ".\nwill dump core under /core_files\n" + '\0'
                                    : number != SIGPIPE ? "cleanup\n" + report + "3\n"
                                                        : ""));
-        EXPECT_EQ(std::tie(ending.exited, ending.status), std::tie(exits, status)) << number;
+        EXPECT_EQ(ending.exited, exits) << number;
+        EXPECT_EQ(ending.status, status) << number;
     }
 }
 

@@ -1,15 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+// The remote command channel: its messages, the relay of output, peers that go away, and the
+// redirections that it asks daemons for.
 #include "utils/tnet_cmd.h"
 
-#include <sys/ioctl.h>
-#include <sys/resource.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <thread>
-#include <tuple>
-#include <utility>
 
 #include "support/wire.h"
 #include "utils/daemon_ctl.h"
@@ -39,6 +34,7 @@ int ipcSendRcv(void *address, int code, const void *request, uint32_t length, vo
 
 namespace {
 
+using support::captured;
 using support::command_message;
 using Command = std::vector<std::string>;
 
@@ -54,7 +50,10 @@ struct Ends {
         end(0);
         end(1);
     }
-    void end(int side) { close(std::exchange(fd[side], -1)); }
+    void end(int side) {
+        if (int own = std::exchange(fd[side], -1); own >= 0)
+            close(own);
+    }
 };
 
 std::string read_all(int fd) {
@@ -82,10 +81,16 @@ int echo(int argc, char **argv, FILE *out) {
     return -1;
 }
 
-int megabyte(int, char **, FILE *out) {
+// A line for each number below 2^17: a megabyte.
+const std::string kMegabyte = [] {
+    std::string lines;
     for (int i = 0; i < 1 << 17; ++i)
-        fprintf(out, "%7d\n", i);
-    return 0;
+        lines += std::to_string(i + 1000000) + "\n";
+    return lines;
+}();
+
+int megabyte(int, char **, FILE *out) {
+    return fputs(kMegabyte.c_str(), out);
 }
 
 int die(int, char **, FILE *out) {
@@ -94,62 +99,44 @@ int die(int, char **, FILE *out) {
     return kill(getpid(), SIGKILL);
 }
 
-// What a command gives its client, which reads nothing before the daemon is rid of all its output.
-std::string relayed(qelTnetCommand function, const Command &command, bool in_process = true,
-                    int output_flags = 0) {
+// What a command gives its client, which reads nothing before the daemon is rid of all its output,
+// and meets two interruptions of a function.
+std::string relayed(qelTnetCommand function, const Command &command, int output_flags = 0,
+                    const char *interrupted = nullptr) {
     Ends connection, output(true);
     fcntl(output.fd[1], F_SETFL, output_flags);
     alarm(100);
     std::thread client([&] {
+        utils_testing_this_thread_only(interrupted != nullptr);
+        if (interrupted != nullptr)
+            utils_testing_fail_call(interrupted, 1, EINTR, 2);
         run(connection.fd[0], command, output.fd[1]);
         EXPECT_EQ(fcntl(output.fd[1], F_GETFL) & O_NONBLOCK, output_flags);
         output.end(1);
     });
     auto serve = [&] { return qelTnetCmdCB(connection.fd[1], function), 0; };
-    EXPECT_EQ(in_process ? serve() : support::in_child(serve).status, in_process ? 0 : SIGKILL);
+    if (function == die)
+        EXPECT_EQ(support::signal_of(serve), SIGKILL);
+    else
+        serve();
     connection.end(1);
     std::string text = read_all(output.fd[0]);
     client.join();
     return text;
 }
 
-// What the daemon writes back for the bytes of a message, after which the client hangs up. It may
-// make so many allocations, and copies of the socket or not.
-std::string answer_to(const std::string &message, int granted = INT32_MAX - 1,
-                      bool no_copy = false) {
+// What the daemon writes back for the bytes of a message, after which the client hangs up; calls
+// may fail as `prepare` says.
+std::string answer_to(
+    const std::string &message, const std::function<void()> &prepare = [] {}) {
     Ends connection;
     EXPECT_EQ(write(connection.fd[0], message.data(), message.size()),
               static_cast<ssize_t>(message.size()));
     shutdown(connection.fd[0], SHUT_WR);
     qelTnetCmdDesc descriptor{0, echo, nullptr, 0};
-    rlimit descriptors;
-    getrlimit(RLIMIT_NOFILE, &descriptors);
-    rlimit limited{no_copy ? 0 : descriptors.rlim_cur, descriptors.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &limited);
-    auto serve = [&] { return qelTnetCmdCBwrapper(connection.fd[1], &descriptor), 0; };
-    support::without_memory(serve, granted);
-    setrlimit(RLIMIT_NOFILE, &descriptors);
-    connection.end(1);
-    return read_all(connection.fd[0]);
-}
-
-// The answer to a message of which every byte is consumed, and followed by a signal, before the
-// next one is sent.
-std::string answer_to_bytes(const std::string &message, int socket_flags) {
-    Ends connection;
-    fcntl(connection.fd[1], F_SETFL, socket_flags);
-    support::let_interrupt(SIGUSR1);
-    std::thread daemon([&] { qelTnetCmdCB(connection.fd[1], echo); });
-    for (const char &byte : message) {
-        EXPECT_EQ(send(connection.fd[0], &byte, 1, MSG_NOSIGNAL), 1);
-        if (!support::eventually([&] {
-                int unread = -1;
-                return ioctl(connection.fd[1], FIONREAD, &unread) == 0 && unread == 0;
-            }))
-            break;
-        pthread_kill(daemon.native_handle(), SIGUSR1);
-    }
-    daemon.join();
+    prepare();
+    qelTnetCmdCBwrapper(connection.fd[1], &descriptor);
+    utils_testing_reset();
     connection.end(1);
     return read_all(connection.fd[0]);
 }
@@ -157,31 +144,43 @@ std::string answer_to_bytes(const std::string &message, int socket_flags) {
 const std::string kLongest(QEL_TNET_COMMAND_MAX - 13, 'x');
 
 TEST(TnetCmd, MessagesAgreeWithAnIndependentEncoder) {
-    Command commands[] = {{}, {"ab", "c"}, {"", ""}, {kLongest}, Command(99, "abc")};
-    for (const Command &command : commands) {
+    close(0);  // so that the client's end is descriptor 0
+    for (const Command &command :
+         {Command{}, {"ab", "c"}, {"", ""}, {kLongest}, Command(99, "abc"), {kLongest + 'x'}}) {
         Ends connection;
         shutdown(connection.fd[1], SHUT_WR);
-        run(connection.fd[0], command, 1);
+        EXPECT_EQ(connection.fd[0], 0);
+        run(0, command, 1);
         connection.end(0);
-        ASSERT_EQ(read_all(connection.fd[1]), command_message(command));
-        std::string expected = std::to_string(command.size());
+        std::string expected = std::to_string(command.size()), sent = command_message(command);
         for (const std::string &argument : command)
             expected += "|" + argument;
-        ASSERT_EQ(answer_to(command_message(command)), expected);
+        bool fits = sent.size() <= 4 + QEL_TNET_COMMAND_MAX;  // what no receiver takes is not sent
+        ASSERT_EQ(read_all(connection.fd[1]), fits ? sent : "");
+        ASSERT_EQ(answer_to(sent), fits ? expected : "");
     }
-    EXPECT_EQ(command_message({"ab", "c"}),
-              support::words({21, 2, 16, 19, 0}) + std::string("ab\0c\0", 5));
-    for (int flags : {0, O_NONBLOCK})
-        EXPECT_EQ(answer_to_bytes(command_message({"ab", "c"}), flags), "2|ab|c");
-    Ends unused;
-    run(unused.fd[0], {kLongest + 'x'}, 1);
-    unused.end(0);
-    EXPECT_EQ(read_all(unused.fd[1]), "");  // what no receiver takes is not sent
+    EXPECT_EQ(open("/dev/null", O_RDONLY), 0);
+    std::string message = command_message({"ab", "c"});
+    EXPECT_EQ(message, support::words({21, 2, 16, 19, 0}) + std::string("ab\0c\0", 5));
+    static int error, calls;
+    for (int each : {EINTR, EAGAIN}) {
+        error = each;
+        auto one_byte_at_every_second_call = [] {
+            support::replace_call("recv", [](int fd, void *to, size_t, int flags) {
+                errno = error;
+                return ++calls % 2 == 0 ? recv(fd, to, 1, flags) : ssize_t{-1};
+            });
+        };
+        EXPECT_EQ(answer_to(message, one_byte_at_every_second_call), "2|ab|c");
+    }
 }
 
 TEST(TnetCmd, RunsEveryMessageWhoseTextsEndInsideAndNothingElse) {
     std::string texts("ab\0c\0", 5);
-    std::tuple<std::vector<uint32_t>, std::string, std::string> cases[] = {
+    const struct {
+        std::vector<uint32_t> header;
+        std::string rest, answer;
+    } cases[] = {
         {{}, std::string(3, 0), ""},
         {{8, 1, 0}, "", ""},
         {{21, 2, 16, 19, 0}, texts.substr(1), ""},  // ends early
@@ -195,28 +194,30 @@ TEST(TnetCmd, RunsEveryMessageWhoseTextsEndInsideAndNothingElse) {
         {{21, 2, 16, 19, 1}, texts, ""},           // terminator
         {{21, 0x40000002, 16, 19, 0}, texts, ""},  // 4 x argc wraps
         {{0xFFFFFFFF, 2, 16, 19, 0}, texts, ""},
-        {{}, command_message({kLongest}), "1|" + kLongest},
-        {{}, command_message({kLongest + 'x'}), ""},
     };
-    for (auto &[header, rest, answer] : cases)
-        EXPECT_EQ(answer_to(support::words(header) + rest), answer)
-            << testing::PrintToString(header);
+    for (auto &c : cases)
+        EXPECT_EQ(answer_to(support::words(c.header) + c.rest), c.answer)
+            << testing::PrintToString(c.header);
     std::string message = command_message({"x"});
-    EXPECT_EQ(answer_to(message, INT32_MAX - 1, true), "qelTcmdCB: unable to dup socket!\n");
+    auto no_descriptor = [] { utils_testing_fail_call("fcntl", 1, EMFILE, 1); };
+    EXPECT_EQ(answer_to(message, no_descriptor), "qelTcmdCB: unable to dup socket!\n");
     std::string answers[] = {"", "", "qelTcmdCB: unable to fdopen descriptor!\n"};
-    for (int granted = 0; granted < 3; ++granted)
-        EXPECT_EQ(answer_to(message, granted), answers[granted]);
+    for (int granted = 0; granted < 3; ++granted) {
+        auto no_memory = [=] {
+            utils_testing_fail_allocation(granted + 1, UTILS_TESTING_FROM_THEN_ON);
+        };
+        EXPECT_EQ(answer_to(message, no_memory), answers[granted]);
+    }
 }
 
-TEST(TnetCmd, OutputArrivesWholeFromSlowDyingAndTwoHundredDaemonsAtOnce) {
-    for (int flags : {0, O_NONBLOCK}) {
-        std::string received = relayed(megabyte, {"megabyte"}, true, flags);
-        ASSERT_EQ(received.size(), 1u << 20);
-        for (size_t i = 0; i < 1 << 17; ++i)
-            ASSERT_EQ(atoi(&received[i * 8]), static_cast<int>(i));
-    }
+TEST(TnetCmd, OutputArrivesWholeFromSlowInterruptedDyingAndTwoHundredDaemonsAtOnce) {
     std::string zeros(99999, '0');
-    EXPECT_EQ(relayed(die, {"die"}, false), zeros + "7");
+    for (int flags : {0, O_NONBLOCK}) {
+        for (const char *interrupted : {"select", "recv", "write", flags != 0 ? "poll" : "fsync"})
+            EXPECT_TRUE(relayed(megabyte, {}, flags, interrupted) == kMegabyte) << interrupted;
+    }
+    utils_testing_reset();
+    EXPECT_EQ(relayed(die, {"die"}), zeros + "7");
     std::vector<std::thread> threads;
     for (int i = 0; i < (support::emulated() ? 40 : 200); ++i) {
         threads.emplace_back([number = std::to_string(i)] {
@@ -236,66 +237,104 @@ TEST(TnetCmd, PeerThatGoesAwayCostsOneConnection) {
     sigset_t pending, mask;
     sigpending(&pending);
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-    EXPECT_EQ(sigismember(&pending, SIGPIPE) + sigismember(&mask, SIGPIPE), 0);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    EXPECT_EQ(sigismember(&mask, SIGPIPE), 0);
     daemon_gone.end(1);
     run(daemon_gone.fd[0], {"x"}, output.fd[1]);
     for (int closed : {-1, 1000, 1024}) {
         run(silent.fd[0], {"x"}, closed);
         run(closed, {"x"}, output.fd[1]);
     }
+    qelTnetCmd(silent.fd[0], -1, nullptr, output.fd[1]);
+    qelTnetCmd(silent.fd[0], 1, nullptr, output.fd[1]);
+    qelTnetCmdCB(silent.fd[1], nullptr);
+    qelTnetCmdCBwrapper(silent.fd[1], nullptr);
     signal(SIGPIPE, SIG_IGN);
     output.end(0);
     EXPECT_EQ(write(silent.fd[1], "output", 6), 6);
     run(silent.fd[0], {"x"}, output.fd[1]);  // the write fails, so that it does not wait for more
+    silent.end(0);
+    EXPECT_EQ(read_all(silent.fd[1]), message + message) << "to the closed 1000, and now";
 }
 
 TEST(TnetCmd, HandlersSayWhatTheyDo) {
     std::string file = "Redirecting instance3 stdout/err to file /tmp/f...\n";
     std::string tty = "Redirecting instance7 stdout/err to terminal /dev/null...\n";
     std::string server = "Redirecting instance7 stdout/err to server(1.2.3.4), port(99) ...\n";
-    std::string no_file = "\nFailed to send output to file /tmp/f\n";
-    std::string no_tty = "\nFailed to set tty\n", no_stdin = "\nFailed to get current terminal\n";
-    std::string no_server = "Failed to redirect instance7 output to server(1.2.3.4), port(99)\n";
-    std::string no_exit = "Failed to request daemon to exit\n";
+    std::string no_stdin = "\nFailed to get current terminal\n";
+    std::string no_server = "Failed to redirect instance7 output to server(";
     std::string to_file = asking(QELD_REDIRECT_PATH, "/tmp/f", 0);
     std::string to_tty = asking(QELD_REDIRECT_PATH, "/dev/null", 0);
     std::string to_server = asking(QELD_REDIRECT_SERVER, "1.2.3.4", 99);
     std::string to_exit = "portd 8 " + support::words({2});
     support::write_file("/config/haconfig", std::string(12, 0));
     setMySwitch(3);
-    std::tuple<int, const char *, int, int, std::string, std::string, std::string> cases[] = {
+    const struct {
+        int kind;
+        const char *text;
+        int asked, result;
+        std::string call, out, err;
+    } cases[] = {
         {1, "/tmp/f", 0, 0, to_file, file, ""},
-        {1, "/tmp/f", -22, -1, to_file, file, no_file},
+        {1, "/tmp/f", -22, -1, to_file, file, "\nFailed to send output to file /tmp/f\n"},
         {1, nullptr, 0, 0, to_tty, tty, ""},
-        {1, nullptr, -22, -22, to_tty, tty, no_tty},
+        {1, nullptr, -22, -22, to_tty, tty, "\nFailed to set tty\n"},
         {2, "1.2.3.4", 0, 0, to_server, server, ""},
-        {2, "1.2.3.4", -1, -1, to_server, "", no_server},
+        {2, "1.2.3.4", -1, -1, to_server, "", no_server + "1.2.3.4), port(99)\n"},
+        {2, nullptr, 0, -22, "", "", no_server + "(null)), port(99)\n"},
         {3, "1.2.3.4", 0, -22, "", "", ""},
-        {0, nullptr, -22, -22, to_exit, "", no_exit},
+        {0, nullptr, -22, -22, to_exit, "", "Failed to request daemon to exit\n"},
         {0, nullptr, 0, 0, to_exit, "", ""},
         {1, nullptr, 0, 0, "", "", no_stdin},
     };
     qelTnetCmdDesc daemon{0, nullptr, "portd", 8};
     int null = open("/dev/null", O_RDONLY), mode = 2;
-    for (auto &[kind, text, asked, result, call, out, err] : cases) {
-        qelTnetRedirArgs args{7, kind, 99, text};
-        auto handler = kind != 0 ? qelTnetCmdRedirHdlr : qelTnetCmdExitHdlr;
-        void *argument = kind != 0 ? static_cast<void *>(&args) : &mode;
+    for (auto &c : cases) {
+        qelTnetRedirArgs args{7, c.kind, 99, c.text};
+        auto handler = c.kind != 0 ? qelTnetCmdRedirHdlr : qelTnetCmdExitHdlr;
+        void *argument = c.kind != 0 ? static_cast<void *>(&args) : &mode;
         dup2(null, 0);
         control_call.clear();
-        control_result = asked;
-        int returned = 1;
-        bool no_input = err == no_stdin;
-        std::string said, complained = support::captured(2, [&] {
-                              said = support::captured(1, [&] {
-                                  if (no_input)
-                                      close(0);
-                                  returned = handler(&daemon, argument);
-                              });
-                          });
-        EXPECT_EQ(std::tie(returned, control_call, said, complained),
-                  std::tie(result, call, out, err));
+        control_result = c.asked;
+        auto call = [&] {
+            if (c.err == no_stdin)
+                close(0);
+            EXPECT_EQ(handler(&daemon, argument), c.result);
+        };
+        auto complain = [&] { EXPECT_EQ(captured(1, call), c.out); };
+        EXPECT_EQ(captured(2, complain), c.err);
+        EXPECT_EQ(control_call, c.call);
     }
+    dup2(null, 0);
+    close(null);
+    for (auto handler : {qelTnetCmdRedirHdlr, qelTnetCmdExitHdlr}) {
+        EXPECT_EQ(handler(nullptr, &mode), -22);
+        EXPECT_EQ(handler(&daemon, nullptr), -22);
+    }
+}
+
+TEST(TnetCmd, AServerGetsTheOutputThatWaitsForNobody) {
+    int server = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *name = reinterpret_cast<sockaddr *>(&address);
+    socklen_t size = sizeof address;
+    ASSERT_EQ(bind(server, name, size), 0);
+    ASSERT_EQ(listen(server, 1), 0);
+    getsockname(server, name, &size);
+    int port = ntohs(address.sin_port);
+    EXPECT_TRUE(support::passes_in_child([=] {
+        EXPECT_EQ(qelDRedirOutputToSocket_impl("127.0.0.1", port), 0);
+        EXPECT_TRUE(fcntl(1, F_GETFL) & O_NONBLOCK);
+        EXPECT_TRUE(fcntl(2, F_GETFL) & O_NONBLOCK);
+    }));
+    int connection = accept(server, nullptr, nullptr);
+    EXPECT_THAT(read_all(connection),
+                testing::HasSubstr("output redirected to host(127.0.0.1), port(" +
+                                   std::to_string(port) + ")\n"));
+    close(connection);
+    close(server);
 }
 
 }  // namespace

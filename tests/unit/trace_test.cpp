@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+// Trace sections: their files, names, limits, and what others may have planted.
 #include "utils/platform/posix/trace_files.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 #include <set>
 
 #include "support/support.h"
@@ -37,19 +32,45 @@ struct Section {
     int result;
 };
 
+// What the file of a section says about its owner.
+trace_owner owner_in(const std::string &content) {
+    trace_owner owner{};
+    content.copy(reinterpret_cast<char *>(&owner), sizeof owner, content.size() - sizeof owner);
+    return owner;
+}
+
 TEST(Trace, SectionIsAFileThatOtherProcessesSeeAndThatCleanupRemoves) {
-    Section section(3, "a/b 3");
+    static int bad_closes = 0;
+    support::replace_call("close", [](int fd) {
+        int result = close(fd);
+        bad_closes += result != 0;
+        return result;
+    });
+    mode_t mask = umask(0);
+    Section section(3, "a/b 3", 200000), other(4, "n");
+    umask(mask);
+    EXPECT_EQ(utils_testing_count_calls("posix_fallocate"), 4 + 1) << "64 KB at a time";
+    EXPECT_EQ(trace_module_cleanup(other.handle), 0);
+    EXPECT_EQ(bad_closes, 0);
+    utils_testing_reset();
     EXPECT_EQ(files(), std::set{file_name(3, "a_b 3")});
+    struct stat status {};
+    EXPECT_EQ(stat((TRACE_DIRECTORY "/" + *files().begin()).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFREG | 0640u);
+    EXPECT_EQ(stat(TRACE_DIRECTORY, &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFDIR | 01777u);
     int pid = 0, number = 0;
     char program[TRACE_PROGRAM_SIZE], name[TRACE_NAME_SIZE];
     EXPECT_EQ(sscanf(files().begin()->c_str(), TRACE_FILE_SCAN, &pid, &number, program, name), 4);
     EXPECT_EQ(file_name(number, name, pid), *files().begin());
-    memcpy(static_cast<char *>(section.address) + 4990, "the end", 7);
-    std::string expected(5000, '\0');
-    expected.replace(4990, 7, "the end");
-    std::string content = read_file(TRACE_DIRECTORY "/" + *files().begin());
-    EXPECT_EQ(content.size(), 5000 + sizeof(trace_owner));
-    EXPECT_EQ(content.substr(0, 5000), expected);
+    memcpy(static_cast<char *>(section.address) + 199990, "the end", 7);
+    std::string expected(200000, '\0'), content = read_file(TRACE_DIRECTORY "/" + *files().begin());
+    expected.replace(199990, 7, "the end");
+    EXPECT_EQ(content.size(), expected.size() + sizeof(trace_owner));
+    EXPECT_TRUE(content.substr(0, 200000) == expected);
+    EXPECT_EQ(owner_in(content).magic, TRACE_OWNER_MAGIC);
+    EXPECT_EQ(owner_in(content).pid, getpid());
+    EXPECT_EQ(owner_in(content).switch_no, 0);
     // A child that releases its copy leaves the file to its parent.
     EXPECT_EQ(support::in_child([&] { return trace_module_cleanup(section.handle); }).status, 0);
     Section same(3, "a/b 3");
@@ -79,8 +100,7 @@ TEST(Trace, LimitsTheFilesOfDeadProcessesOfAProgramAndSwitch) {
     kept.insert(file_name(1, "living"));
     // A file of our number that another process has left: its start is not ours.
     std::string other = read_file(TRACE_DIRECTORY "/" + file_name(1, "living"));
-    trace_owner owner;
-    other.copy(reinterpret_cast<char *>(&owner), sizeof owner, other.size() - sizeof owner);
+    trace_owner owner = owner_in(other);
     --owner.start;
     other.replace(other.size() - sizeof owner, sizeof owner, reinterpret_cast<char *>(&owner),
                   sizeof owner);
@@ -128,7 +148,15 @@ TEST(Trace, TakenNamesAndInterruptionsPreventNoSection) {
 
 TEST(Trace, FailsWhereASectionCannotBeAndFollowsNoLinks) {
     EXPECT_NE(Section(1, "n", 0).result, 0);
-    std::filesystem::create_directory(TRACE_DIRECTORY);
+    for (const char *call : {"posix_fallocate", "lseek", "write", "mmap"}) {
+        utils_testing_fail_call(call, 1, ENOSPC, 1);
+        EXPECT_NE(Section(1).result, 0) << call;
+        EXPECT_EQ(files(), std::set<std::string>()) << call;
+    }
+    int handle = 0;
+    void *address = nullptr;
+    EXPECT_EQ(trace_data_init(nullptr, 0, 5000, "n", 1, &address, 0), -1);
+    EXPECT_EQ(trace_data_init(&handle, 0, 5000, "n", 1, nullptr, 0), -1);
     support::write_file("/tmp/victim", "precious");
     create_symlink("/tmp/victim", TRACE_DIRECTORY "/" + file_name(1, "n"));
     Section section(1);

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <unistd.h>
-
-#include <cerrno>
+// Console output and switch files.
 
 #include "support/support.h"
 #include "utils/console.h"
@@ -20,11 +18,13 @@ int named_terminal(int descriptor, char *name, size_t size) {
 constexpr const char *kConsole = "/dev/console";
 
 TEST(Console, VerbosePrintsOnStandardOutputTooUnlessThatIsTheConsole) {
-    std::pair<const char *, bool> cases[] = {{nullptr, true},       {"/dev/pts/0", true},
-                                             {"/dev/ttyS2", true},  {"/dev/console", false},
-                                             {"/dev/ttyS0", false}, {"/dev/ttyS1", false}};
     support::replace_call("ttyname_r", named_terminal);
-    for (auto [name, on_both] : cases) {
+    for (auto [name, on_both] : {std::pair<const char *, bool>(nullptr, true),
+                                 {"/dev/pts/0", true},
+                                 {"/dev/ttyS2", true},
+                                 {kConsole, false},
+                                 {"/dev/ttyS0", false},
+                                 {"/dev/ttyS1", false}}) {
         terminal = name;
         support::write_file(kConsole, "older text");
         auto print = [both = on_both] {
