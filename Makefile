@@ -44,7 +44,6 @@ packages_musl := $(test_packages) musl-tools
 packages_corners := $(foreach corner,$(corners),$(packages_$(corner)))
 packages_abi := $(packages_target) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
 packages_abi-update := $(packages_abi)
-packages_reproducible := $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot
 packages_target-system := $(packages_target) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
 packages_asan := $(test_packages)
 packages_tsan := $(test_packages)
@@ -64,6 +63,7 @@ packages_platform-check := $(test_packages)
 packages_docs := $(docs_packages)
 packages_package = $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap \
     $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
+packages_reproducible = $(packages_package)
 packages_install := $(build_packages)
 packages_dist := dpkg-dev xz-utils mmdebstrap uidmap
 
@@ -129,9 +129,8 @@ $(abi_corners:%=libraries-%): libraries-%:
 	@scripts/need abi $(packages_abi)
 	$(call build,$*,--target $(abi_libraries))
 
-reproducible: ## Build the libraries and the packages in two folders and compare them byte by byte
-	$(needs)
-	@scripts/reproducible
+reproducible: package ## Make the packages, build them again in another folder and compare them byte by byte
+	@scripts/reproducible dist
 
 target-system: ## Run the test programs on a kernel of the target in an emulated machine
 	$(needs)
