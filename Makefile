@@ -74,7 +74,7 @@ needs = @scripts/need $@ $(packages_$@)
 define build
 	@echo "== $(1): building"
 	@mkdir -p build && cmake --preset $(1) > build/$(1).configure.log 2>&1 || { cat build/$(1).configure.log; exit 1; }
-	@cmake --build --preset $(1) --parallel $(JOBS) $(2)
+	@begin=$$SECONDS; cmake --build --preset $(1) --parallel $(JOBS) $(2); echo "== $(1): built after $$((SECONDS - begin)) s"
 endef
 
 # check PRESET [ctest option...]: builds it and runs its tests.
@@ -82,7 +82,7 @@ define check
 	@scripts/sandbox true
 	$(call build,$(1))
 	@echo "== $(1): testing"
-	@ctest --preset $(1) --parallel $(JOBS) $(2)
+	@begin=$$SECONDS; ctest --preset $(1) --parallel $(JOBS) $(2); echo "== $(1): tested after $$((SECONDS - begin)) s"
 endef
 
 .PHONY: platform-check help deps demo test native target target-system corners $(corners) asan tsan clang helgrind coverage mutants fuzz model soak bench bench-check lint format docs package dist install uninstall \
