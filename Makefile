@@ -44,7 +44,6 @@ packages_musl := $(test_packages) musl-tools
 packages_corners := $(foreach corner,$(corners),$(packages_$(corner)))
 packages_abi := $(packages_target) $(packages_s390x) $(packages_i686) abigail-tools xz-utils
 packages_abi-update := $(packages_abi)
-packages_reproducible := $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot
 packages_target-system := $(packages_target) linux-source-6.1 bc bison flex cpio dpkg-dev qemu-system-ppc
 packages_asan := $(test_packages)
 packages_tsan := $(test_packages)
@@ -64,6 +63,7 @@ packages_platform-check := $(test_packages)
 packages_docs := $(docs_packages)
 packages_package = $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap \
     $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
+packages_reproducible = $(packages_package)
 packages_install := $(build_packages)
 packages_dist := dpkg-dev xz-utils mmdebstrap uidmap
 
@@ -74,7 +74,7 @@ needs = @scripts/need $@ $(packages_$@)
 define build
 	@echo "== $(1): building"
 	@mkdir -p build && cmake --preset $(1) > build/$(1).configure.log 2>&1 || { cat build/$(1).configure.log; exit 1; }
-	@cmake --build --preset $(1) --parallel $(JOBS) $(2)
+	@begin=$$SECONDS; cmake --build --preset $(1) --parallel $(JOBS) $(2); echo "== $(1): built after $$((SECONDS - begin)) s"
 endef
 
 # check PRESET [ctest option...]: builds it and runs its tests.
@@ -82,7 +82,7 @@ define check
 	@scripts/sandbox true
 	$(call build,$(1))
 	@echo "== $(1): testing"
-	@ctest --preset $(1) --parallel $(JOBS) $(2)
+	@begin=$$SECONDS; ctest --preset $(1) --parallel $(JOBS) $(2); echo "== $(1): tested after $$((SECONDS - begin)) s"
 endef
 
 .PHONY: platform-check help deps demo test native target target-system corners $(corners) asan tsan clang helgrind coverage mutants fuzz model soak bench bench-check lint format docs package dist install uninstall \
@@ -129,9 +129,8 @@ $(abi_corners:%=libraries-%): libraries-%:
 	@scripts/need abi $(packages_abi)
 	$(call build,$*,--target $(abi_libraries))
 
-reproducible: ## Build the libraries and the packages in two folders and compare them byte by byte
-	$(needs)
-	@scripts/reproducible
+reproducible: package ## Make the packages, build them again in another folder and compare them byte by byte
+	@scripts/reproducible dist
 
 target-system: ## Run the test programs on a kernel of the target in an emulated machine
 	$(needs)
