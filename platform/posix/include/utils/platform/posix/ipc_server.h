@@ -25,7 +25,7 @@
 
 UTILS_BEGIN_DECLS
 
-#define IPC_SOCKET_DIRECTORY "/run/korin"
+#define IPC_SOCKET_DIRECTORY "/run/korin" /**< the daemons' sockets; sticky when others may write */
 /** A daemon's socket as printf() writes its path: int node, int switch, name. */
 #define IPC_SOCKET_FORMAT IPC_SOCKET_DIRECTORY "/%d.%d.%s.ipc"
 #define IPC_MESSAGE_SIZE 2048 /**< room for the request in a message to a handler */
