@@ -162,7 +162,7 @@ coverage: ## Run the tests and show which lines and branches of the libraries th
 mutants: ## Put N faults (default 60) into the libraries and see which tests notice; SEED=..., FILES="lib/utils/..."
 	$(needs)
 	@scripts/mutants --sample $(N) --seed $(or $(SEED),1) $(if $(FILES),--files $(FILES)) --jobs $(JOBS) \
-	    --out build/mutants/$(N)-$(or $(SEED),1).jsonl --accepted tests/accepted-mutants
+	    --out build/mutants/$(N)-$(or $(SEED),1).jsonl --accepted scripts/accepted-mutants
 
 fuzz: ## Run every fuzz target for SECONDS (default 20), on from the inputs that are kept and earlier runs
 	$(needs)
