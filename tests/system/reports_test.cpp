@@ -26,8 +26,10 @@ std::istringstream written_together(const char *file, const std::function<void(i
     }
     close(gate[0]);
     close(gate[1]);
-    for (int p = 0, status = 1; p < kProcesses; ++p)
-        EXPECT_TRUE(wait(&status) > 0 && status == 0);
+    for (int p = 0, status = 1; p < kProcesses; ++p) {
+        EXPECT_GT(wait(&status), 0);
+        EXPECT_EQ(status, 0);
+    }
     return std::istringstream(support::read_file(file));
 }
 

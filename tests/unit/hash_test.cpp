@@ -51,9 +51,11 @@ std::vector<Key> keys_for(hashFunction hash) {
 // What `get` puts into a new array; every allocation failure gives `refusal`.
 Values taken(int refusal, const std::function<int(uintptr_t **)> &get) {
     uintptr_t *array = nullptr;
-    int count = support::with_each_failure(
-        [&] { return get(&array); },
-        [&](int refused) { EXPECT_TRUE(refused == refusal && array == nullptr); });
+    int count = support::with_each_failure([&] { return get(&array); },
+                                           [&](int refused) {
+                                               EXPECT_EQ(refused, refusal);
+                                               EXPECT_EQ(array, nullptr);
+                                           });
     Values values(array, array + count);
     free(array);
     return values;
