@@ -69,6 +69,7 @@ int cmd_version(int, char **, FILE *out) {
     return 0;
 }
 
+// How full each queue is and has been, and what it has refused.
 int cmd_queues(int, char **, FILE *out) {
     return print_collected(out, [](FILE *to) {
         MutexLock lock(tables_mutex);
@@ -96,6 +97,7 @@ uint32_t now_ms() {
     return static_cast<uint32_t>(time_base() / tick_divisor(tb_ticks_p_msec));
 }
 
+// Which timers run, and when each is due.
 int cmd_timers(int, char **, FILE *out) {
     return print_collected(out, [](FILE *to) {
         MutexLock lock(tables_mutex);

@@ -151,6 +151,7 @@ int run_command(int argc, char **argv, FILE *out) {
     return result;
 }
 
+// The thread of one client: a command, its output, the end of the connection.
 void *serve_client(void *entry) {
     auto &client = *static_cast<Client *>(entry);
     int fd = -1;
@@ -170,6 +171,7 @@ void *serve_client(void *entry) {
     return nullptr;
 }
 
+// Commands take signals as the daemon's own threads do, on a stack that does for output.
 int start_thread(Client &client) {
     pthread_attr_t attributes;
     if (int error = pthread_attr_init(&attributes); error != 0)
@@ -218,6 +220,7 @@ bool prepare_commands() {
     return done;
 }
 
+// Takes the next client, if it is one of ours. False when the listener is of no more use.
 bool accept_client(int listener) {
     static const char kBusy[] = "too many commands at once\n";
     Descriptor fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
@@ -237,6 +240,7 @@ bool accept_client(int listener) {
     return true;
 }
 
+// Waits for running commands until `end`; those for the loop run meanwhile.
 void end_clients(int64_t end) {
     for (bool busy = true; busy && monotonic_ms() < end;) {
         run_deferred();
@@ -255,6 +259,7 @@ void end_clients(int64_t end) {
     }
 }
 
+// A client that has its result asks no more for it.
 int cmd_result(int, char **, FILE *out) {
     int result = 0;
     {

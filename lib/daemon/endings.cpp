@@ -134,6 +134,7 @@ void bound_last_flush(int code, void *process) {
 
 }  // namespace
 
+// From here on every end short of SIGKILL leaves nothing behind.
 void prepare_signals() {
     has_key = pthread_key_create(&stacks, release_stack) == 0;
     qel_sigdefaults(name);

@@ -194,6 +194,7 @@ int sooner(int a, int b) {
 
 }  // namespace
 
+// One more place than was asked for, so that the wake of the watcher is never refused.
 bool open_loop() {
     int depth = table->queue_depth > 0 ? table->queue_depth : DAEMON_QUEUE_DEPTH;
     message_size =
@@ -209,6 +210,7 @@ bool open_loop() {
            timer_init_r() == 0;
 }
 
+// Starts the thread that watches descriptors, or lets the running one take newcomers.
 bool start_watching(int listener) {
     listening = listener;
     accepting.store(listener >= 0);

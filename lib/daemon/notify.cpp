@@ -43,6 +43,7 @@ void prepare_notify() {
     unsetenv("WATCHDOG_USEC");
 }
 
+// Tells the service manager, if there is one; who does not listen is not waited for.
 void notify(const char *text) {
     if (*manager == '\0')
         return;

@@ -44,6 +44,7 @@ int answer(void *to, int code, int32_t status) {
     return ipcSend(to, code, &status, sizeof status, nullptr);
 }
 
+// Calls the row's handler in the loop and sends what it gives.
 void serve(void *argument) {
     HeapBlock<Request> request(static_cast<Request *>(argument));
     HeapBlock<Reply> reply(allocate_zeroed<Reply>());
@@ -89,6 +90,7 @@ int copy_request(void *message, const daemon_request &row, Request *&copied) {
     return status;
 }
 
+// On the platform's thread: the request is copied and handed to the loop, or refused.
 int on_request(void *reply_address, int code, void *message) {
     if (message == nullptr)
         return answer(reply_address, code, QELD_NO_MESSAGE);

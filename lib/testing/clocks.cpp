@@ -165,6 +165,7 @@ int look_of_day(Next &next, Time *now, void *zone) {
     return result;
 }
 
+// time() in all its widths.
 template <typename Seconds>
 Seconds look_at_seconds(Next &next, Seconds *now) {
     const Verdict verdict = judge(record_time);

@@ -76,6 +76,7 @@ void format_values(char (&text)[kValuesSize], unsigned count, va_list values) {
         snprintf(text + at, sizeof text - at, "\n");
 }
 
+// An operator at the console sees the failure, too; nobody waits for a console that does not take it.
 void echo_on_console(const Failure &failure, void *const *frames, int depth) {
     Descriptor console(open(kConsole, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (!console)

@@ -114,6 +114,7 @@ struct Place {
     char *port;
 };
 
+// Reads [slot/][pic/]port; the port's own digits are the caller's to read.
 int parse_place(char *text, Place *place) {
     char *pic = text;
     char *slash = strchr(text, '/');

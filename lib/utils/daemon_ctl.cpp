@@ -116,6 +116,7 @@ bool copy_request_text(const qelIpcArgBlock *block, const RedirectRecord &record
     return true;
 }
 
+// Everything in the record is the sender's word and checked before it is used.
 int redirect_as_asked(const qelIpcArgBlock *block) {
     RedirectRecord record;
     if (qelIpcArgsDataLength(block) < sizeof record)

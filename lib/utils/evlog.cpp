@@ -175,6 +175,7 @@ void dump_entries(FILE *stream, qel_evlog_handle &log, int32_t from, int32_t to,
     }
 }
 
+// Fills two logs, one of them beyond its end, for an eye to compare.
 void run_self_test(qel_evlog_db &db) {
     qel_evlog_handle *first = qel_evlog_newHandle(&db, 1000, "General 1", "gen1");
     qel_evlog_handle *second =

@@ -76,6 +76,7 @@ class FletcherWords {
     uintptr_t odd_sums_ = 0;
 };
 
+// For processors without vectors: a word of bytes at a time, the sums reduced a block at a time.
 inline FletcherSums fletcher_portable(const unsigned char *data, size_t len) {
     FletcherSums sums{0, 0};
     while (len > 0) {

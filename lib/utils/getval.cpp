@@ -165,6 +165,7 @@ bool convert_any(const Line &line, int64_t *value) {
     return done;
 }
 
+// Whole numbers and key lengths.
 int accept_decimal(const getvalDesc &desc, const Line &line) {
     int64_t value = 0;
     if (!all_of(line, line.text[0] == '-' ? 1 : 0, isdigit))
@@ -186,6 +187,7 @@ int accept_decimal(const getvalDesc &desc, const Line &line) {
     return store_number(desc, value);
 }
 
+// Hexadecimal behind 0x, else decimal digits.
 int accept_hex(const getvalDesc &desc, const Line &line) {
     int64_t value = 0;
     bool prefix = has_hex_prefix(line);
@@ -220,6 +222,7 @@ int accept_port_id(const getvalDesc &desc, const Line &line) {
     return store_number(desc, value);
 }
 
+// The words of the type, in either case.
 int accept_boolean(const getvalDesc &desc, Line &line) {
     static constexpr struct {
         std::string_view word;
@@ -249,6 +252,7 @@ int store_text(const getvalDesc &desc, const Line &line) {
     return 1;
 }
 
+// A text without its line end was longer than the line holds; words lose the blanks before them.
 int accept_text(const getvalDesc &desc, Line &line) {
     if (line.view().empty() || line.view().back() != '\n') {
         refuse_size(desc);
@@ -271,6 +275,7 @@ int accept_text(const getvalDesc &desc, Line &line) {
     return store_text(desc, line);
 }
 
+// Four numbers and three dots; 0.0.0.0 stands for none.
 int accept_address(const getvalDesc &desc, const Line &line) {
     if (line.view() == "0.0.0.0")
         return store_text(desc, line);
@@ -288,6 +293,7 @@ int accept_address(const getvalDesc &desc, const Line &line) {
     return good ? store_text(desc, line) : refuse();
 }
 
+// Eight bytes, each within the bounds.
 int accept_wwn(const getvalDesc &desc, const Line &line) {
     unsigned part[kWwnBytes];
     int parts = sscanf(line.text, "%2x:%2x:%2x:%2x:%2x:%2x:%2x:%2x", &part[0], &part[1], &part[2],
@@ -311,6 +317,7 @@ void prompt_wwn(const char *label, const getvalDesc &desc) {
            name[2], name[3], name[4], name[5], name[6], name[7]);
 }
 
+// What is asked for, its bounds, and the value that Enter keeps.
 void prompt(const char *label, const getvalDesc &desc) {
     auto *value = static_cast<const int32_t *>(desc.value);
     auto min = static_cast<unsigned>(desc.min);
@@ -355,6 +362,7 @@ bool is_known(int32_t type) {
            type == GETVAL_KEY_LEN || (type >= GETVAL_WWN && type <= GETVAL_STRING_TRIM_23);
 }
 
+// What the type makes of the line: a new value, the old one, or another prompt.
 int take_answer(const getvalDesc &desc, Line &line) {
     if (is_text(desc.type))
         return accept_text(desc, line);

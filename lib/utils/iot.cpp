@@ -77,6 +77,7 @@ Entry entry_at(int index) {
     return state.table[index];
 }
 
+// The watch thread: handlers run in the order of the table.
 void *watch(void *) {
     for (;;) {
         fd_set ready;

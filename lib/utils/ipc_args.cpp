@@ -146,6 +146,7 @@ qelIpcArgBlock *encode_inline(const qelIpcArgs &args, uint32_t size) {
     return block;
 }
 
+// What does not fit into a message goes by shared memory, and its reader removes the segment.
 qelIpcArgBlock *encode_in_segment(const qelIpcArgs &args, uint32_t size) {
     HeapBlock<qelIpcArgBlock> block(new_block(QEL_IPC_ARGS_SHM, kSegmentBody));
     if (!block)
@@ -166,6 +167,7 @@ qelIpcArgBlock *encode_in_segment(const qelIpcArgs &args, uint32_t size) {
     return block.release();
 }
 
+// Attaches the sender's segment; one that is not what the block says is removed at once.
 int decode_segment(qelIpcArgBlock &block) {
     if (load_be32(block.body_length) != kSegmentBody)
         return UTILS_EINVAL;

@@ -167,6 +167,7 @@ inline void equal_lines_sse2(const LineColumns &history, const char *line, int l
 
 using EqualLines = void (*)(const LineColumns &, const char *, int, LineMask *);
 
+// Codes `line` against all older lines at once, a bit for each, and remembers it.
 inline int code_line(LineColumns &history, const char *line, int length, unsigned char *out,
                      EqualLines equal_lines) {
     LineMask masks[LOG_COMPRESS_LINE_MAX];

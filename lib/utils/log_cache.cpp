@@ -80,6 +80,7 @@ bool make_buffer(int32_t size) UTILS_REQUIRES(cache_mutex) {
     return cache.start != nullptr;
 }
 
+// Makes the buffer; whoever was first is the one that registers with fork().
 int create(const char *name, int32_t size) {
     MutexLock lock(cache_mutex);
     if (!instantiated.load(kRelaxed))
@@ -120,6 +121,7 @@ const Stamp &stamp_of_thread() {
     return stamp;
 }
 
+// Appends a stamped line, from the beginning again where the end has no room.
 void store_line(const Stamp &front, const char *text, size_t text_length)
     UTILS_REQUIRES(cache_mutex) {
     if (cache.start == nullptr)

@@ -118,6 +118,7 @@ __attribute__((noinline)) int refuse(msgQ &queue, unsigned len) {
     return UTILS_ERROR;
 }
 
+// Copies the message and the sender's context into the queue, or counts a miss.
 int enqueue(msgQ &queue, const void *msg, unsigned len) {
     if (queue.queued.count >= queue.maxMsgs || len > queue.maxMsgLength || len > MSGQ_LENGTH_MAX)
         return refuse(queue, len);

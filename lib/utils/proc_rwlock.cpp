@@ -220,6 +220,7 @@ int write_unlocked(procrwlock_t &lck) {
     return result;
 }
 
+// What both unlocks share: the record's checks, and the priority that the lock had raised.
 template <int (*body)(procrwlock_t &)>
 int unlock_record(procrwlock_t *lck, bool reading) {
     if (lck == nullptr) {

@@ -85,6 +85,7 @@ char *concatenate(qelString &string, size_t length, const char *text, size_t n) 
     return string.buf;
 }
 
+// Room grows by more than is asked for, so that appending costs little; `text` may be the string's own.
 char *append(qelString *string, const char *text) {
     if (string == nullptr || string->buf == nullptr || text == nullptr)
         return nullptr;

@@ -70,6 +70,7 @@ bool is_empty(int fd) {
     return fstat(fd, &status) == 0 && status.st_size == 0;
 }
 
+// The report's columns, once at the top of a new file.
 void write_heading(FILE *out, time_t now) {
     char date[32] = "\n";
     tm local;

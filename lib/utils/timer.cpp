@@ -99,6 +99,7 @@ void make_idle(timer *t) {
     t->delta = 0;
 }
 
+// One block a timer: the record, the creator's context, its place in the index.
 timer *create(timerHandler handler, uintptr_t arg1, uintptr_t arg2, uint32_t flags) {
     unsigned context_size = sizeof_geps();
     if (context_size > kContextMax || !timer_index.reserve(live_timers + 1))

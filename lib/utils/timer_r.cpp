@@ -127,6 +127,7 @@ bool waited(Service *mine, int timeout_ms) UTILS_REQUIRES(timer_mutex) {
     }
 }
 
+// Serves timers until another service is in charge, and owns its record to the end.
 void *service_thread(void *own) {
     auto *mine = static_cast<Service *>(own);
     lock_or_fail(183);
@@ -159,6 +160,7 @@ int start_thread(Service *own) {
     return error;
 }
 
+// Starts the thread at the first timer, and again at the first one after a close.
 int start_service() UTILS_REQUIRES(timer_mutex) {
     finish_closed_service();
     if (service_mode.load(kRelaxed) != kNotStarted)
@@ -210,6 +212,7 @@ void deliver(timerHandle timer, uintptr_t queue, timerHandler handler, uintptr_t
     }
 }
 
+// What the two creations share, with their words about a failure.
 timerHandle create(msgQHandle queue, timerHandler handler, uintptr_t arg1, uintptr_t arg2,
                    bool periodic) {
     if (timer_init_r() != 0) {

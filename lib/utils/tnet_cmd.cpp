@@ -146,6 +146,7 @@ struct Command {
     Command &operator=(const Command &) = delete;
 };
 
+// Reads one message and makes its argument vector, when lengths and offsets agree.
 bool receive_command(int socket, Command &command) {
     unsigned char word[kWord];
     if (!receive_exactly(socket, word, sizeof word))

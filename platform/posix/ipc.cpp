@@ -261,6 +261,7 @@ bool serve_connection(int slot) {
     return false;
 }
 
+// The service thread: requests first, then newcomers, who wait when descriptors run short.
 void *serve(void *) {
     Sockets own;
     {

@@ -112,6 +112,7 @@ __attribute__((destructor)) void end_idle_lines() {
 
 }  // namespace
 
+// This thread's connection to the daemon, when it is still to the same socket and by the same user.
 Line *find_line(const ipc_address &address, int64_t now_ms) {
     Line *found = nullptr;
     MutexLock lock(pool_mutex);
@@ -134,6 +135,7 @@ Line *find_line(const ipc_address &address, int64_t now_ms) {
     return found;
 }
 
+// A new connection's entry in the pool, or `spare` when the pool is of no use to it.
 Line &new_line(const ipc_address &address, Line &spare) {
     pthread_once(&prepared, prepare);
     MutexLock lock(pool_mutex);

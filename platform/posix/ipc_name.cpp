@@ -34,6 +34,7 @@ NameLock::~NameLock() {
         unlink(path_);
 }
 
+// Waits for a process of the same user that is opening the name, 20 seconds at most.
 int NameLock::acquire() {
     if (!Descriptor(open_trusted_directory(AT_FDCWD, IPC_SOCKET_DIRECTORY, 0)))
         return -errno;
@@ -81,6 +82,7 @@ bool NameLock::is_in_place() const {
            held.st_ino == named.st_ino && held.st_dev == named.st_dev;
 }
 
+// Takes a dead daemon's name; a living one's, found by a connection, stays.
 int listen_at(const sockaddr_un &path) {
     Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd)
