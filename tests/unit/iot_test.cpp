@@ -109,9 +109,10 @@ TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
     ASSERT_EQ(iot_add(pipes[kNobody][0], nullptr, 0), 0);
     ASSERT_EQ(iot_add(pipes[kHurry][0], held, 1), 0);
     const auto threads_before = threads_now();
-    utils_testing_fail_call("pthread_create", 1, EAGAIN, UTILS_TESTING_FROM_THEN_ON);
+#ifndef UTILS_TESTING_SANITIZED  // starts threads past everybody
+    utils_testing_fail_call("pthread_create", 1, EAGAIN, 1);
     EXPECT_EQ(iot_start(), -1);
-    utils_testing_fail_call("pthread_create", 1, EAGAIN, 0);
+#endif
     feed(kHurry);
     ASSERT_EQ(iot_start(), 0);
     auto feed_all = [] {
