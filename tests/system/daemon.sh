@@ -7,6 +7,7 @@ set -euo pipefail
 . "$(dirname "$0")/../support/commands.sh"
 programs "$1" qelctl portd hello_daemon
 files() { (cd /run/korin && LC_ALL=C ls -d -- *"$1"* /var/run/"$1"*.pid 2>/dev/null || true) | tr '\n' ' '; }
+stopped() { kill "$1"; wait "$1" || fail "the orderly end of $1 gives $?"; }
 same() { [ "$1" = "$2" ] || fail "$3: '$1', not '$2'"; }
 printf '\0\0\0\0\0\5\0\0\0\0\0\0' >/config/haconfig
 ulimit -c 0
@@ -60,7 +61,7 @@ for end in "TERM 0" "INT 0" "HUP 0" "QUIT 3" "USR1 138" "ALRM 142" "XCPU 152" "S
     # shellcheck disable=SC2086  # the words are words
     ends $end 2>/dev/null
 done
-if ! ldd "$(command -v hello_daemon)" 2>/dev/null | grep -qE 'lib[at]san'; then
+if ! sanitized hello_daemon; then
     for end in "ABRT 134" "SEGV 139" "BUS 135" "FPE 136"; do
         # shellcheck disable=SC2086
         ends $end 2>/dev/null
@@ -74,7 +75,7 @@ await gone "$killed"
 same "$(files killed)" "/var/run/killed.0.pid 5.0.killed.ipc killed.0.cmd killed.0.lock " "left by a killed one"
 hello_daemon -n killed & killed=$!
 await qelctl cmd killed version
-kill "$killed" && wait "$killed"
+stopped "$killed"
 
 # Without the right to write the pid file it runs without one; without that to the sockets' place it does not.
 chmod 555 /run
@@ -82,7 +83,7 @@ chmod 555 /run
 await qelctl cmd plain version
 grep -q '^opening the pid file: Permission denied$' /tmp/plain.err || fail "no word about the pid file"
 chmod 755 /run
-kill "$plainly" && wait "$plainly" || fail "without a pid file the end gives $?"
+stopped "$plainly"
 chmod 555 /run/korin
 expect 1 '^nobody: cannot start: /run/korin/nobody.0.lock: Permission denied$' "${plain[@]}" hello_daemon -n nobody
 chmod 777 /run/korin
@@ -106,7 +107,7 @@ socat -u UNIX-RECV:/tmp/manager OPEN:/tmp/told,creat,append & manager=$!
 await test -S /tmp/manager
 NOTIFY_SOCKET=/tmp/manager WATCHDOG_USEC=200000 hello_daemon -n managed & managed=$!
 await grep -q 'READY=1.*WATCHDOG=1.*WATCHDOG=1' /tmp/told
-kill "$managed" && wait "$managed"
+stopped "$managed"
 await grep -q 'STOPPING=1$' /tmp/told
 kill "$manager"
 echo "daemon: single, asked, ended in every way, refused where it should be"

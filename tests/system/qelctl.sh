@@ -301,7 +301,7 @@ expect 1 'frame 1: the stream ends early' qelctl log unpack /tmp/short
 expect 1 'frame 1: not a compressed log' qelctl log unpack /tmp/text
 expect 1 'No such file' qelctl log unpack /tmp/nowhere
 # At every step on the way to enough memory: what was asked for, or one line and the status for it.
-if [ -z "$emulated" ] && ! ldd "$(command -v qelctl)" | grep -E 'lib[at]san' >/dev/null; then
+if [ -z "$emulated" ] && ! sanitized qelctl; then
     for ((kb = 4000; kb < 16000; kb += 100)); do
         status=0
         (ulimit -v "$kb" && exec qelctl evlog --pid 4242 >/tmp/out 2>/tmp/lines) || status=$?
