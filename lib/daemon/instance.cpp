@@ -31,7 +31,8 @@ using Path = char[128];
 
 Path pid_path, socket_path, request_path;
 std::atomic<pid_t> owner{0};
-std::atomic<bool> has_pid_file{false}, has_socket{false}, has_requests{false};
+// Words, since some processors exchange nothing smaller.
+std::atomic<int> has_pid_file{0}, has_socket{0}, has_requests{0};
 
 void name_file(Path &path, const char *kind) {
     snprintf(path, sizeof path, DAEMON_FILE_FORMAT, name, getMySwitch(), kind);
@@ -106,8 +107,8 @@ int lock_instance() {
 }
 
 bool write_pid_file() {
-    has_pid_file.store(stor_pid(name, getMySwitch()) == 0);
-    return has_pid_file.load();
+    has_pid_file.store(stor_pid(name, getMySwitch()) == 0 ? 1 : 0);
+    return has_pid_file.load() != 0;
 }
 
 int open_command_socket() {
@@ -124,7 +125,7 @@ int open_command_socket() {
     unlink(socket_path);
     if (bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
         return -1;
-    has_socket.store(true);
+    has_socket.store(1);
     struct stat status {};
     if (lstat(socket_path, &status) != 0 || status.st_uid != geteuid() ||
         ((status.st_mode & 077) != 0 && chmod(socket_path, 0600) != 0) ||
@@ -134,25 +135,25 @@ int open_command_socket() {
 }
 
 void remove_command_socket() {
-    if (getpid() == owner.load() && has_socket.exchange(false))
+    if (getpid() == owner.load() && has_socket.exchange(0) != 0)
         unlink(socket_path);
 }
 
 void note_request_socket(const char *path) {
     snprintf(request_path, sizeof request_path, "%s", path != nullptr ? path : "");
-    has_requests.store(path != nullptr);
+    has_requests.store(path != nullptr ? 1 : 0);
 }
 
 void remove_files() {
     if (getpid() != owner.load())
         return;
     KeptErrno error;
-    if (has_socket.exchange(false))
+    if (has_socket.exchange(0) != 0)
         unlink(socket_path);
-    if (has_requests.exchange(false))
+    if (has_requests.exchange(0) != 0)
         unlink(request_path);
     // In a directory that is not this user's, an empty file is what says that nobody runs.
-    if (has_pid_file.exchange(false) && unlink(pid_path) != 0) [[maybe_unused]]
+    if (has_pid_file.exchange(0) != 0 && unlink(pid_path) != 0) [[maybe_unused]]
         int result = truncate(pid_path, 0);
 }
 

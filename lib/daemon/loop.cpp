@@ -60,13 +60,14 @@ int ready_set = -1, control = -1;  // the epoll set; an eventfd for the watching
 int listening = -1;                // the command socket; the watching thread's, once it runs
 pthread_t watcher;
 bool watcher_runs = false;
-std::atomic<bool> work{false};         // for the loop: descriptors or deferred calls
+// Words where they are exchanged, since some processors exchange nothing smaller.
+std::atomic<int> work{0};              // for the loop: descriptors or deferred calls
 std::atomic<bool> wake_failed{false};  // for want of memory
-std::atomic<bool> drained{false};      // the loop has looked at the set
+std::atomic<int> drained{0};           // the loop has looked at the set
 std::atomic<bool> accepting{false}, finished{false};
 
 void wake_loop() {
-    work.store(true);
+    work.store(1);
     MutexLock lock(loop_mutex);
     RecordLock queue_lock(queue->lock);
     if (wake_queued || queue->queued.count >= queue->maxMsgs) {
@@ -112,7 +113,7 @@ void *watch(void *) {
             continue;
         uint64_t count;
         if (set[0].revents != 0 && read(control, &count, sizeof count) > 0 &&
-            drained.exchange(false))
+            drained.exchange(0) != 0)
             set_is_open = true;
         if (stop_requested() && stop_end == 0) {
             stop_end = monotonic_ms() + DAEMON_STOP_SECONDS * 1000;
@@ -162,7 +163,7 @@ void serve_descriptors() {
     int count = epoll_wait(ready_set, events, kBatch, 0);
     for (int i = 0; i < count; ++i)
         serve_descriptor(events[i]);
-    drained.store(true);
+    drained.store(1);
     kick_watcher();
 }
 
@@ -276,7 +277,7 @@ int daemon_step(int timeout_ms) {
         return 1;
     if (msgQReceive(queue, message, message_size, sooner(timeout_ms, feed_watchdog())) == 0)
         serve_message();
-    if (work.exchange(false)) {
+    if (work.exchange(0) != 0) {
         run_deferred();
         if (!stop_requested())
             serve_descriptors();
