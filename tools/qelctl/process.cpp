@@ -17,7 +17,8 @@ constexpr milliseconds kPause(10);
 
 std::optional<ProcessStatus> process_status(int pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(file)), {});
+    std::string text;
+    std::getline(file, text, '\0');  // whole; nothing from a process that ends meanwhile
     // The second field is the name in brackets, which may hold anything; the state is the third,
     // the number of threads the 20th, the start the 22nd.
     size_t name_end = text.rfind(')');
