@@ -200,14 +200,14 @@ TEST(Ipc, OnlyTheOwnUserAndRootAreHeard) {
 
 TEST(Ipc, PacketsOfAWrongSizeEndTheirConnection) {
     Daemon daemon;
-    for (auto [size, ended] : {std::pair(0, true),
+    for (auto [size, ended] : {std::pair(0u, true),
                                {7, true},
                                {8 + IPC_REQUEST_MAX + 1, true},
                                {8 + IPC_REQUEST_MAX, false},
                                {8, false}}) {
         int fd = packets_to_daemon();
         std::string packet = packet_of(kTwice, IPC_REQUEST_MAX + 1).substr(0, size);
-        EXPECT_EQ(send(fd, packet.data(), packet.size(), 0), size);
+        EXPECT_EQ(send(fd, packet.data(), packet.size(), 0), static_cast<ssize_t>(size));
         EXPECT_EQ(is_ended(fd), ended) << size;
         close(fd);
     }
@@ -399,7 +399,7 @@ TEST(Ipc, OpeningHoldsNobodyUpAndIsHeldUpByNoStranger) {
             return pause();
         });
     };
-    for (mode_t mode : {0604, 0640, 0601, 0602}) {
+    for (mode_t mode : {0604u, 0640u, 0601u, 0602u}) {
         auto stranger = hold(mode);
         EXPECT_TRUE(stranger->is_ready());
         EXPECT_EQ(ipc_open(&own), 0) << mode;
@@ -423,7 +423,7 @@ TEST(Ipc, OpeningHoldsNobodyUpAndIsHeldUpByNoStranger) {
         thread.join();
     EXPECT_EQ(results, -EALREADY);
     ipc_close();
-    for (auto [mode, result] : {std::pair(0777, -EPERM), {01777, 0}}) {
+    for (auto [mode, result] : {std::pair(0777u, -EPERM), {01777, 0}}) {
         EXPECT_EQ(fchmod(directory, mode), 0);
         EXPECT_EQ(ipc_open(&own), result) << "anyone could put a socket in place of ours";
         ipc_close();

@@ -167,7 +167,7 @@ bool is_open_to_others(const std::string &path) {
 
 TEST(Planted, DescriptorsMayBeManyOrFewAndAreNobodyElses) {
     for (const Place &place : kPlaces) {
-        for (rlim_t limit : {24, 4096})
+        for (rlim_t limit : {24u, 4096u})
             EXPECT_TRUE(support::passes_in_child([&] {
                 rlimit descriptors{limit, limit};
                 ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors), 0);

@@ -303,7 +303,8 @@ TEST(ProcRwlock, SixProcessesSeeNoHalfMadeWrite) {
             Lock lock;
             std::vector<std::thread> threads;
             for (unsigned t = 0; t < 4; ++t)
-                threads.emplace_back(work, std::ref(lock), std::ref(shared), getpid() * 4u + t);
+                threads.emplace_back(work, std::ref(lock), std::ref(shared),
+                                     static_cast<unsigned>(getpid()) * 4 + t);
             for (std::thread &thread : threads)
                 thread.join();
         });
