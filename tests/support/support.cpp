@@ -51,17 +51,6 @@ class Capture {
     int saved_;
 };
 
-int lines_of(const char *path) {
-    std::ifstream file(path);
-    return static_cast<int>(std::count(std::istreambuf_iterator<char>(file), {}, '\n'));
-}
-
-Holdings held() {
-    std::filesystem::directory_iterator tasks("/proc/self/task");
-    return {utils_testing_open_descriptors(), static_cast<int>(std::distance(tasks, {})),
-            lines_of("/proc/sysvipc/shm"), utils_testing_live_blocks()};
-}
-
 // First uses of the C library, of threads and of the test frame keep a few blocks.
 constexpr int kFirstUses = 12;
 Holdings allowed;
@@ -76,7 +65,7 @@ class Audit : public testing::EmptyTestEventListener {
     void OnTestEnd(const testing::TestInfo &info) override {
         if (info.result()->Failed() || info.result()->Skipped())
             return;
-        Holdings after = held();
+        Holdings after;
         auto more = [&](int Holdings::*of) { return after.*of - before_.*of - allowed.*of; };
         eventually(
             [&] {  // threads and their peers' ends of sockets go a moment after the calls that end them
@@ -102,6 +91,20 @@ class Audit : public testing::EmptyTestEventListener {
 #endif
 
 }  // namespace
+
+int threads() {
+    std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<int>(std::distance(tasks, {}));
+}
+
+int segments() {
+    std::string table = read_file("/proc/sysvipc/shm");
+    return static_cast<int>(std::count(table.begin(), table.end(), '\n')) - 1;
+}
+
+Holdings held() {
+    return {utils_testing_open_descriptors(), threads(), segments(), utils_testing_live_blocks()};
+}
 
 void leaves(const Holdings &more) {
     allowed.descriptors += more.descriptors;

@@ -38,15 +38,20 @@ namespace support {
 
 constexpr int64_t kSecond = 1000000000;  // in nanoseconds
 
-// What a test may hold. One that has ended with more than it began with has failed, but for what it says here that it
-// leaves, for a reason.
+// What this process holds. A test that has ended with more than it began with has failed, but for what it says here
+// that it leaves, for a reason.
 struct Holdings {
     int descriptors = 0;
     int threads = 0;
     int segments = 0;  // of System V shared memory
     int blocks = 0;    // of memory
 };
+Holdings held();
 void leaves(const Holdings &more);
+
+// The threads of this process, and the shared segments of the image.
+int threads();
+int segments();
 
 // What `body` writes to `descriptor` (1: standard output, 2: standard error), at any level: stdio
 // or write().

@@ -40,10 +40,4 @@ inline std::string command_message(const std::vector<std::string> &arguments) {
     return words(header) + texts;
 }
 
-// Shared-memory segments in the image.
-inline int segments() {
-    std::string table = read_file("/proc/sysvipc/shm");
-    return static_cast<int>(std::count(table.begin(), table.end(), '\n')) - 1;
-}
-
 }  // namespace support

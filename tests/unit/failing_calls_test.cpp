@@ -52,11 +52,6 @@ int stated(const char *what, int result, Stated... results) {
 }
 #define STATED(call, ...) stated(#call, call, __VA_ARGS__)
 
-struct Left {
-    int blocks = utils_testing_live_blocks(), descriptors = utils_testing_open_descriptors(),
-        segments = support::segments();
-};
-
 // Lets the scenario run with the function's first, second, ... call failing. Gives their number.
 int drive(void (*scenario)(), const char *function, int error) {
 #ifdef UTILS_TESTING_SANITIZED
@@ -65,15 +60,15 @@ int drive(void (*scenario)(), const char *function, int error) {
 #endif
     scenario();  // makes what stays for good, and shows that the last failure did no harm
     for (int nth = 1;; ++nth) {
-        Left before;
+        support::Holdings before = support::held();
         utils_testing_fail_call(function, nth, error, 1);
         scenario();
         calm();
         if (utils_testing_failures() == 0)
             return nth - 1;
         // A thread that was asked to end may still be at it.
-        support::eventually([&] { return Left().blocks <= before.blocks; }, 2000);
-        Left after;
+        support::eventually([&] { return support::held().blocks <= before.blocks; }, 2000);
+        support::Holdings after = support::held();
         std::string where =
             "call " + std::to_string(nth) + " of " + function + ": " + strerror(error);
         EXPECT_LE(after.blocks, before.blocks) << where;

@@ -2,8 +2,6 @@
 // The watch thread: its table, its bounds, what it waits for and what ends it.
 #include "utils/iot.h"
 
-#include <filesystem>
-
 #include "support/support.h"
 
 namespace {
@@ -91,10 +89,6 @@ TEST(Iot, TakesEightDescriptorsWithinBounds) {
     EXPECT_EQ(iot_add(4, serve, 0), 0);
 }
 
-ptrdiff_t threads_now() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
-
 TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
     support::leaves({.descriptors = 15});  // what was watched
     ASSERT_EQ(iot_init(nullptr), 0);
@@ -108,7 +102,7 @@ TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
     ASSERT_EQ(iot_add(200, serve, 0), 0);
     ASSERT_EQ(iot_add(pipes[kNobody][0], nullptr, 0), 0);
     ASSERT_EQ(iot_add(pipes[kHurry][0], held, 1), 0);
-    const auto threads_before = threads_now();
+    const int threads_before = support::threads();
 #ifndef UTILS_TESTING_SANITIZED  // starts threads past everybody
     utils_testing_fail_call("pthread_create", 1, EAGAIN, 1);
     EXPECT_EQ(iot_start(), -1);
@@ -153,7 +147,7 @@ TEST(Iot, WatchesWhatItIsToldToInTableOrderWhileOtherThreadsChangeTheState) {
         iot_exit();
         utils_testing_fail_call("select", 1, EBADF, UTILS_TESTING_FROM_THEN_ON);
     });
-    EXPECT_TRUE(support::eventually([=] { return threads_now() == threads_before; }));
+    EXPECT_TRUE(support::eventually([=] { return support::threads() == threads_before; }));
     utils_testing_reset();
 }
 

@@ -11,6 +11,7 @@ namespace {
 
 using support::eventually;
 using support::monotonic_ms;
+using support::threads;
 
 // Threads of another policy would need rights.
 [[maybe_unused]] const int replaced =
@@ -51,11 +52,6 @@ enum { kByThread, kByLoop };
         }));                                                       \
     }                                                              \
     void name()
-
-int threads() {
-    std::filesystem::directory_iterator tasks("/proc/self/task"), end;
-    return static_cast<int>(std::distance(tasks, end));
-}
 
 CHILD_TEST(PostsExpiryMessagesToTheQueue, kByThread) {
     msgQHandle queue = msgQCreate(10, TIMER_MESSAGE_LENGTH, 0, "events");
