@@ -183,11 +183,13 @@ TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {
     EXPECT_THAT(captured(1, qel_evlog_test),
                 HasSubstr(" section=1\nerror in eventlog get new handle()\n"));
     refuse_section = false;
-    EXPECT_THAT(captured(1, qel_evlog_test),
-                MatchesRegex("-------------\nevt log            :General 1\n(.*\n)*no "
-                             "verbose-------------\n([^0].*\n)*verbose-----------\n(.*\n)*"
-                             "total entries      :5\n(.*\n){3}" NOW "event 3 of 7\n(.*\n){3}" NOW
-                             "event 7 of 7\n-+\n"));
+    EXPECT_THAT(
+        captured(1, qel_evlog_test),
+        MatchesRegex(
+            "-------------\nevt log            :General 1\n(.*\n)*.* after a second\n(.*\n)*no "
+            "verbose-------------\n([^0].*\n)*verbose-----------\n(.*\n)*"
+            "total entries      :5\n(.*\n){3}" NOW "event 3 of 7\n(.*\n){3}" NOW
+            "event 7 of 7\n-+\n"));
 }
 
 TEST(EvlogInAChild, NeitherItsDeathNorItsFreeStopsTheParent) {

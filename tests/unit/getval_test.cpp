@@ -98,7 +98,7 @@ const std::pair<Question, std::vector<Case>> kNumbers[] = {
     {{7, 0, 0xffffff, 256, 0x10200, "L: (0x0..0xffffff) [10200] 0x",
       "port ID must be between 0x0 and 0xffffff - please re-enter\n",
       "integer must be a multiple of 256 - please re-enter\n"},
-     {{"0x10100\n", "", 0x10100}, {"a\n0xg1\n1000000\n1g\n10101\n0a00\n", "aaram", 0xa00}}},
+     {{"0x10100\n", "", 0x10100}, {"a\n0xg1\n1000000\n1g\ng1\n10101\n0a00\n", "aaraam", 0xa00}}},
     {{16, 1, 200, 5, 40, "L: (1..200) [40] ",
       "integer must be between 1 and 200 - please re-enter\n",
       "Invalid key length [64]. Must be 40, 56, or 128.\n"},

@@ -140,12 +140,12 @@ TEST(LogCompress, DecoderKeepsItsRules) {
 }
 
 TEST(LogCompress, ShowsAStreamBetweenItsHeadings) {
-    unsigned char stream[256] = "abc\n\x80\x84\0\x80\x80";
+    unsigned char stream[256] = "abc\n\n\x80\x84\0\x80\x80";
     auto shown = [&](int length) {
         return support::captured(1, [&] { log_showDecompressedData(stream, length); });
     };
     EXPECT_EQ(shown(256),
-              "\n\nDecompressed data start ********\nabc\nabc\n"
+              "\n\nDecompressed data start ********\nabc\n\nabc\n"
               "\nDecompressed data end ********\n\n");
     EXPECT_EQ(shown(255), "Error: can't create log data decompressor\n");
     char line[LOG_COMPRESS_LINE_SIZE];

@@ -94,7 +94,7 @@ struct Holder {
 TEST(ProcRwlock, RaisesThePriorityFromTheFirstLockToTheLast) {
     using Values = std::vector<int>;
     EXPECT_TRUE(support::passes_in_child([] {
-        nice_value = 10;
+        nice_value = 1;
         Lock lock, second;
         for (int round = 1; round <= 2; ++round) {
             changes.clear();
@@ -103,7 +103,7 @@ TEST(ProcRwlock, RaisesThePriorityFromTheFirstLockToTheLast) {
             expect_calls(&lock, {{"not the last one", kEndWrite, 0}});
             EXPECT_EQ(changes, (Values{0, 0, 0}));
             expect_calls(&second, {{"the last one", kEndRead, 0}});
-            EXPECT_EQ(changes, (Values{0, 0, 0, 10}));
+            EXPECT_EQ(changes, (Values{0, 0, 0, 1}));
             EXPECT_EQ(utils_testing_count_calls("getpriority"), round);
         }
         fail_set = true;

@@ -73,8 +73,10 @@ TEST(Trace, SectionIsAFileThatOtherProcessesSeeAndThatCleanupRemoves) {
     EXPECT_EQ(owner_in(content).switch_no, 0);
     // A child that releases its copy leaves the file to its parent.
     EXPECT_EQ(support::in_child([&] { return trace_module_cleanup(section.handle); }).status, 0);
-    Section same(3, "a/b 3");
-    EXPECT_EQ(files(), (std::set{file_name(3, "a_b 3"), file_name(3, "a_b 3+1")}));
+    Section same(3, "a/b 3"), cut(1, std::string(99, 'c').c_str());
+    EXPECT_EQ(files(), (std::set{file_name(1, std::string(52, 'c').c_str()), file_name(3, "a_b 3"),
+                                 file_name(3, "a_b 3+1")}));
+    EXPECT_EQ(trace_module_cleanup(cut.handle), 0);
     EXPECT_EQ(trace_module_cleanup(section.handle), 0);
     EXPECT_EQ(trace_module_cleanup(same.handle), 0);
     EXPECT_NE(trace_module_cleanup(same.handle), 0);
