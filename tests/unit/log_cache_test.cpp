@@ -3,6 +3,7 @@
 #include "utils/log_cache.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <sstream>
@@ -157,8 +158,9 @@ TEST(LogCache, DumpWritesThroughNoPlantedFile) {
         }
         std::filesystem::remove("/tmp/cache");
         EXPECT_EQ(dumped(), stamp() + "secret\n" + '\0');
-        EXPECT_EQ(std::filesystem::status("/tmp/cache").permissions(),
-                  std::filesystem::perms{0644});
+        struct stat status {};
+        EXPECT_EQ(stat("/tmp/cache", &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | 0644u);
     });
 }
 
