@@ -18,7 +18,7 @@ export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev nlohmann-json3-dev
-test_packages := $(build_packages) googletest bubblewrap binutils gdb netcat-openbsd socat util-linux procps psmisc python3
+test_packages := $(build_packages) googletest bubblewrap binutils gdb locales netcat-openbsd socat util-linux procps psmisc python3
 docs_packages := doxygen mandoc man-db help2man python3
 
 helgrind_tests := msgq_test timer_test sema_test proc_rwlock_test
