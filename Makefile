@@ -18,7 +18,7 @@ export CMAKE_C_COMPILER_LAUNCHER ?= $(CCACHE)
 export CMAKE_CXX_COMPILER_LAUNCHER ?= $(CCACHE)
 
 build_packages := cmake ninja-build gcc g++ libc6-dev pkg-config libcli11-dev nlohmann-json3-dev
-test_packages := $(build_packages) googletest bubblewrap binutils gdb netcat-openbsd util-linux procps psmisc python3
+test_packages := $(build_packages) googletest bubblewrap binutils gdb locales netcat-openbsd socat util-linux procps psmisc python3
 docs_packages := doxygen mandoc man-db help2man python3
 
 helgrind_tests := msgq_test timer_test sema_test proc_rwlock_test
@@ -48,7 +48,8 @@ packages_target-system := $(packages_target) linux-source-6.1 bc bison flex cpio
 packages_asan := $(test_packages)
 packages_tsan := $(test_packages)
 packages_clang := $(test_packages) clang
-packages_fuzz := $(build_packages) bubblewrap clang libclang-rt-14-dev
+# The leaks that are kept on purpose are known by their functions' names, which llvm's symbolizer gives.
+packages_fuzz := $(build_packages) bubblewrap clang libclang-rt-14-dev llvm
 packages_model := spin gcc libc6-dev
 packages_soak := $(build_packages) bubblewrap python3
 packages_mutants := $(test_packages) python3
@@ -61,7 +62,7 @@ packages_format := clang-format git
 packages_lint := $(build_packages) clang clang-tidy clang-format cppcheck shellcheck graphviz git
 packages_platform-check := $(test_packages)
 packages_docs := $(docs_packages)
-packages_package = $(build_packages) $(docs_packages) debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap \
+packages_package = $(build_packages) $(docs_packages) build-essential debhelper dpkg-dev fakeroot lintian mmdebstrap uidmap \
     $(if $(ARCH),g++-$(shell dpkg-architecture -a$(ARCH) -qDEB_HOST_GNU_TYPE 2>/dev/null) qemu-user bubblewrap)
 packages_reproducible = $(packages_package)
 packages_install := $(build_packages)

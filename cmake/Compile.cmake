@@ -60,8 +60,10 @@ target_compile_options(utils_cxx_inside INTERFACE ${reproducible}
       -fvisibility-inlines-hidden>
     -fvisibility=hidden -ftls-model=initial-exec ${walkable} ${direct})
 
-# Makes `target` a shared library that is linked by the C driver and exports what `map` lists.
+# Makes `target` a shared library that is linked by the C driver and exports what `map` lists. A project that takes this
+# one in by add_subdirectory() links the names that find_package() would give it.
 function(utils_c_shared_library target map)
+    add_library(utils::${target} ALIAS ${target})
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:utils_cxx_inside>)
     target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C LINK_DEPENDS ${map}
@@ -78,6 +80,7 @@ endfunction()
 # archive the internal names are the program's, too: a program's own function named like one of ours replaces ours.
 function(utils_static_archive target)
     add_library(${target}-static STATIC $<TARGET_OBJECTS:${target}>)
+    add_library(utils::${target}-static ALIAS ${target}-static)
     set_target_properties(${target}-static PROPERTIES OUTPUT_NAME ${target} LINKER_LANGUAGE C
                           ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
     target_include_directories(${target}-static

@@ -95,11 +95,12 @@ static inline int get_ms_time(const struct timeval *time,
 /** @endcond */
 
 /**
- * Writes local time as "Jan 31 14:03:27". On a 32-bit host 32 bits of the seconds count, read as
- * unsigned: right from 1970 to 2106, also in a program built with 64-bit time_t.
+ * Writes local time as "Jan 31 14:03:27", the month as the program's locale calls it. On a 32-bit
+ * host 32 bits of the seconds count, read as unsigned: right from 1970 to 2106, also in a program
+ * built with 64-bit time_t.
  * @param seconds since 1970
  * @param text room for CLOCK_TIME_ROOM characters
- * @return its length; 0, with an empty text, for a time that no calendar has
+ * @return its length; 0, with an empty text, for a time that no calendar has or a month too long
  */
 int get_time(time_t seconds, char *text);
 

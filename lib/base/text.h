@@ -20,6 +20,15 @@ void copy_text(char (&to)[size], const char *text) {
     copy_text(to, size, text);
 }
 
+// Whether two words differ in nothing but the case of A to Z, in every locale: in a Turkish one
+// strcasecmp() takes I for another letter than i.
+inline bool same_word(const char *one, const char *other) {
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : int{c}; };
+    while (*one != '\0' && lower(*one) == lower(*other))
+        ++one, ++other;
+    return lower(*one) == lower(*other);
+}
+
 // A bounded text that a signal handler may build.
 class SafeText {
   public:

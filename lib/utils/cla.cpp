@@ -3,13 +3,14 @@
 // calls; vectors and texts belong to the caller, and only what the header says is changed.
 #include "utils/cla.h"
 
-#include <strings.h>
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+
+#include "base/text.h"
 
 static_assert(offsetof(claFltrEntry, letter) == 0 &&
               offsetof(claFltrEntry, name) == sizeof(void *) &&
@@ -191,7 +192,7 @@ int clafArgPresent(int argc, char **argv, const char *keyword) {
     if (argc < 1 || argv == nullptr)
         return CLA_ERR_FORM;
     for (int at = 0; at < argc; ++at) {
-        if (argv[at] != nullptr && keyword != nullptr && strcasecmp(argv[at], keyword) == 0)
+        if (argv[at] != nullptr && keyword != nullptr && same_word(argv[at], keyword))
             return 1;
     }
     return 0;
@@ -216,7 +217,7 @@ int clafSlotSlashPort(int argc, char **argv, int *slot) {
 int clafSlotSlashPicSlashPort(int argc, char **argv, int *slot, int *pic) {
     if (argc < 1 || argv == nullptr)
         return CLA_ERR_FORM;
-    bool free_text = argc > 2 && argv[0] != nullptr && strcasecmp(argv[0], "portName") == 0;
+    bool free_text = argc > 2 && argv[0] != nullptr && same_word(argv[0], "portName");
     int examined = free_text ? 2 : argc;
     for (int at = 0; at < examined; ++at) {
         if (argv[at] == nullptr || strchr(argv[at], '/') == nullptr)

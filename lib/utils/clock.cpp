@@ -4,6 +4,7 @@
 #include "utils/clock.h"
 
 #include <fcntl.h>
+#include <locale.h>
 #include <sys/times.h>
 #include <unistd.h>
 
@@ -72,7 +73,9 @@ int write_time(time_t seconds, char *text) {
     tm local;
     if (!local_time(seconds, local))
         return 0;
-    return static_cast<int>(strftime(text, CLOCK_TIME_ROOM, "%b %d %H:%M:%S", &local));
+    size_t length = strftime(text, CLOCK_TIME_ROOM, "%b %d %H:%M:%S", &local);
+    text[length] = '\0';  // some locale's month may find no room
+    return static_cast<int>(length);
 }
 
 int write_ms_time(time_t seconds, int64_t microseconds, char *text) {
@@ -105,7 +108,13 @@ char *dateBooted(void) {
         return nullptr;
     double up = 0;
     double idle = 0;
+    // The kernel writes a point, whatever the program's locale expects.
+    locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
+    locale_t of_caller = uselocale(plain);
     int numbers = fscanf(file, "%lf %lf", &up, &idle);
+    uselocale(of_caller);
+    if (plain != nullptr)
+        freelocale(plain);
     fclose(file);
     if (numbers < 2 || now < up)
         return nullptr;

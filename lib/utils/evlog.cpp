@@ -6,7 +6,6 @@
 #include "utils/evlog.h"
 
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -356,7 +355,7 @@ qel_evlog_handle *qel_evlog_findByShortCut(qel_evlog_db *db, const char *shortcu
         LogLock log_lock(*log);
         char stored[QEL_EVLOG_SHORTCUT_SIZE + 1] = {};
         memcpy(stored, log->shortcut, QEL_EVLOG_SHORTCUT_SIZE);
-        if (strcasecmp(stored, shortcut) == 0)
+        if (same_word(stored, shortcut))
             return log;
     }
     return nullptr;

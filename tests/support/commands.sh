@@ -24,7 +24,7 @@ gone() { ! kill -0 "$1" 2>/dev/null; }
 # says PATTERN...: for each a line of what the last command has printed.
 says() { local pattern; for pattern; do grep -qE -- "$pattern" /tmp/out || { cat /tmp/out; fail "no line like '$pattern'"; }; done; }
 # quietly COMMAND...: its output is shown when it fails.
-quietly() { "$@" >/tmp/out 2>&1 || { cat /tmp/out; fail "exit status $?: $*"; }; }
+quietly() { "$@" >/tmp/out 2>&1 || { local status=$?; cat /tmp/out; fail "exit status $status: $*"; }; }
 # installed BUILD-DIRECTORY PREFIX [OPTION...]: the build, for programs that are built and run from here on.
 installed() {
     quietly cmake --install "$1" --prefix "$2" "${@:3}"

@@ -22,10 +22,16 @@ for file in hello.{service,sysusers,tmpfiles,logrotate}; do [ -f "$prefix/share/
 cat >/tmp/first/CMakeLists.txt <<'CMAKE'
 cmake_minimum_required(VERSION 3.25)
 project(first C)
-find_package(libutils 1.0 REQUIRED COMPONENTS platform daemon)
+if(TREE)
+    add_subdirectory(${TREE} tree)
+else()
+    find_package(libutils 1.0 REQUIRED COMPONENTS platform daemon)
+endif()
 add_executable(first first.c)
 target_link_libraries(first PRIVATE utils::utils utils::utils-daemon)
 CMAKE
 quietly cmake -S /tmp/first -B /tmp/first/build
 quietly cmake --build /tmp/first/build
 /tmp/first/build/first
+quietly cmake -S /tmp/first -B /tmp/first/part "-DTREE=$source"
+grep -q '^UTILS_TESTS:STRING=OFF' /tmp/first/part/CMakeCache.txt || fail "as a part of another project it builds its tests"

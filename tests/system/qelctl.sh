@@ -305,7 +305,8 @@ if [ -z "$emulated" ] && ! sanitized qelctl; then
     for ((kb = 4000; kb < 16000; kb += 100)); do
         status=0
         (ulimit -v "$kb" && exec qelctl evlog --pid 4242 >/tmp/out 2>/tmp/lines) || status=$?
-        [ "$status" = 127 ] && continue # not even loaded
+        # Not even loaded: the loader refuses, or ends by what it does not check.
+        [ "$status" = 127 ] || [ "$status$(ls /tmp/limited 2>/dev/null)" = 139 ] && continue
         [ "$status $(wc -l </tmp/lines) $(cut -c -8 /tmp/lines)" = "1 1 qelctl: " ] || { cat /tmp/lines; fail "status $status with $kb kB"; }
         cat /tmp/lines >>/tmp/limited
     done

@@ -2,9 +2,11 @@
 // Counters and interval records of a set time base, and dates that files, packages and system() give.
 #include "utils/clock.h"
 
+#include <locale.h>
 #include <sys/times.h>
 
 #include "support/support.h"
+#include "utils/cla.h"
 #include "utils/platform/release.h"
 #include "utils/platform/timebase.h"
 #include "utils/ticks.h"
@@ -206,6 +208,20 @@ TEST(Clock, BootDateIsNowLessTheUptimeInWholeSeconds) {
     }
     utils_testing_release_clock(CLOCK_REALTIME);
     instead = nullptr;
+}
+
+TEST(Clock, NoLocaleChangesWhatTheSystemReads) {
+    setenv("LOCPATH", "/tmp", 1);
+    if (system("localedef -i tr_TR -f UTF-8 /tmp/tr_TR.UTF-8") != 0 ||
+        !support::passes_in_child([] { ASSERT_NE(setlocale(LC_ALL, "tr_TR.UTF-8"), nullptr); }))
+        GTEST_SKIP() << "there is no Turkish locale";
+    EXPECT_TRUE(support::passes_in_child([] {
+        setlocale(LC_ALL, "tr_TR.UTF-8");
+        char word[] = "TITLE", *words[] = {word};
+        EXPECT_EQ(clafArgPresent(1, words, "title"), 1);
+        EXPECT_EQ(clafArgPresent(1, words, "titles"), 0);
+        EXPECT_NE(dateBooted(), nullptr);
+    }));
 }
 
 TEST(Clock, PackageDatesAreTheFirstLineOfTheQuery) {
