@@ -148,6 +148,7 @@ TEST(Lst, FreeReleasesNodesAndHeaderCanBeUsedAgain) {
     for (int i = 0; i < 3; ++i)
         lstAdd(&list, static_cast<NODE *>(calloc(1, sizeof(NODE))));
     lstFree(&list);
+    EXPECT_EQ(list.tail, nullptr);
     expect_holds(list = made(), {});
 }
 
