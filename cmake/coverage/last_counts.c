@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-// Writes the counters of all libraries before a process ends by _exit(), SIGABRT or SIGSEGV. The
-// program sees no difference: where it asks for the default action of a signal, or about it, ours
-// stands in. A process that SIGKILL ends takes its counts along.
+// Writes the counters of all libraries before a process ends by _exit() or by a signal that it does
+// not handle. The program sees no difference: where it asks for the default action of a signal, or
+// about it, ours stands in. A process that SIGKILL ends takes its counts along.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>
@@ -18,7 +18,11 @@ void utils_coverage_enroll(void (*dump)(void)) {
         dumps[count++] = dump;
 }
 
+// The counters are written by the functions that a test makes fail.
 static void dump_all(void) {
+    void (*reset)(void) = (void (*)(void))dlsym(RTLD_DEFAULT, "utils_testing_reset");
+    if (reset != NULL)
+        reset();
     for (size_t i = 0; i < count; ++i)
         dumps[i]();
 }
@@ -42,8 +46,15 @@ static void dump_and_die(int number) {
     raise(number);  // it comes when this handler returns
 }
 
+// Whether a process that does not handle the signal ends by it, and may handle it.
 static int is_kept(int number) {
-    return number == SIGABRT || number == SIGSEGV;
+    static const int others[] = {SIGKILL, SIGSTOP, SIGTSTP, SIGTTIN, SIGTTOU,
+                                 SIGCHLD, SIGCONT, SIGURG,  SIGWINCH};
+    for (size_t i = 0; i < sizeof others / sizeof *others; ++i) {
+        if (number == others[i])
+            return 0;
+    }
+    return number < 32 || number >= SIGRTMIN;
 }
 
 int sigaction(int number, const struct sigaction *wanted, struct sigaction *before) {
