@@ -37,6 +37,13 @@ void _exit(int status) {
     __builtin_unreachable();
 }
 
+// The C library's restores the default action by itself.
+void abort(void) {
+    dump_all();
+    ((void (*)(void))next("abort"))();
+    __builtin_unreachable();
+}
+
 typedef int action_function(int, const struct sigaction *, struct sigaction *);
 
 static void dump_and_die(int number) {

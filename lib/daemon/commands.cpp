@@ -111,7 +111,7 @@ int run_in_loop(const daemon_command &command, int argc, char **argv, FILE *out)
     } else {
         fprintf(collected, "the daemon ends\n");
     }
-    if (fclose(collected) == 0)
+    if (fclose(collected) == 0 && text != nullptr)
         fwrite(text, 1, size, out);
     free(text);
     return job.result;

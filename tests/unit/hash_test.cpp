@@ -37,8 +37,8 @@ std::vector<Key> keys_for(hashFunction hash) {
     std::vector<Key> keys;
     for (unsigned i = 0; i < 300; ++i) {
         unsigned pid = i % 100 + 503 * (i / 100);
-        auto text =
-            std::string(hash == wwn_hash ? "\x85\0\xff" : "abc", 3) + std::to_string(10000 + i);
+        auto text = hash == wwn_hash ? std::string("\x85\0\xff", 3) + std::to_string(10000 + i)
+                                     : std::to_string(i) + std::string(i % 20, 'n');
         auto word = [&] { return reinterpret_cast<uintptr_t>(texts.emplace_back(text).data()); };
         if (hash == pid_hash)
             keys.push_back({{pid, pid}, pid % 503});
@@ -173,6 +173,19 @@ TEST(Hash, AgreesOverRandomOperationsAndEveryAllocationFailure) {
     run.operator()<pid_hash, pid_cmp>();
     run.operator()<name_hash, name_cmp>();
     run.operator()<wwn_hash, wwn_cmp>();
+}
+
+TEST(Hash, AnIndexOfMegabytesComesAndGoes) {
+    for (int refused : {0, 1}) {
+        hash_table *table = create_hash_table(pid_hash, pid_cmp);
+        utils_testing_fail_call("mmap", 1, ENOMEM, refused);
+        for (uintptr_t pid = 0; pid < 110000; ++pid)
+            ASSERT_EQ(add_to_hash(pid, pid, table), 0);
+        for (uintptr_t pid = 0; pid < 110000; ++pid)
+            ASSERT_EQ(delete_from_hash(pid, table), 0) << pid;
+        EXPECT_EQ(is_hashlist_empty(table), 1);
+        free_hash_handle(table);
+    }
 }
 
 TEST(Hash, RefusesNullsAndKeysWhoseBucketDoesNotExist) {
