@@ -161,7 +161,7 @@ void run_against_model(const std::vector<Key> &keys, hashFunction hash, hashComp
 }
 
 TEST(Hash, AgreesOverRandomOperationsAndEveryAllocationFailure) {
-    support::leaves({.blocks = 1200});  // the texts of the keys
+    support::leaves({.blocks = 1500});  // the texts of the keys
     auto run = []<hashFunction hash, hashCompare compare>() {
         std::vector<Key> keys = keys_for(hash);
         run_against_model(keys, hash, compare);

@@ -35,10 +35,10 @@ TEST(Nulls, InCommandLines) {
     int argc = 2, slot = 7, pic = 7;
     claFltrEntry table[] = {{'x', "x", clafGetInt, &slot}, {0, nullptr, nullptr, nullptr}};
     NULLS(clafArgPresent, {-7, 0}, 1, argv, "1/2");
+    NULLS(clafSlotSlashPort, {-7, 0}, 1, none, &slot);
     NULLS(clafSlotSlashPicSlashPort, {-7, 0, 0}, 1, argv, &slot, &pic);
     NULLS(claReparse, {-22, -22, 1}, 1, argv, out, 3, "/");
     EXPECT_EQ(claFltr(table, &argc, none), 0);
-    EXPECT_EQ(clafSlotSlashPort(1, none, &slot), 0);
     EXPECT_EQ(clafSlotSlashPicSlashPort(1, none, &slot, &pic), 0);
     EXPECT_EQ(claReparse(1, none, out, 3, "/"), 0);
     auto seen = [](void *, qelGetOptState *state) { return state->opt; };
@@ -113,6 +113,8 @@ TEST(Nulls, InMessagesAndTexts) {
     NULLS(qelIpcArgsDataLength, {0}, block);
     EXPECT_EQ(qelIpcSendRcv(text, 1, nullptr, &reply, nullptr), -22);
     EXPECT_EQ(qelIpcSendRcv(text, 1, block, nullptr, nullptr), -22);
+    NULLS(ipcCbQelDRedirectOutput, {-22, -22}, nullptr, 1, nullptr);
+    NULLS(ipcCbQelDExitHandler, {-22, -22}, nullptr, 1, nullptr);
     NULLS(computeIsoChksum, {}, bytes, 4, bytes);
     NULLS(get_ms_time, {0, 0}, &day, text);
     NULLS(perf_init, {}, &record);

@@ -164,7 +164,14 @@ TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
     EXPECT_EQ(utils_testing_failures(), 1);
     EXPECT_EQ(refused, nullptr);
     EXPECT_STREQ(larger, "abc");
-    free(larger);
+    auto *volatile grow = realloc;  // what a compiler would tell apart by name
+    auto *volatile grow_array = reallocarray;
+    utils_testing_fail_allocation(1, 1);
+    EXPECT_EQ(grow(larger, 8000), nullptr) << "and the block stays";
+    EXPECT_EQ(grow_array(larger, SIZE_MAX, 2), nullptr);
+    EXPECT_EQ(grow(larger, SIZE_MAX / 2), nullptr);
+    EXPECT_STREQ(larger, "abc");
+    EXPECT_EQ(grow(larger, 0), nullptr);
     EXPECT_EQ(utils_testing_live_blocks(), before);
 }
 
@@ -201,6 +208,8 @@ TEST_F(Testing, AReplacementReachesTheFunctionItself) {
     EXPECT_EQ(utils_testing_open_descriptors(), before);
     support::replace_call("time", [](time_t *) -> time_t { return 5; });
     support::replace_call("clock_gettime", [](clockid_t, timespec *) { return 7; });
+    support::replace_call("gettimeofday", [](timeval *, void *) { return 8; });
+    EXPECT_EQ(gettimeofday(&day, nullptr), 8);
     EXPECT_EQ(time(nullptr), 5);
     EXPECT_EQ(clock_gettime(CLOCK_REALTIME, &moment), 7);
     EXPECT_EQ(utils_testing_replace_call("clock", nullptr), -1);
