@@ -188,6 +188,19 @@ TEST(Hash, AnIndexOfMegabytesComesAndGoes) {
     }
 }
 
+TEST(Hash, ARecordThatAProgramHasMadeServesWithoutAnIndex) {
+    auto *own = static_cast<hash_table *>(calloc(1, sizeof(hash_table)));
+    own->buckets = static_cast<LIST *>(calloc(HASH_BUCKETS, sizeof(LIST)));
+    own->numBuckets = HASH_BUCKETS;
+    own->hashFn = pid_hash;
+    own->cmpFn = pid_cmp;
+    EXPECT_EQ(add_to_hash(7, 8, own), 0);
+    EXPECT_EQ(values_in(own, 7), Values{8});
+    free_hash_eles(own);
+    EXPECT_EQ(values_in(own, 7), Values{});
+    free_hash_handle(own);
+}
+
 TEST(Hash, RefusesNullsAndKeysWhoseBucketDoesNotExist) {
     hash_table *table = create_hash_table(pid_hash, pid_cmp), *none = nullptr, *copy = nullptr;
     uintptr_t some = 0, *out = &some, *all = &some;
