@@ -202,8 +202,8 @@ TEST(Hash, ARecordThatAProgramHasMadeServesWithoutAnIndex) {
 }
 
 TEST(Hash, RefusesNullsAndKeysWhoseBucketDoesNotExist) {
-    hash_table *table = create_hash_table(pid_hash, pid_cmp), *none = nullptr, *copy = nullptr;
-    uintptr_t some = 0, *out = &some, *all = &some;
+    hash_table *table = create_hash_table(pid_hash, pid_cmp), *none = nullptr;
+    uintptr_t some = 0, *out = &some;
     auto expect_refused = [&](uintptr_t key, hash_table *where) {
         EXPECT_EQ(add_to_hash(key, 1, where), -1);
         EXPECT_EQ(delete_from_hash(key, where), -1);
@@ -221,10 +221,7 @@ TEST(Hash, RefusesNullsAndKeysWhoseBucketDoesNotExist) {
     pthread_mutex_unlock(&table->buckets[502].lock);
     free_hash_handle(table);
     expect_refused(1, none);
-    EXPECT_EQ(get_all_headers(&all, none), 0);
-    EXPECT_EQ(all, nullptr);
     EXPECT_EQ(is_hashlist_empty(none), -1);
-    EXPECT_EQ(copy_hash_table(none, &copy), -1);
     free_hash_eles(none);
     free_hash_handle(none);
     EXPECT_EQ(create_hash_table(nullptr, pid_cmp), nullptr);

@@ -91,9 +91,8 @@ TEST(IpcArgs, AnswersBadBlocksAndDisposesOfTheirSegments) {
 
 TEST(IpcArgs, RefusesWhatCannotBeEncoded) {
     qelIpcArgBlock *block;
-    qelIpcArg pieces[2] = {{&block, 0x80000000u}, {&block, 0x80000000u}}, missing{nullptr, 4};
-    qelIpcArgs huge{pieces, 2}, hollow{&missing, 1};
-    EXPECT_EQ(qelIpcArgsEncode(&hollow, &block), -22);
+    qelIpcArg pieces[2] = {{&block, 0x80000000u}, {&block, 0x80000000u}};
+    qelIpcArgs huge{pieces, 2};
     EXPECT_EQ(qelIpcArgsEncode(&huge, &block), -12);
     encoded({}, -22);
     std::string large = words({1, 0, 0, 20, 2028}), small = words({1, 0, 0, 20, 8, 0, 0});

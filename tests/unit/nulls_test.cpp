@@ -104,9 +104,10 @@ TEST(Nulls, InMessagesAndTexts) {
     log_deleteCompressor(out);
     log_deleteDecompressor(in);
     qelIpcArg piece{text, 4};
-    qelIpcArgs args{&piece, 1}, hollow{nullptr, 1}, empty{&piece, 0};
+    qelIpcArg missing{nullptr, 4};
+    qelIpcArgs args{&piece, 1}, hollow{nullptr, 1}, empty{&piece, 0}, lacking{&missing, 1};
     qelIpcArgBlock *block = nullptr, *reply = nullptr;
-    for (qelIpcArgs *wrong : {&hollow, &empty})
+    for (qelIpcArgs *wrong : {&hollow, &empty, &lacking})
         EXPECT_EQ(qelIpcArgsEncode(wrong, &block), -22);
     NULLS(qelIpcArgsEncode, {-22, -22}, &args, &block);
     NULLS(qelIpcArgsData, {nullptr}, block);
