@@ -113,7 +113,7 @@ TEST_F(Testing, EachFormFailsWithItsFunction) {
             ++forms;
         }
     }
-    EXPECT_GT(forms, 100);
+    EXPECT_GT(forms, 70);
 }
 
 TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
@@ -164,6 +164,9 @@ TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
     EXPECT_EQ(utils_testing_failures(), 1);
     EXPECT_EQ(refused, nullptr);
     EXPECT_STREQ(larger, "abc");
+#ifdef __SANITIZE_THREAD__  // ends the process for it, and counts otherwise
+    free(larger);
+#else
     auto *volatile grow = realloc;  // what a compiler would tell apart by name
     auto *volatile grow_array = reallocarray;
     utils_testing_fail_allocation(1, 1);
@@ -172,6 +175,7 @@ TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
     EXPECT_EQ(grow(larger, SIZE_MAX / 2), nullptr);
     EXPECT_STREQ(larger, "abc");
     EXPECT_EQ(grow(larger, 0), nullptr);
+#endif
     EXPECT_EQ(utils_testing_live_blocks(), before);
 }
 
