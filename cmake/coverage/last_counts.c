@@ -1,11 +1,13 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-// Writes the counters of all libraries before a process ends by _exit(), SIGABRT or SIGSEGV. The
-// program sees no difference: where it asks for the default action of a signal, or about it, ours
-// stands in. A process that SIGKILL ends takes its counts along.
+// Writes the counters of all libraries before a process ends by _exit() or by a signal that it does
+// not handle. The program sees no difference: where it asks for the default action of a signal, or
+// about it, ours stands in. Before SIGKILL a child is asked to write its counters; one that is killed
+// by another process takes its counts along.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>
 #include <stddef.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 enum { MOST = 8 };
@@ -18,7 +20,11 @@ void utils_coverage_enroll(void (*dump)(void)) {
         dumps[count++] = dump;
 }
 
+// The counters are written by the functions that a test makes fail.
 static void dump_all(void) {
+    void (*reset)(void) = (void (*)(void))dlsym(RTLD_DEFAULT, "utils_testing_reset");
+    if (reset != NULL)
+        reset();
     for (size_t i = 0; i < count; ++i)
         dumps[i]();
 }
@@ -33,6 +39,36 @@ void _exit(int status) {
     __builtin_unreachable();
 }
 
+// The C library's restores the default action by itself.
+void abort(void) {
+    dump_all();
+    ((void (*)(void))next("abort"))();
+    __builtin_unreachable();
+}
+
+// Stops the process, for its parent to see that it is done.
+static void dump_and_stop(int number) {
+    (void)number;
+    dump_all();
+    raise(SIGSTOP);
+}
+
+int kill(pid_t pid, int number) {
+    int (*next_kill)(pid_t, int) = (int (*)(pid_t, int))next("kill");
+    if (number == SIGKILL && pid == getpid())
+        dump_all();
+    if (number == SIGKILL && pid > 0 && pid != getpid()) {
+        siginfo_t seen = {.si_pid = 0};
+        next_kill(pid, SIGRTMAX);
+        for (int i = 0; i < 500 && seen.si_pid == 0; ++i) {
+            if (waitid(P_PID, (id_t)pid, &seen, WSTOPPED | WEXITED | WNOHANG | WNOWAIT) != 0)
+                break;
+            usleep(1000);
+        }
+    }
+    return next_kill(pid, number);
+}
+
 typedef int action_function(int, const struct sigaction *, struct sigaction *);
 
 static void dump_and_die(int number) {
@@ -42,16 +78,26 @@ static void dump_and_die(int number) {
     raise(number);  // it comes when this handler returns
 }
 
+// Whether a process that does not handle the signal ends by it, and may handle it.
 static int is_kept(int number) {
-    return number == SIGABRT || number == SIGSEGV;
+    static const int others[] = {SIGKILL, SIGSTOP, SIGTSTP, SIGTTIN, SIGTTOU,
+                                 SIGCHLD, SIGCONT, SIGURG,  SIGWINCH};
+    for (size_t i = 0; i < sizeof others / sizeof *others; ++i) {
+        if (number == others[i])
+            return 0;
+    }
+    return number < 32 || number >= SIGRTMIN;
 }
 
 int sigaction(int number, const struct sigaction *wanted, struct sigaction *before) {
     struct sigaction ours = {.sa_handler = dump_and_die};
+    if (number == SIGRTMAX)
+        wanted = NULL;
     if (wanted != NULL && is_kept(number) && wanted->sa_handler == SIG_DFL)
         wanted = &ours;
     int result = ((action_function *)next("sigaction"))(number, wanted, before);
-    if (result == 0 && before != NULL && before->sa_handler == dump_and_die)
+    if (result == 0 && before != NULL &&
+        (before->sa_handler == dump_and_die || before->sa_handler == dump_and_stop))
         before->sa_handler = SIG_DFL;
     return result;
 }
@@ -67,4 +113,6 @@ __attribute__((constructor)) static void begin(void) {
         if (is_kept(number) && sigaction(number, NULL, &now) == 0 && now.sa_handler == SIG_DFL)
             sigaction(number, &now, NULL);
     }
+    struct sigaction stop = {.sa_handler = dump_and_stop, .sa_flags = SA_RESTART};
+    ((action_function *)next("sigaction"))(SIGRTMAX, &stop, NULL);
 }

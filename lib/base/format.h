@@ -94,13 +94,6 @@ inline int format_simply(char *to, size_t last, const char *format, va_list *val
         length += n;
     };
     while (*format != '\0') {
-#ifdef VAR1
-        const char *literal = format;
-        format = strchrnul(format, '%');
-        put(literal, static_cast<size_t>(format - literal));
-        if (*format == '\0')
-            break;
-#else
         if (*format != '%') {
             if (length < last)
                 to[length] = *format;
@@ -108,7 +101,6 @@ inline int format_simply(char *to, size_t last, const char *format, va_list *val
             ++format;
             continue;
         }
-#endif
         Directive directive;
         format = directive.parse(format + 1);
         if (!directive.take(values))

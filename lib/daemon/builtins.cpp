@@ -56,7 +56,7 @@ int print_collected(FILE *out, Print print) {
     if (collected == nullptr)
         return fprintf(out, "out of memory\n"), 1;
     print(collected);
-    bool whole = fclose(collected) == 0;
+    bool whole = fclose(collected) == 0 && text != nullptr;  // its memory may run out at the end
     if (whole)
         fwrite(text, 1, size, out);
     free(text);

@@ -63,21 +63,19 @@ int refuse_second(int lock) {
     return DAEMON_REFUSED;
 }
 
-bool set_address(sockaddr_un &address) {
-    address = {};
+// With the longest name, switch and kind.
+static_assert(sizeof DAEMON_FILE_FORMAT + DAEMON_NAME_MAX + 3 + 4 <= sizeof(sockaddr_un::sun_path));
+
+sockaddr_un socket_address() {
+    sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    errno = ENAMETOOLONG;
-    if (strlen(socket_path) >= sizeof address.sun_path)
-        return false;
     memcpy(address.sun_path, socket_path, strlen(socket_path));
-    return true;
+    return address;
 }
 
 // A daemon that is written without the companion holds no lock, but may answer.
 bool is_answered() {
-    sockaddr_un address;
-    if (!set_address(address))
-        return false;
+    sockaddr_un address = socket_address();
     Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return probe &&
            (connect(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ||
@@ -114,9 +112,7 @@ bool write_pid_file() {
 int open_command_socket() {
     if (!Descriptor(open_trusted_directory(AT_FDCWD, DAEMON_DIRECTORY, 0)))
         return -1;
-    sockaddr_un address;
-    if (!set_address(address))
-        return -1;
+    sockaddr_un address = socket_address();
     Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     // The file takes the socket's mode, so that it is the owner's alone from the first moment.
     if (!listener || fchmod(listener.get(), 0600) != 0)

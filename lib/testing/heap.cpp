@@ -40,6 +40,7 @@ NEXT(posix_memalign)
 alignas(std::max_align_t) char arena[4096];
 std::atomic<size_t> arena_used{0};
 
+// GCOVR_EXCL_START: for a C library whose dlsym() needs memory
 void *from_arena(size_t size) {
     constexpr size_t kUnit = alignof(std::max_align_t);
     if (size > sizeof arena)
@@ -47,6 +48,7 @@ void *from_arena(size_t size) {
     size_t at = arena_used.fetch_add((size + kUnit - 1) / kUnit * kUnit, kRelaxed);
     return at + size <= sizeof arena ? arena + at : nullptr;
 }
+// GCOVR_EXCL_STOP
 
 bool is_in_arena(const void *block) {
     return reinterpret_cast<uintptr_t>(block) - reinterpret_cast<uintptr_t>(arena) < sizeof arena;
@@ -76,8 +78,8 @@ void *counted(void *block) {
 }
 
 void *plain(size_t size) {
-    if (is_needed_first(next_malloc))
-        return from_arena(size);
+    if (is_needed_first(next_malloc))  // GCOVR_EXCL_LINE: as above
+        return from_arena(size);       // GCOVR_EXCL_LINE
     return counted(real<void *(size_t)>(next_malloc)(size));
 }
 
@@ -105,9 +107,11 @@ void *moved(void *old, size_t size) {
 __attribute__((constructor)) void count_by_hooks() {
     if (__sanitizer_install_malloc_and_free_hooks == nullptr)
         return;
+    // GCOVR_EXCL_START: beside a sanitizer
     __sanitizer_install_malloc_and_free_hooks(
         [](const volatile void *, size_t) { live.fetch_add(1, kRelaxed); },
         [](const volatile void *) { live.fetch_sub(1, kRelaxed); });
+    // GCOVR_EXCL_STOP
 }
 
 }  // namespace
@@ -125,10 +129,12 @@ HEAP(malloc, void *, (size_t size)) {
 }
 
 HEAP(calloc, void *, (size_t count, size_t size)) {
+    // GCOVR_EXCL_START: as in from_arena()
     if (is_needed_first(next_calloc)) {
         size_t bytes = 0;
         return __builtin_mul_overflow(count, size, &bytes) ? nullptr : from_arena(bytes);
     }
+    // GCOVR_EXCL_STOP
     return is_refused() ? nullptr : counted(real<void *(size_t, size_t)>(next_calloc)(count, size));
 }
 
@@ -178,19 +184,25 @@ EXPORTED int utils_testing_live_blocks(void) {
 }
 
 EXPORTED void *utils_testing_malloc(size_t size) {
-    if (__interceptor_malloc == nullptr)
-        return taken_malloc(size);
-    return is_refused() ? nullptr : __interceptor_malloc(size);
+    // GCOVR_EXCL_START: beside a sanitizer
+    if (__interceptor_malloc != nullptr)
+        return is_refused() ? nullptr : __interceptor_malloc(size);
+    // GCOVR_EXCL_STOP
+    return taken_malloc(size);
 }
 
 EXPORTED void *utils_testing_calloc(size_t count, size_t size) {
-    if (__interceptor_calloc == nullptr)
-        return taken_calloc(count, size);
-    return is_refused() ? nullptr : __interceptor_calloc(count, size);
+    // GCOVR_EXCL_START: beside a sanitizer
+    if (__interceptor_calloc != nullptr)
+        return is_refused() ? nullptr : __interceptor_calloc(count, size);
+    // GCOVR_EXCL_STOP
+    return taken_calloc(count, size);
 }
 
 EXPORTED void *utils_testing_realloc(void *block, size_t size) {
-    if (__interceptor_realloc == nullptr)
-        return taken_realloc(block, size);
-    return is_refused() ? nullptr : __interceptor_realloc(block, size);
+    // GCOVR_EXCL_START: beside a sanitizer
+    if (__interceptor_realloc != nullptr)
+        return is_refused() ? nullptr : __interceptor_realloc(block, size);
+    // GCOVR_EXCL_STOP
+    return taken_realloc(block, size);
 }

@@ -71,6 +71,51 @@ inline void *no_address(int error) {
     return reinterpret_cast<void *>(-1);
 }
 
+// A call of a form: it fails, goes to the replacement, or on to the definition behind ours.
+template <auto failed, typename Function>
+struct Call;
+
+template <auto failed, typename Result, typename... Parameters>
+struct Call<failed, Result(Parameters...)> {
+    Taken &taken;
+    Next &next;
+
+    Result operator()(Parameters... arguments) const {
+        using Function = Result(Parameters...);
+        const Verdict verdict = judge(taken);
+        if (verdict.error != 0)
+            return failed(verdict.error);
+        if (verdict.instead != nullptr) {
+            Passing passing;
+            return reinterpret_cast<Function *>(verdict.instead)(arguments...);
+        }
+        auto *function = reinterpret_cast<Function *>(next.find());
+        return function != nullptr ? function(arguments...) : failed(ENOSYS);
+    }
+};
+
+// A call that ends what it is given, also when it fails.
+template <typename Function>
+struct Last;
+
+template <typename Result, typename Parameter>
+struct Last<Result(Parameter)> {
+    Taken &taken;
+    Next &next;
+
+    Result operator()(Parameter ended) const {
+        const Verdict verdict = judge(taken);
+        auto *instead = reinterpret_cast<Result (*)(Parameter)>(verdict.instead);
+        auto *function = reinterpret_cast<Result (*)(Parameter)>(next.find());
+        if (instead == nullptr) {
+            Result result = function(ended);
+            return verdict.error != 0 ? minus_one(verdict.error) : result;
+        }
+        Passing passing;
+        return instead(ended);
+    }
+};
+
 void reset_clocks();
 size_t shortened(int descriptor, size_t size);
 
@@ -92,41 +137,23 @@ size_t shortened(int descriptor, size_t size);
 // FORM(name, symbol, failed, Result, (parameters), (arguments)): one form of the function. By
 // assembler names, since headers may declare it otherwise, give its name to another form, or make a
 // macro of it, which no macro in between may expand.
-#define FORM(name, symbol, failed, Result, parameters, arguments)           \
-    static constinit Next next_##symbol{#symbol};                           \
-    LISTED(Next, next_##symbol, "utils_next")                               \
-    extern "C" __attribute__((visibility("default")))                       \
-    Result taken_##symbol parameters __asm__(#symbol);                      \
-    Result taken_##symbol parameters {                                      \
-        using Function = Result parameters;                                 \
-        const Verdict verdict = judge(record_##name);                       \
-        if (verdict.error != 0)                                             \
-            return failed(verdict.error);                                   \
-        if (verdict.instead != nullptr) {                                   \
-            Passing passing;                                                \
-            return reinterpret_cast<Function *>(verdict.instead) arguments; \
-        }                                                                   \
-        auto *next = reinterpret_cast<Function *>(next_##symbol.find());    \
-        return next != nullptr ? next arguments : failed(ENOSYS);           \
+#define FORM(name, symbol, failed, Result, parameters, arguments)                       \
+    static constinit Next next_##symbol{#symbol};                                       \
+    LISTED(Next, next_##symbol, "utils_next")                                           \
+    extern "C" __attribute__((visibility("default")))                                   \
+    Result taken_##symbol parameters __asm__(#symbol);                                  \
+    Result taken_##symbol parameters {                                                  \
+        return Call<failed, Result parameters>{record_##name, next_##symbol} arguments; \
     }
 
 // ENDING(name, Result, (parameters), (arguments)): a function that ends what it is given, also when it fails with -1.
-#define ENDING(name, Result, parameters, arguments)                        \
-    RECORD(name)                                                           \
-    NEXT(name)                                                             \
-    extern "C" __attribute__((visibility("default")))                      \
-    Result taken_##name parameters __asm__(#name);                         \
-    Result taken_##name parameters {                                       \
-        using Function = Result parameters;                                \
-        const Verdict verdict = judge(record_##name);                      \
-        auto *instead = reinterpret_cast<Function *>(verdict.instead);     \
-        auto *next = reinterpret_cast<Function *>(next_##name.find());     \
-        if (instead == nullptr) {                                          \
-            Result result = next arguments;                                \
-            return verdict.error != 0 ? minus_one(verdict.error) : result; \
-        }                                                                  \
-        Passing passing;                                                   \
-        return instead arguments;                                          \
+#define ENDING(name, Result, parameters, arguments)                           \
+    RECORD(name)                                                              \
+    NEXT(name)                                                                \
+    extern "C" __attribute__((visibility("default")))                         \
+    Result taken_##name parameters __asm__(#name);                            \
+    Result taken_##name parameters {                                          \
+        return Last<Result parameters>{record_##name, next_##name} arguments; \
     }
 
 // CALL(name, failed, Result, (parameters), (arguments)): a function of one form.

@@ -52,9 +52,9 @@ class FletcherWords {
     void total(FletcherSums *sums) const {
         for (unsigned lane = 0; lane < kBytes / 2; ++lane) {
             // Where the lane's bytes stand in a word of memory.
-            bool little = std::endian::native == std::endian::little;
-            unsigned even_at = little ? 2 * lane : kBytes - 1 - 2 * lane;
-            unsigned odd_at = little ? even_at + 1 : even_at - 1;
+            constexpr bool kLittle = std::endian::native == std::endian::little;
+            unsigned even_at = kLittle ? 2 * lane : kBytes - 1 - 2 * lane;
+            unsigned odd_at = kLittle ? even_at + 1 : even_at - 1;
             uint32_t even = at(even_, lane);
             uint32_t odd = at(odd_, lane);
             uint32_t counted = at(even_sums_, lane) + at(odd_sums_, lane);

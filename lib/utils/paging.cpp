@@ -28,25 +28,6 @@ constexpr int kDefaultUnits = 256;
 
 std::atomic<bool> paging_off{false};
 
-// The unit of `width` bytes at `from`, in the machine's byte order;
-// 0 for a width that is no word's.
-uint32_t load_unit(const unsigned char *from, int width) {
-    uint16_t half = 0;
-    uint32_t word = 0;
-    switch (width) {
-        case 1:
-            return *from;
-        case sizeof half:
-            memcpy(&half, from, sizeof half);
-            return half;
-        case sizeof word:
-            memcpy(&word, from, sizeof word);
-            return word;
-        default:
-            return 0;
-    }
-}
-
 // A dump's line is made in one piece: address, units of up to 16 bytes and characters.
 constexpr size_t kLineRoom = 128;
 
@@ -130,12 +111,14 @@ class Characters {
 
 // One line of printMem(): up to 16 bytes, a multiple of 4.
 void print_word_line(const unsigned char *bytes, int count) {
-    constexpr int kWordBytes = 4;
-    for (int at = 0; at < kLineBytes; at += kWordBytes) {
-        if (at < count)
-            printf("%.8x ", load_unit(bytes + at, kWordBytes));
-        else
+    uint32_t word = 0;  // in the machine's byte order
+    for (int at = 0; at < kLineBytes; at += static_cast<int>(sizeof word)) {
+        if (at < count) {
+            memcpy(&word, bytes + at, sizeof word);
+            printf("%.8x ", word);
+        } else {
             printf("%9s", "");
+        }
     }
     char text[kLineBytes];
     for (int at = 0; at < count; ++at)

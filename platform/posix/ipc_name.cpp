@@ -100,8 +100,11 @@ int listen_at(const sockaddr_un &path) {
         if (bind(fd.get(), name, sizeof path) != 0)
             return -errno;
     }
-    if (listen(fd.get(), kBacklog) != 0)
-        return -errno;
+    if (listen(fd.get(), kBacklog) != 0) {
+        int error = errno;
+        unlink(path.sun_path);
+        return -error;
+    }
     return fd.release();
 }
 

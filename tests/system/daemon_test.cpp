@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // libutils-daemon from the inside: the loop, requests, commands and the ends of a daemon, each in a
 // process of its own.
+#include <sys/file.h>
 #include <sys/syscall.h>
 
 #include <set>
@@ -28,6 +29,12 @@ struct Companion : testing::Test {
     const std::string commands = "/run/korin/served.0.cmd";
 
     Companion() { table.name = "served"; }
+    void TearDown() override {
+        if (process != nullptr) {
+            kill(process->pid(), SIGTERM);
+            EXPECT_EQ(process->ending(), 0);
+        }
+    }
     void start(const std::function<void()> &before = [] {}) {
         process = std::make_unique<Process>([&](auto &ready) {
             before();
@@ -45,11 +52,12 @@ struct Companion : testing::Test {
         });
         EXPECT_TRUE(process->is_ready());
     }
-    void start_with(const daemon_command &command) {
+    void start_with(
+        const daemon_command &command, const std::function<void()> &before = [] {}) {
         static daemon_command list[2];
         list[0] = command;
         table.commands = list;
-        start();
+        start(before);
     }
     std::string told(const std::vector<std::string> &words) {
         return send_command(command_message(words), commands);
@@ -119,6 +127,15 @@ TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         EXPECT_EQ(seen.deferred, 1);
         EXPECT_EQ(daemon_watch(open("/dev/null", O_RDONLY | O_CLOEXEC), 8, on_pipe, nullptr), -22);
         EXPECT_EQ(daemon_defer([](void *) {}, nullptr), -11);
+        EXPECT_EQ(daemon_defer(nullptr, nullptr), -22);
+        EXPECT_EQ(daemon_watch(0, DAEMON_READABLE, nullptr, nullptr), -22);
+        EXPECT_EQ(daemon_watch(-1, DAEMON_READABLE, on_pipe, nullptr), -EBADF);
+        EXPECT_EQ(daemon_watch(seen.ends[1][0], DAEMON_WRITABLE, on_pipe, nullptr), 0) << "again";
+        EXPECT_EQ(daemon_unwatch(1000), UTILS_ENOENT);
+        EXPECT_EQ(daemon_add_queue(nullptr), -22);
+        EXPECT_EQ(daemon_add_timer(nullptr, "timer"), -22);
+        EXPECT_EQ(daemon_guard_thread(), 0) << "again";
+        EXPECT_EQ(daemon_step(0), 1);
     };
     EXPECT_TRUE(passes_in_child([&] {
         EXPECT_EQ(run(table), 7);
@@ -152,10 +169,74 @@ TEST_F(Companion, WrongCommandLinesAndRefusalsEndWithTheirStatus) {
         EXPECT_EQ(ending.status, one.status) << testing::PrintToString(one.words);
         EXPECT_THAT(ending.err, testing::HasSubstr(one.text));
     }
+    daemon_table nameless{}, dotted{}, fat = table;
+    dotted.name = "a.b";
+    fat.message_size = MSGQ_LENGTH_MAX + 1;
+    for (const auto *wrong : {&nameless, &dotted, &fat})
+        EXPECT_EQ(in_child([&] { return run(*wrong); }).status, 1);
+    fat.message_size = 0;
+    fat.start = [](void *) {
+        utils_testing_fail_allocation(2, UTILS_TESTING_ONCE);  // that of the loop's wake
+        return daemon_defer([](void *) { daemon_stop(6); }, nullptr);
+    };
+    EXPECT_EQ(in_child([&] { return daemon_close(), run(fat); }).status, 6);
+    fat.start = nullptr;
+    EXPECT_EQ(in_child([&] { return daemon_stop(7), run(fat); }).status, 7) << "asked early";
+    int argc = 0;
+    EXPECT_EQ(in_child([&] { return daemon_open(nullptr, &argc, nullptr); }).status, 1);
+    int other = stream_at(commands, SOCK_STREAM, bind);
+    listen(other, 1);
+    EXPECT_EQ(in_child([&] { return run(table); }).status, 1) << "beside one without the library";
+    EXPECT_EQ(unlink(commands.c_str()), 0);
+    close(other);
+}
+
+TEST_F(Companion, ALoopThatHangsIsEndedInTime) {
+    auto hang = [](int, char **, FILE *) -> int {
+        for (;; usleep(1000)) {
+            daemon_stop(0);
+            utils_testing_advance_clock(CLOCK_MONOTONIC, kSecond);
+        }
+    };
+    start_with({"hang", nullptr, "", hang, DAEMON_IN_LOOP});
+    told({"hang"});
+    EXPECT_EQ(WEXITSTATUS(process->ending()), 1);
+    EXPECT_EQ(access(commands.c_str(), F_OK), -1);
+    process.reset();
+}
+
+TEST_F(Companion, TellsItsManagerAndMakesOneReportAtATime) {
+    sockaddr_un name{AF_UNIX, "\0managed"};
+    int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&name), 10), 0);
+    start_with({"stats", nullptr, "", daemon_cmd_stats, 0}, [] {
+        setenv("NOTIFY_SOCKET", "@managed", 1);
+        setenv("WATCHDOG_USEC", "1", 1);
+    });
+    int report = open("/var/log/serviceStat.sw0", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    flock(report, LOCK_EX);
+    std::atomic<int> refused{0};
+    in_threads(2, [&](int) {
+        if (told({"stats"}) == "another report is being written\n")
+            ++refused, flock(report, LOCK_UN);
+    });
+    EXPECT_EQ(refused, 1);
+    close(report);
+    std::string texts;
+    for (char text[100]; texts.find("STOPPING=1") == std::string::npos;) {
+        ssize_t n = recv(manager, text, sizeof text, 0);
+        texts.append(text, n > 0 ? static_cast<size_t>(n) : 0) += '\n';
+        if (texts.find("WATCHDOG=1\nWATCHDOG=1\n") != std::string::npos)
+            kill(process->pid(), SIGTERM);
+    }
+    EXPECT_THAT(texts, testing::StartsWith("READY=1\n"));
+    close(manager);
 }
 
 TEST_F(Companion, TheSixteenthLogIsRefusedOnceAndNeverHangs) {
     table.start = [](void *) {
+        for (int entries : {0, QEL_EVLOG_MAX_ENTRIES + 1})
+            EXPECT_EQ(daemon_new_log(entries, "log", "log"), nullptr);
         for (int i = 0; i < 17; ++i)
             EXPECT_EQ(daemon_new_log(1, "log", "log") != nullptr, i < 15) << i;
         EXPECT_EQ(daemon_cmd_events(0, nullptr, stdout), 1);
@@ -178,7 +259,8 @@ TEST_F(Companion, CommandsRunWhereTheTableSaysAndResultsWaitForTheirClient) {
                                                {"out", nullptr, "", tell_thread, 0},
                                                {nullptr, nullptr, nullptr, nullptr, 0}};
     table.commands = kCommands;
-    start();
+    start([] { signal(SIGHUP, SIG_IGN); });
+    kill(process->pid(), SIGHUP);  // as under nohup(1)
     EXPECT_EQ(told({"in", "x"}), "1");
     EXPECT_TRUE(passes_in_child([&] {
         EXPECT_EQ(told({"out"}), "0");
@@ -187,9 +269,11 @@ TEST_F(Companion, CommandsRunWhereTheTableSaysAndResultsWaitForTheirClient) {
     EXPECT_EQ(told({"result"}), "42\n");
     EXPECT_EQ(told({"result"}), "0\n");
     EXPECT_EQ(told({"nothing"}), "unknown command; try help\n");
+    int silent = stream_at(commands, SOCK_STREAM, connect);
     EXPECT_EQ(told({}), "unknown command; try help\n");
     kill(process->pid(), SIGTERM);
-    EXPECT_EQ(process->ending(), 0);
+    EXPECT_EQ(process->ending(), 0) << "beside a client that has yet to ask";
+    close(silent);
 }
 
 TEST_F(Companion, StrangersAreNotHeard) {
@@ -226,7 +310,8 @@ int32_t add_up(const void *data, uint32_t length, void *reply, uint32_t *reply_l
 
 TEST_F(Companion, RequestsComeWithinTheirBounds) {
     support::leaves({.descriptors = 1});  // the kept connection
-    static const daemon_request kRequests[] = {{0x4500, 8, 3000, add_up, nullptr},
+    static const daemon_request kRequests[] = {{0x4501, 0, 8, add_up, nullptr},
+                                               {0x4500, 8, 3000, add_up, nullptr},
                                                {0, 0, 0, nullptr, nullptr}};
     table.requests = kRequests;
     start();
@@ -237,18 +322,27 @@ TEST_F(Companion, RequestsComeWithinTheirBounds) {
         size_t size;
         char fill;
         int32_t answer;
-    } cases[] = {{0x4500, 4, 1, UTILS_EINVAL},
-                 {0x4500, 8, 1, text},
-                 {0x4500, 12, 1, 12},
-                 {0x4500, 3000, 1, 3000},  // in shared memory
-                 {0x4500, 3004, 1, UTILS_EINVAL},
-                 {IPC_CODE_EXIT, 4, 9, UTILS_EINVAL}};
+    } cases[] = {
+        {0x4500, 4, 1, UTILS_EINVAL},    {0x4500, 8, 1, text}, {0x4500, 12, 1, 12},
+        {0x4500, 3000, 1, 3000},  // in shared memory
+        {0x4500, 3004, 1, UTILS_EINVAL}, {0x4501, 0, 1, 0},    {IPC_CODE_EXIT, 4, 9, UTILS_EINVAL}};
     for (auto &one : cases)
         EXPECT_EQ(ask(one.code, std::string(one.size, one.fill), kLong, "served").second,
                   one.answer)
             << one.size;
+    for (int code : {0x4500, static_cast<int>(IPC_CODE_EXIT)}) {
+        ipc_address to = testd("served");
+        int32_t word = 0;
+        uint32_t length = sizeof word;
+        EXPECT_EQ(ipcSendRcv(&to, code, "no block", 8, &word, &length, kLong), 0);
+        EXPECT_EQ(word, UTILS_EINVAL);
+    }
     EXPECT_EQ(qelDExitRequest("served", IPC_CODE_EXIT, QELD_EXIT_NORMAL), 0);
     EXPECT_EQ(process->ending(), 0);
+    start();
+    qelDExitRequest("served", IPC_CODE_EXIT, QELD_EXIT_ABORT);
+    EXPECT_EQ(WTERMSIG(process->ending()), SIGABRT);
+    process.reset();
 }
 
 TEST_F(Companion, AForkedChildRemovesNothing) {
@@ -285,6 +379,124 @@ TEST_F(Companion, AnOverflownStackLeavesNoSocket) {
     EXPECT_EQ(access(commands.c_str(), F_OK), -1);
     EXPECT_EQ(access("/var/run/served.0.pid", F_OK), -1);
     EXPECT_EQ(access("/run/korin/served.0.lock", F_OK), 0);
+    process.reset();
+}
+
+const struct {
+    int error;
+    std::vector<const char *> functions;
+} kFaults[] = {
+    {ENOMEM, {"malloc", "open_memstream", "mmap", "pthread_mutex_init", "pthread_cond_init"}},
+    {EMFILE, {"socket", "open", "openat", "eventfd", "accept4", "fopen", "opendir"}},
+    {EACCES, {"bind", "listen", "fchmod", "fcntl", "fstat", "lstat", "getsockopt", "unlink"}},
+    {EAGAIN, {"pthread_create", "connect"}},
+    {EINTR, {"poll", "read", "recv", "accept4"}},
+    {ENOSPC, {"fclose", "ftruncate"}},
+};
+
+// What is asked of the daemon, and a part of its answer.
+const std::pair<std::vector<std::string>, const char *> kQuestions[] = {
+    {{"version"}, "served\n"},
+    {{"queues"}, "extra"},
+    {{"timers"}, "idle                    idle     -\n"},
+    {{"logs"}, "command timers"},
+    {{"logs", "cache"}, ""},
+    {{"logs", "none"}, "no log none\n"},
+    {{"memory"}, "Descriptors:"},
+    {{"stats"}, "appended to /var/log/serviceStat.sw0\n"},
+    {{"in", "x"}, "1"},
+    {{"result"}, "42\n"}};
+
+// Uses what a start function may; what fails is done without.
+void use_everything() {
+    static int ends[2];
+    [[maybe_unused]] static timerHandle idle;
+    auto nothing = [](uintptr_t, uintptr_t) {};
+    auto once = [](int fd, uint32_t, void *) { daemon_unwatch(fd); };
+    daemon_new_queue(2, 8, "extra");
+    idle = daemon_new_timer("idle", 0, nothing, 0, 0);
+    if (timerHandle gone = daemon_new_timer("gone", 0, nothing, 0, 0); gone != nullptr)
+        daemon_delete_timer(gone);
+    if (pipe2(ends, O_CLOEXEC) == 0)
+        daemon_watch(ends[1], DAEMON_WRITABLE, once, nullptr);
+    const char message[TIMER_MESSAGE_LENGTH] = {77};
+    msgQSend(daemon_queue(), message, sizeof message);
+    daemon_step(0);
+    daemon_status("line\nfeed");
+}
+
+TEST_F(Companion, RefusesToStartOrGoesOnWhateverFails) {
+    static qel_evlog_handle *log = nullptr;
+    static const daemon_log kLogs[] = {{"log", "l", 5, &log, DAEMON_LOG_COMMANDS},
+                                       {"plain", "p", 5, nullptr, DAEMON_LOG_COMMANDS},
+                                       {nullptr, nullptr, 0, nullptr, 0}};
+    static const daemon_command kCommands[] = {
+        {"in", nullptr, nullptr, tell_thread, DAEMON_IN_LOOP},
+        {"stats", "", "", daemon_cmd_stats, 0},
+        {nullptr, nullptr, nullptr, nullptr, 0}};
+    static const daemon_request kRequests[] = {{0x4501, 8, 8, add_up, nullptr},
+                                               {0x4500, 8, 8, add_up, nullptr},
+                                               {0, 0, 0, nullptr, nullptr}};
+    support::leaves({.descriptors = 1});  // the kept connection
+    table.logs = kLogs;
+    table.commands = kCommands;
+    table.requests = kRequests;
+    setenv("NOTIFY_SOCKET", "/nobody", 1);
+    setenv("WATCHDOG_USEC", "8000000000", 1);
+#ifdef UTILS_TESTING_SANITIZED
+    const int step = 9;  // a process takes its time there
+#else
+    const int step = support::emulated() ? 9 : 1;
+#endif
+    int points = 0;
+    auto survives = [&](const char *function, int error, int nth) {
+        Process daemon([&](auto &ready) -> int {
+            char program[] = "test", *argv[] = {program, nullptr};
+            int argc = 1;
+            alarm(20);
+#ifdef UTILS_TESTING_SANITIZED
+            utils_testing_this_thread_only(1);  // a thread's start is not to fail beside it
+#endif
+            utils_testing_fail_call(function, nth, error, 1);
+            int status = daemon_open(&table, &argc, argv);
+            if (status == 0)
+                use_everything();
+            if (status == 0)
+                status = daemon_ready();
+            if (status == 0) {
+                ready();
+                status = daemon_loop();
+                daemon_close();
+            }
+            status = utils_testing_failures() == 0 ? 50 : status;
+            utils_testing_reset();
+            exit(status);
+        });
+        std::vector<std::string> answers;
+        for (auto &[words, part] : kQuestions)
+            answers.push_back(daemon.is_ready() ? told(words) : "");
+        if (daemon.is_ready())
+            ask(0x4500, std::string(8, 1), kLong, "served");
+        kill(daemon.pid(), SIGTERM);
+        int status =
+            WIFEXITED(daemon.ending()) ? WEXITSTATUS(daemon.ending()) : -WTERMSIG(daemon.ending());
+        for (size_t i = 0; status == 50 && i < answers.size(); ++i)
+            EXPECT_THAT(answers[i], testing::HasSubstr(kQuestions[i].second));
+        if (status == 50)
+            return false;
+        EXPECT_EQ(status, daemon.is_ready() ? 0 : 1) << function << " " << nth;
+        for (auto &file : std::filesystem::directory_iterator("/run/korin"))
+            EXPECT_TRUE(file.path().extension() == ".lock" || function[0] == 'u') << file << nth;
+        EXPECT_EQ(read_file("/var/run/served.0.pid"), "");
+        return ++points > 0;
+    };
+    for (auto &[error, functions] : kFaults) {
+        for (const char *function : functions) {
+            for (int nth = 1; survives(function, error, nth); nth += step)
+                continue;
+        }
+    }
+    printf("daemon: %d points\n", points);
 }
 
 }  // namespace

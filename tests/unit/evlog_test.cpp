@@ -171,7 +171,6 @@ TEST(EvlogArguments, NullAndForeignOnesAreRefused) {
     }
     EXPECT_EQ(qel_evlog_init(nullptr), -22);
     EXPECT_EQ(qel_evlog_free(nullptr), -22);
-    EXPECT_EQ(qel_evlog_dbInsert(&db, nullptr), -22);
 }
 
 TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {

@@ -22,9 +22,11 @@ const struct {
     {EINTR,
      {"fcntl", "select", "poll", "open", "read", "write", "posix_fallocate", "connect", "accept4",
       "recv", "send", "recvmsg", "dup2", "flock", "getrandom", "close"}},
-    {ENOMEM, {"malloc", "poll", "mmap", "shmget", "shmat", "pthread_cond_init", "popen", "fdopen"}},
+    {ENOMEM,
+     {"malloc", "poll", "mmap", "shmget", "shmat", "pthread_cond_init", "pthread_condattr_init",
+      "popen", "fdopen"}},
 #ifndef __SANITIZE_THREAD__  // knows no mutex where another one stood
-    {ENOMEM, {"pthread_mutex_init"}},
+    {ENOMEM, {"pthread_mutex_init", "pthread_mutexattr_init"}},
 #endif
     {EMFILE, {"open", "openat", "socket", "accept4", "popen", "fopen", "eventfd"}},
     {EACCES, {"fcntl", "open", "connect", "bind", "setpriority", "rename", "readlink"}},

@@ -91,11 +91,16 @@ TEST(IpcArgs, AnswersBadBlocksAndDisposesOfTheirSegments) {
 
 TEST(IpcArgs, RefusesWhatCannotBeEncoded) {
     qelIpcArgBlock *block;
-    qelIpcArg pieces[2] = {{&block, 0x80000000u}, {&block, 0x80000000u}}, missing{nullptr, 4};
-    qelIpcArgs huge{pieces, 2}, hollow{&missing, 1};
-    EXPECT_EQ(qelIpcArgsEncode(&hollow, &block), -22);
+    qelIpcArg pieces[2] = {{&block, 0x80000000u}, {&block, 0x80000000u}};
+    qelIpcArgs huge{pieces, 2};
     EXPECT_EQ(qelIpcArgsEncode(&huge, &block), -12);
     encoded({}, -22);
+    std::string large = words({1, 0, 0, 20, 2028}), small = words({1, 0, 0, 20, 8, 0, 0});
+    auto ask = [&](std::string &of) { return qelIpcSendRcv(&of, 1, arrived(of), &block, nullptr); };
+    EXPECT_EQ(ask(large), -22);
+    arrived(small);  // its memory is there
+    EXPECT_EQ(support::without_memory([&] { return ask(small); }), -12);
+    EXPECT_EQ(qelIpcSendOne(&large, 1, nullptr, 4, nullptr, nullptr, nullptr), -22);
     utils_testing_fail_call("shmat", 1, ENOMEM, 1);
     encoded({std::string(3000, 'x')}, -12);
     EXPECT_EQ(segments(), 0);

@@ -49,8 +49,9 @@ TEST(LogCache, WithoutABufferWritesAreIgnoredAndDumpsSaySo) {
             int result, dump, copy;
         } steps[] = {
             {false, log_cache_reset, 0, -3, -3}, {true, init, -2, -3, -3},
-            {false, init, 0, 0, length},         {true, resize, -2, -3, -3},
-            {false, log_cache_reset, 0, -3, -3}, {false, resize, 0, 0, length},
+            {false, init, 0, 0, length},         {true, init, -2, 0, 2 * length - 2},
+            {true, resize, -2, -3, -3},          {false, log_cache_reset, 0, -3, -3},
+            {false, resize, 0, 0, length},
         };
         log_cache_write("%s", std::string(600, 'x').c_str());
         for (const auto &step : steps) {
@@ -66,7 +67,7 @@ TEST(LogCache, WithoutABufferWritesAreIgnoredAndDumpsSaySo) {
     std::string missing = "(Cache NOT Instantiated. Cannot dump cache\n)";
     std::string no_memory = "Insufficient system resources: log_cache - [0-9]+\n";
     EXPECT_THAT(ending.out, testing::MatchesRegex(missing + "{2}" + no_memory + missing + "{2}" +
-                                                  no_memory + missing + "{5}"));
+                                                  no_memory + no_memory + missing + "{5}"));
 }
 
 TEST(LogCache, FullCacheStartsAgainAndDumpsTheOlderLinesFirst) {

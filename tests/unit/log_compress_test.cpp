@@ -148,8 +148,6 @@ TEST(LogCompress, ShowsAStreamBetweenItsHeadings) {
               "\n\nDecompressed data start ********\nabc\n\nabc\n"
               "\nDecompressed data end ********\n\n");
     EXPECT_EQ(shown(255), "Error: can't create log data decompressor\n");
-    char line[LOG_COMPRESS_LINE_SIZE];
-    EXPECT_EQ(log_decompressGetLine(nullptr, line), -1);
     EXPECT_EQ(log_getCompressorOlen(nullptr), 0);
 }
 

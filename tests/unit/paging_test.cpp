@@ -171,7 +171,9 @@ TEST(Paging, Sprint64AgreesWithWideArithmetic) {
         ASSERT_EQ(sprint64(written, high, low, base), static_cast<int>(expected.size()));
         ASSERT_EQ(written, expected) << number << " " << base;
     }
-    EXPECT_EQ(sprint64(written, UINT32_MAX, UINT32_MAX, 2), 64);
+    char exact[] = "0123456701234567012345670123456701234567012345670123456701234567.|";
+    EXPECT_EQ(sprint64(exact, UINT32_MAX, UINT32_MAX, 2), 64);
+    EXPECT_EQ(exact[65], '|') << "behind the end";
     EXPECT_EQ(sprint64(nullptr, 1, 0, 10), 0);
     EXPECT_EQ(captured(1, [] { EXPECT_EQ(print64(1, 0, 10), 10); }), "4294967296");
 }

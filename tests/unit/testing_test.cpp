@@ -2,6 +2,7 @@
 // The library for tests: what it makes fail, shortens, replaces, counts and sets, and nothing else.
 #include "utils/testing.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
@@ -71,6 +72,7 @@ TEST_F(Testing, EachFunctionSaysItsErrorInItsOwnWay) {
         {"nanosleep", [] { return nanosleep(nullptr, nullptr) == -1; }},
         {"clock_gettime", [] { return clock_gettime(CLOCK_REALTIME, &moment) == -1; }},
         {"gettimeofday", [] { return gettimeofday(&day, nullptr) == -1; }},
+        {"time", [] { return time(nullptr) == -1; }},
         {"posix_fallocate", [] { return (errno = posix_fallocate(-1, 0, 1)) != 0; }},
         {"pthread_mutex_lock", [] { return (errno = pthread_mutex_lock(&mutex)) != 0; }}};
     for (auto [name, fails] : cases) {
@@ -86,6 +88,34 @@ TEST_F(Testing, EachFunctionSaysItsErrorInItsOwnWay) {
     EXPECT_EQ(utils_testing_function(-1), nullptr);
 }
 
+// Whatever the program's sources were compiled for: each form that there is stands for its function.
+TEST_F(Testing, EachFormFailsWithItsFunction) {
+    using Form = intptr_t(intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t);
+    Dl_info own{}, found{};
+    ASSERT_NE(dladdr(reinterpret_cast<void *>(utils_testing_reset), &own), 0);
+    int forms = 0;
+    for (int i = 0; const char *listed = utils_testing_function(i); ++i) {
+        std::string name = listed;
+        if (name == "malloc" || name == "fclose" || name == "pclose")
+            continue;  // need what they end
+        for (std::string form : {name, name + "64", "__" + name + "_2", "__" + name + "64_2",
+                                 "__" + name + "_chk", "__" + name + "64_chk", "__" + name + "64",
+                                 "__" + name + "_time64", "__" + name + "64_time64"}) {
+            void *function = dlsym(RTLD_DEFAULT, form.c_str());
+            if (function == nullptr || dladdr(function, &found) == 0 ||
+                found.dli_fbase != own.dli_fbase)
+                continue;
+            utils_testing_fail_call(listed, 1, EXDEV, 1);
+            intptr_t result = reinterpret_cast<Form *>(function)(-1, 0, 0, 0, 0, 0);
+            EXPECT_TRUE(errno == EXDEV || static_cast<int>(result) == EXDEV) << form << result;
+            EXPECT_EQ(utils_testing_failures(), 1) << form;
+            errno = 0;
+            ++forms;
+        }
+    }
+    EXPECT_GT(forms, 70);
+}
+
 TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
     struct {
         void *(*make)();
@@ -94,6 +124,9 @@ TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
         {[] { return malloc(10); }, true},
         {[] { return calloc(2, 5); }, true},
         {[] { return realloc(nullptr, 10); }, true},
+        {[] { return utils_testing_malloc(10); }, true},
+        {[] { return utils_testing_calloc(2, 5); }, true},
+        {[] { return utils_testing_realloc(nullptr, 10); }, true},
         {[] { return reallocarray(nullptr, 2, 5); }, false},
         {[] { return static_cast<void *>(strdup("text")); }, false},
 #ifndef __SANITIZE_THREAD__
@@ -131,7 +164,18 @@ TEST_F(Testing, AllocationsFailAndBlocksAreCounted) {
     EXPECT_EQ(utils_testing_failures(), 1);
     EXPECT_EQ(refused, nullptr);
     EXPECT_STREQ(larger, "abc");
+#ifdef __SANITIZE_THREAD__  // ends the process for it, and counts otherwise
     free(larger);
+#else
+    auto *volatile grow = realloc;  // what a compiler would tell apart by name
+    auto *volatile grow_array = reallocarray;
+    utils_testing_fail_allocation(1, 1);
+    EXPECT_EQ(grow(larger, 8000), nullptr) << "and the block stays";
+    EXPECT_EQ(grow_array(larger, SIZE_MAX, 2), nullptr);
+    EXPECT_EQ(grow(larger, SIZE_MAX / 2), nullptr);
+    EXPECT_STREQ(larger, "abc");
+    EXPECT_EQ(grow(larger, 0), nullptr);
+#endif
     EXPECT_EQ(utils_testing_live_blocks(), before);
 }
 
@@ -166,6 +210,13 @@ TEST_F(Testing, AReplacementReachesTheFunctionItself) {
     EXPECT_EQ(open("/no such file", O_RDONLY), -1);
     close(fd);
     EXPECT_EQ(utils_testing_open_descriptors(), before);
+    support::replace_call("time", [](time_t *) -> time_t { return 5; });
+    support::replace_call("clock_gettime", [](clockid_t, timespec *) { return 7; });
+    support::replace_call("gettimeofday", [](timeval *, void *) { return 8; });
+    EXPECT_EQ(gettimeofday(&day, nullptr), 8);
+    EXPECT_EQ(time(nullptr), 5);
+    EXPECT_EQ(clock_gettime(CLOCK_REALTIME, &moment), 7);
+    EXPECT_EQ(utils_testing_replace_call("clock", nullptr), -1);
 }
 
 TEST_F(Testing, OtherThreadsAreLeftAloneOnDemand) {
@@ -198,7 +249,9 @@ TEST_F(Testing, ClocksStandMoveAndStep) {
     }
     utils_testing_set_clock(CLOCK_REALTIME, 9 * support::kSecond - 1);
     gettimeofday(&day, nullptr);
-    EXPECT_EQ(time(nullptr), 8);
+    time_t seconds = 0;
+    EXPECT_EQ(time(&seconds), 8);
+    EXPECT_EQ(seconds, 8);
     EXPECT_EQ(day.tv_sec, 8);
     EXPECT_EQ(day.tv_usec, 999999);
     utils_testing_release_clock(CLOCK_REALTIME);

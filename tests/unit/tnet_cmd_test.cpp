@@ -145,8 +145,13 @@ const std::string kLongest(QEL_TNET_COMMAND_MAX - 13, 'x');
 
 TEST(TnetCmd, MessagesAgreeWithAnIndependentEncoder) {
     close(0);  // so that the client's end is descriptor 0
-    for (const Command &command :
-         {Command{}, {"ab", "c"}, {"", ""}, {kLongest}, Command(99, "abc"), {kLongest + 'x'}}) {
+    for (const Command &command : {Command{},
+                                   {"ab", "c"},
+                                   {"", ""},
+                                   {kLongest},
+                                   Command(99, "abc"),
+                                   Command(3000, ""),
+                                   {kLongest + 'x'}}) {
         Ends connection;
         shutdown(connection.fd[1], SHUT_WR);
         EXPECT_EQ(connection.fd[0], 0);
@@ -223,6 +228,38 @@ TEST(TnetCmd, OutputArrivesWholeFromSlowInterruptedDyingAndManyDaemonsAtOnce) {
         std::string number = std::to_string(i);
         EXPECT_EQ(relayed(echo, {"number", number}), "2|number|" + number);
     });
+}
+
+// What was relayed so far stays; what passes by is waited for.
+TEST(TnetCmd, ARelayEndsWithTheFirstCallThatFailsForGood) {
+    support::leaves({.blocks = 1});  // kept: of a failed select()
+    const std::string output(99, 'o');
+    char word[] = "x", *argv[] = {word};
+    for (auto [function, error] : {std::pair("fcntl", EBADF),
+                                   {"select", EBADF},
+                                   {"select", EINTR},
+                                   {"recv", ECONNRESET},
+                                   {"write", EIO},
+                                   {"write", EAGAIN},
+                                   {"malloc", ENOMEM},
+                                   {"send", EPIPE}}) {
+        for (int nth = 1, failures = 1; failures > 0; ++nth) {
+            Ends connection, reader(true);
+            EXPECT_EQ(write(connection.fd[1], output.data(), 99), 99);
+            shutdown(connection.fd[1], SHUT_WR);
+            support::replace_call("write", [](int fd, const void *from, size_t size) {
+                return write(fd, from, std::min<size_t>(size, 40));
+            });
+            utils_testing_fail_call(function, nth, error, 1);
+            qelTnetCmd(connection.fd[0], 1, argv, reader.fd[1]);
+            failures = utils_testing_failures();
+            utils_testing_reset();
+            reader.end(1);
+            std::string text = read_all(reader.fd[0]);
+            bool passes = failures == 0 || error == EINTR || error == EAGAIN;
+            EXPECT_EQ(text, passes ? output : output.substr(0, text.size())) << function << nth;
+        }
+    }
 }
 
 TEST(TnetCmd, PeerThatGoesAwayCostsOneConnection) {
@@ -325,6 +362,14 @@ TEST(TnetCmd, AServerGetsTheOutputThatWaitsForNobody) {
         EXPECT_EQ(qelDRedirOutputToSocket_impl("127.0.0.1", port), 0);
         EXPECT_TRUE(fcntl(1, F_GETFL) & O_NONBLOCK);
         EXPECT_TRUE(fcntl(2, F_GETFL) & O_NONBLOCK);
+    }));
+    EXPECT_TRUE(support::passes_in_child([=] {
+        for (const char *function : {"socket", "connect", "dup2"}) {
+            utils_testing_fail_call(function, 1, EMFILE, 1);
+            EXPECT_EQ(qelDRedirOutputToSocket_impl("127.0.0.1", port), -1) << function;
+        }
+        utils_testing_fail_call("dup2", 2, EMFILE, 1);
+        EXPECT_EQ(qelDRedirectOutput_impl("/dev/null"), -1);
     }));
     int connection = accept(server, nullptr, nullptr);
     EXPECT_THAT(read_all(connection),
