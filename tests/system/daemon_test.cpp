@@ -460,9 +460,7 @@ TEST_F(Companion, RefusesToStartOrGoesOnWhateverFails) {
             utils_testing_fail_call(function, nth, error, 1);
             int status = daemon_open(&table, &argc, argv);
             if (status == 0)
-                use_everything();
-            if (status == 0)
-                status = daemon_ready();
+                status = (use_everything(), daemon_ready());
             if (status == 0) {
                 ready();
                 status = daemon_loop();
