@@ -50,17 +50,11 @@ int append(Shown *&list, const Shown &entry) {
 // Collects what `print` says, and then gives it to the client.
 template <typename Print>
 int print_collected(FILE *out, Print print) {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *collected = open_memstream(&text, &size);
-    if (collected == nullptr)
+    Collected collected;
+    if (collected.stream() == nullptr)
         return fprintf(out, "out of memory\n"), 1;
-    print(collected);
-    bool whole = fclose(collected) == 0 && text != nullptr;  // its memory may run out at the end
-    if (whole)
-        fwrite(text, 1, size, out);
-    free(text);
-    return whole ? 0 : 1;
+    print(collected.stream());
+    return collected.give_to(out) ? 0 : 1;
 }
 
 int cmd_version(int, char **, FILE *out) {

@@ -98,22 +98,18 @@ void run_deferred_command(void *argument) {
 
 // What the command says is collected first: a client that does not read must not hold up the loop.
 int run_in_loop(const daemon_command &command, int argc, char **argv, FILE *out) {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *collected = open_memstream(&text, &size);
-    if (collected == nullptr)
+    Collected collected;
+    if (collected.stream() == nullptr)
         return fprintf(out, "out of memory\n"), 1;
-    InLoop job{&command, argc, argv, collected, 1, false};
+    InLoop job{&command, argc, argv, collected.stream(), 1, false};
     if (daemon_defer(run_deferred_command, &job) == 0) {
         MutexLock lock(clients_mutex);
         while (!job.done)
             pthread_cond_wait(&changed, clients_mutex.native());
     } else {
-        fprintf(collected, "the daemon ends\n");
+        fprintf(collected.stream(), "the daemon ends\n");
     }
-    if (fclose(collected) == 0 && text != nullptr)
-        fwrite(text, 1, size, out);
-    free(text);
+    collected.give_to(out);
     return job.result;
 }
 

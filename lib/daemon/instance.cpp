@@ -144,8 +144,7 @@ void remove_files() {
     if (getpid() != owner.load())
         return;
     KeptErrno error;
-    if (has_socket.exchange(0) != 0)
-        unlink(socket_path);
+    remove_command_socket();
     if (has_requests.exchange(0) != 0)
         unlink(request_path);
     // In a directory that is not this user's, an empty file is what says that nobody runs.
