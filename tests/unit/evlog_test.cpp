@@ -185,7 +185,7 @@ TEST(EvlogSelfTest, ShowsTwoLogsAndNamesTheStepThatFails) {
     EXPECT_THAT(
         captured(1, qel_evlog_test),
         MatchesRegex(
-            "-------------\nevt log            :General 1\n(.*\n)*.* after a second\n(.*\n)*no "
+            "-------------\nevt log            :General 1\n(.*\n)*.*first event\n(.*\n)*.* after a second\n(.*\n)*no "
             "verbose-------------\n([^0].*\n)*verbose-----------\n(.*\n)*"
             "total entries      :5\n(.*\n){3}" NOW "event 3 of 7\n(.*\n){3}" NOW
             "event 7 of 7\n-+\n"));

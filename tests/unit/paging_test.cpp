@@ -98,7 +98,7 @@ TEST(Paging, MemDumpPrintsWholeLinesOfSixteenBytes) {
     const std::tuple<int, int, int, int> cases[] = {
         {16, 1, 16, 1}, {9, 2, 9, 2},   {6, 3, 6, 3},   {5, 4, 5, 4},
         {3, 8, 3, 8},   {2, 16, 2, 16}, {0, 1, 256, 1}, {-3, 4, 256, 4},
-        {7, 0, 7, 1},   {7, -2, 7, 1},  {1, 20, 1, 20}, {2, 70, 2, 70}};
+        {23, 0, 23, 1}, {7, -2, 7, 1},  {1, 20, 1, 20}, {2, 70, 2, 70}};
     for (const auto &[count, width, units, unit_width] : cases) {
         size_t padded = static_cast<size_t>(units * unit_width + 15) / 16 * 16;
         std::unique_ptr<unsigned char[]> exact(new unsigned char[padded]);
