@@ -88,13 +88,14 @@ TEST(Signals, HandlerActsByNumber) {
             return errno;
         });
         std::string name = "a name of more than thirty-one ", digits = std::to_string(number);
-        std::string report = name + ": (pid=" + ending.err + "), signal=";
-        EXPECT_EQ(ending.out, report + digits + "\n" +
-                                  (!exits ? "\nApplication '" + name + "'(pid " + ending.err +
-                                                ") got exception " + digits +
-                                                ".\nwill dump core under /core_files\n" + '\0'
-                                   : number != SIGPIPE ? "cleanup\n" + report + "3\n"
-                                                       : ""));
+        std::string pid = support::own_words(ending);
+        std::string report = name + ": (pid=" + pid + "), signal=";
+        EXPECT_EQ(ending.out,
+                  report + digits + "\n" +
+                      (!exits ? "\nApplication '" + name + "'(pid " + pid + ") got exception " +
+                                    digits + ".\nwill dump core under /core_files\n" + '\0'
+                       : number != SIGPIPE ? "cleanup\n" + report + "3\n"
+                                           : ""));
         EXPECT_EQ(ending.exited, exits) << number;
         EXPECT_EQ(ending.status, status) << number;
     }
