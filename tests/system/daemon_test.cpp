@@ -1,68 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // libutils-daemon from the inside: the loop, requests, commands and the ends of a daemon, each in a
 // process of its own.
+#include <sys/eventfd.h>
 #include <sys/file.h>
-#include <sys/syscall.h>
 
 #include <set>
 
-#include "testd.h"
-#include "utils/daemon.h"
+#include "base/deadline.h"
+#include "companion.h"
+#include "utils/task.h"
 
 namespace {
 
 using namespace support;
-
-int run(const daemon_table &table, std::vector<std::string> words = {}) {
-    std::string program = "test";
-    std::vector<char *> argv = {program.data()};
-    for (std::string &word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    return daemon_run(&table, static_cast<int>(argv.size()) - 1, argv.data());
-}
-
-// The daemon of a test, in a process of its own once the table is complete.
-struct Companion : testing::Test {
-    daemon_table table{};
-    std::unique_ptr<Process> process;
-    const std::string commands = "/run/korin/served.0.cmd";
-
-    Companion() { table.name = "served"; }
-    void TearDown() override {
-        if (process != nullptr) {
-            kill(process->pid(), SIGTERM);
-            EXPECT_EQ(process->ending(), 0);
-        }
-    }
-    void start(const std::function<void()> &before = [] {}) {
-        process = std::make_unique<Process>([&](auto &ready) {
-            before();
-            char program[] = "test", *argv[] = {program, nullptr};
-            int argc = 1;
-            int status = daemon_open(&table, &argc, argv);
-            if (status == 0)
-                status = daemon_ready();
-            if (status != 0)
-                return 99;
-            ready();
-            status = daemon_loop();
-            daemon_close();
-            exit(status);
-        });
-        EXPECT_TRUE(process->is_ready());
-    }
-    void start_with(
-        const daemon_command &command, const std::function<void()> &before = [] {}) {
-        static daemon_command list[2];
-        list[0] = command;
-        table.commands = list;
-        start(before);
-    }
-    std::string told(const std::vector<std::string> &words) {
-        return send_command(command_message(words), commands);
-    }
-};
 
 // What 40 descriptors, a full queue and deferred calls have come to.
 struct Seen {
@@ -73,7 +23,7 @@ struct Seen {
 } seen;
 
 void stop_when_seen() {
-    if (seen.served.size() >= 39 && seen.deferred == 1 && seen.messages == 5)
+    if (seen.served.size() >= 39 && seen.deferred == 2 && seen.messages == 5)
         daemon_stop(7);
 }
 
@@ -112,7 +62,7 @@ TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
             close(seen.ends[5][1]);  // the next event comes to an empty queue
         };
         std::thread([=] { daemon_defer(deferred, nullptr); }).join();
-        return 0;
+        return daemon_defer([](void *) { ++seen.deferred; }, nullptr);
     };
     table.message = [](const void *message, void *) {
         seen.messages += *static_cast<const char *>(message) == 77;
@@ -124,7 +74,7 @@ TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         EXPECT_EQ(seen.refused, 5);
         EXPECT_EQ(seen.alien, 0) << "not on the loop's thread";
         EXPECT_EQ(daemon_queue()->missCount, 5) << "the companion's own wakes take no place";
-        EXPECT_EQ(seen.deferred, 1);
+        EXPECT_EQ(seen.deferred, 2);
         EXPECT_EQ(daemon_watch(open("/dev/null", O_RDONLY | O_CLOEXEC), 8, on_pipe, nullptr), -22);
         EXPECT_EQ(daemon_defer([](void *) {}, nullptr), -11);
         EXPECT_EQ(daemon_defer(nullptr, nullptr), -22);
@@ -242,18 +192,18 @@ TEST_F(Companion, TheSixteenthLogIsRefusedOnceAndNeverHangs) {
         for (int i = 0; i < 17; ++i)
             EXPECT_EQ(daemon_new_log(1, "log", "log") != nullptr, i < 15) << i;
         EXPECT_EQ(daemon_cmd_events(0, nullptr, stdout), 1);
+        EXPECT_STREQ(taskName(taskIdSelf()), "served");
+        int64_t begin = monotonic_ms();
+        EXPECT_EQ(daemon_step(20), 0) << "without a manager that wants to be told";
+        EXPECT_GE(monotonic_ms() - begin, 20);
+        static int alone = eventfd(0, EFD_CLOEXEC);
+        auto once = [](int fd, uint32_t, void *) { daemon_unwatch(fd), close(fd), alone = -1; };
+        EXPECT_EQ(daemon_watch(alone, DAEMON_WRITABLE, once, nullptr), 0);
+        EXPECT_EQ(daemon_step(1000), 0);
+        EXPECT_EQ(alone, -1) << "served";
         return 33;
     };
     EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(run(table), 33); }));
-}
-
-pid_t main_thread() {
-    return static_cast<pid_t>(syscall(SYS_gettid)) == getpid();
-}
-
-int tell_thread(int argc, char **, FILE *out) {
-    fprintf(out, "%d", main_thread());
-    return argc + 40;
 }
 
 TEST_F(Companion, CommandsRunWhereTheTableSaysAndResultsWaitForTheirClient) {
@@ -297,17 +247,6 @@ TEST_F(Companion, OfSeventeenSilentClientsOneIsRefusedAndTheOthersGoInTime) {
     for (int client : clients)
         close(client);
     EXPECT_TRUE(eventually([&] { return told({"result"}) == "1\n"; }));
-}
-
-int32_t add_up(const void *data, uint32_t length, void *reply, uint32_t *reply_length, void *) {
-    int32_t sum = main_thread() ? 0 : -99;
-    for (uint32_t i = 0; i < length; ++i)
-        sum += static_cast<const unsigned char *>(data)[i];
-    if (sum == 8) {
-        memcpy(reply, "long", 4);
-        *reply_length = 4;
-    }
-    return sum;
 }
 
 TEST_F(Companion, RequestsComeWithinTheirBounds) {
@@ -380,119 +319,6 @@ TEST_F(Companion, AnOverflownStackLeavesNoSocket) {
     EXPECT_EQ(access("/var/run/served.0.pid", F_OK), -1);
     EXPECT_EQ(access("/run/korin/served.0.lock", F_OK), 0);
     process.reset();
-}
-
-const struct {
-    int error;
-    std::vector<const char *> functions;
-} kFaults[] = {
-    {ENOMEM, {"malloc", "open_memstream", "mmap", "pthread_mutex_init", "pthread_cond_init"}},
-    {EMFILE, {"socket", "open", "openat", "eventfd", "accept4", "fopen", "opendir"}},
-    {EACCES, {"bind", "listen", "fchmod", "fcntl", "fstat", "lstat", "getsockopt", "unlink"}},
-    {EAGAIN, {"pthread_create", "connect"}},
-    {EINTR, {"poll", "read", "recv", "accept4"}},
-    {ENOSPC, {"fclose", "ftruncate"}},
-};
-
-// What is asked of the daemon, and a part of its answer.
-const std::pair<std::vector<std::string>, const char *> kQuestions[] = {
-    {{"version"}, "served\n"},
-    {{"queues"}, "extra"},
-    {{"timers"}, "idle                    idle     -\n"},
-    {{"logs"}, "command timers"},
-    {{"logs", "cache"}, ""},
-    {{"logs", "none"}, "no log none\n"},
-    {{"memory"}, "Descriptors:"},
-    {{"stats"}, "appended to /var/log/serviceStat.sw0\n"},
-    {{"in", "x"}, "1"},
-    {{"result"}, "42\n"}};
-
-// Uses what a start function may; what fails is done without.
-void use_everything() {
-    static int ends[2];
-    [[maybe_unused]] static timerHandle idle;
-    auto nothing = [](uintptr_t, uintptr_t) {};
-    auto once = [](int fd, uint32_t, void *) { daemon_unwatch(fd); };
-    daemon_new_queue(2, 8, "extra");
-    idle = daemon_new_timer("idle", 0, nothing, 0, 0);
-    if (timerHandle gone = daemon_new_timer("gone", 0, nothing, 0, 0); gone != nullptr)
-        daemon_delete_timer(gone);
-    if (pipe2(ends, O_CLOEXEC) == 0)
-        daemon_watch(ends[1], DAEMON_WRITABLE, once, nullptr);
-    const char message[TIMER_MESSAGE_LENGTH] = {77};
-    msgQSend(daemon_queue(), message, sizeof message);
-    daemon_step(0);
-    daemon_status("line\nfeed");
-}
-
-TEST_F(Companion, RefusesToStartOrGoesOnWhateverFails) {
-    static qel_evlog_handle *log = nullptr;
-    static const daemon_log kLogs[] = {{"log", "l", 5, &log, DAEMON_LOG_COMMANDS},
-                                       {"plain", "p", 5, nullptr, DAEMON_LOG_COMMANDS},
-                                       {nullptr, nullptr, 0, nullptr, 0}};
-    static const daemon_command kCommands[] = {
-        {"in", nullptr, nullptr, tell_thread, DAEMON_IN_LOOP},
-        {"stats", "", "", daemon_cmd_stats, 0},
-        {nullptr, nullptr, nullptr, nullptr, 0}};
-    static const daemon_request kRequests[] = {{0x4501, 8, 8, add_up, nullptr},
-                                               {0x4500, 8, 8, add_up, nullptr},
-                                               {0, 0, 0, nullptr, nullptr}};
-    support::leaves({.descriptors = 1});  // the kept connection
-    table.logs = kLogs;
-    table.commands = kCommands;
-    table.requests = kRequests;
-    setenv("NOTIFY_SOCKET", "/nobody", 1);
-    setenv("WATCHDOG_USEC", "8000000000", 1);
-#ifdef UTILS_TESTING_SANITIZED
-    const int step = 9;  // a process takes its time there
-#else
-    const int step = support::emulated() ? 9 : 1;
-#endif
-    int points = 0;
-    auto survives = [&](const char *function, int error, int nth) {
-        Process daemon([&](auto &ready) -> int {
-            char program[] = "test", *argv[] = {program, nullptr};
-            int argc = 1;
-            alarm(20);
-#ifdef UTILS_TESTING_SANITIZED
-            utils_testing_this_thread_only(1);  // a thread's start is not to fail beside it
-#endif
-            utils_testing_fail_call(function, nth, error, 1);
-            int status = daemon_open(&table, &argc, argv);
-            if (status == 0)
-                status = (use_everything(), daemon_ready());
-            if (status == 0) {
-                ready();
-                status = daemon_loop();
-                daemon_close();
-            }
-            status = utils_testing_failures() == 0 ? 50 : status;
-            utils_testing_reset();
-            exit(status);
-        });
-        std::vector<std::string> answers;
-        for (auto &[words, part] : kQuestions)
-            answers.push_back(daemon.is_ready() ? told(words) : "");
-        if (daemon.is_ready())
-            ask(0x4500, std::string(8, 1), kLong, "served");
-        kill(daemon.pid(), SIGTERM);
-        int status =
-            WIFEXITED(daemon.ending()) ? WEXITSTATUS(daemon.ending()) : -WTERMSIG(daemon.ending());
-        for (size_t i = 0; status == 50 && i < answers.size(); ++i)
-            EXPECT_THAT(answers[i], testing::HasSubstr(kQuestions[i].second));
-        if (status == 50)
-            return false;
-        EXPECT_EQ(status, daemon.is_ready() ? 0 : 1) << function << " " << nth;
-        for (auto &file : std::filesystem::directory_iterator("/run/korin"))
-            EXPECT_TRUE(file.path().extension() == ".lock" || function[0] == 'u') << file << nth;
-        EXPECT_EQ(read_file("/var/run/served.0.pid"), "");
-        return ++points > 0;
-    };
-    for (auto &[error, functions] : kFaults)
-        for (const char *function : functions)
-            for (int nth = 1; survives(function, error, nth); nth += step)
-                continue;
-    printf("daemon: %d points\n", points);
 }
 
 }  // namespace
