@@ -21,6 +21,7 @@
 #include <utils/testing.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -204,6 +205,14 @@ inline std::string captured(int descriptor, const std::function<void()> &body) {
     return capture.finish();
 }
 
+/** Waits for the end of a child process, whatever signals come; what waitpid() stores. */
+inline int wait_for(pid_t child) {
+    int status = -1;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+        continue;
+    return status;
+}
+
 /** How a child process ended. */
 struct Ending {
     bool exited = false; /**< with #status, otherwise by signal #status */
@@ -218,7 +227,6 @@ struct Ending {
  */
 inline Ending in_child(const std::function<int()> &body, bool core = false) {
     Ending ending;
-    int status = 0;
     Capture out(1);
     Capture err(2);
     pid_t child = fork();
@@ -230,7 +238,8 @@ inline Ending in_child(const std::function<int()> &body, bool core = false) {
         fflush(nullptr);
         _exit(result);
     }
-    if (child > 0 && waitpid(child, &status, 0) == child) {
+    if (child > 0) {
+        int status = wait_for(child);
         ending.exited = WIFEXITED(status);
         ending.status = ending.exited ? WEXITSTATUS(status) : WTERMSIG(status);
     }
@@ -301,7 +310,7 @@ class Process {
     /** Waits for its end, which it gives as waitpid() does. */
     int ending() {
         if (status_ == -1)
-            waitpid(pid_, &status_, 0);
+            status_ = wait_for(pid_);
         return status_;
     }
 
