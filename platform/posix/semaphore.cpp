@@ -30,7 +30,7 @@ int semaphore_down(semaphore_t *sem) {
 }
 
 int semaphore_down_to(semaphore_t *sem, int ms) {
-    timespec deadline = deadline_after(ms > 0 ? ms : 0);
+    timespec deadline = deadline_after(ms);
     auto wait = [&] { return pthread_cond_timedwait(&sem->positive, &sem->lock, &deadline); };
     RecordLock lock(sem->lock);
     while (sem->value <= 0) {

@@ -180,6 +180,7 @@ TEST(Assert, SelfTestRunsTheCheckItsCountSelects) {
     for (int count = 0; count <= 8; ++count) {
         support::Ending ending = support::in_child([&] { return dbg_test_assert(count); });
         EXPECT_THAT(ending.err, HasSubstr(expected[count]));
+        EXPECT_THAT(ending.err, HasSubstr(count == 7 ? "args = 1, 2, 3, 4\n" : ""));
         std::string end = " count = " + std::to_string(count) + "\n";
         std::string verify =
             "(VERIFY returned .FALSE.\n){7}VERIFY returned .TRUE.\nVERIFY returned .FALSE.\n";

@@ -216,6 +216,9 @@ TEST(Hash, RefusesNullsAndKeysWhoseBucketDoesNotExist) {
     table->hashFn = [](uintptr_t key) { return static_cast<unsigned>(key); };
     expect_refused(503, table);
     EXPECT_EQ(is_hashlist_empty(table), 1);
+    EXPECT_EQ(get_all_headers(&out, table), 0);
+    EXPECT_EQ(out, nullptr);
+    out = &some;
     EXPECT_EQ(add_to_hash(502, 1, table), 0);
     EXPECT_EQ(pthread_mutex_trylock(&table->buckets[502].lock), 0);
     pthread_mutex_unlock(&table->buckets[502].lock);

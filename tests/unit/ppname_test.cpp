@@ -22,6 +22,8 @@ TEST(PpName, ReadsTheInodeOutOfTheLinksMiddle) {
             EXPECT_EQ(ppnameGetInode(getpid()), inode);
             char text[16] = "unchanged";
             EXPECT_EQ(ppnamePeerAddr(getpid(), sizeof text, text), -1);
+            utils_testing_fail_call("fopen", 1, EACCES, 1);
+            EXPECT_EQ(ppnamePeerAddr(getpid(), sizeof text, text), -1);
             EXPECT_STREQ(text, "unchanged");
         })) << row.first;
     }

@@ -76,6 +76,13 @@ TEST_F(Sema, TakesByTimeout) {
     semaSetCount(sem, 3);
     EXPECT_EQ(semaTake(sem, UTILS_WAIT_FOREVER), 0);
     EXPECT_EQ(semaCount(sem), 2);
+    for (int i = 0; i < 20; ++i) {
+        semaSetCount(sem, 0);
+        std::thread waiter([&] { EXPECT_EQ(semaTake(sem, UTILS_WAIT_FOREVER), 0); });
+        usleep(500);  // it waits, but for chance
+        semaSetCount(sem, 1);
+        waiter.join();
+    }
 }
 
 TEST_F(Sema, FlushReleasesEveryWaiterAndLeavesItAvailable) {

@@ -18,9 +18,10 @@ std::set<std::string> files() {
     return names;
 }
 
-std::string file_name(int section, const char *name, int pid = getpid()) {
+std::string file_name(int section, const char *name, int pid = getpid(),
+                      const char *program = "trace_test") {
     char text[200];
-    snprintf(text, sizeof text, TRACE_FILE_FORMAT, pid, section, "trace_test", name);
+    snprintf(text, sizeof text, TRACE_FILE_FORMAT, pid, section, program, name);
     return text;
 }
 
@@ -46,8 +47,8 @@ TEST(Trace, SectionIsAFileThatOtherProcessesSeeAndThatCleanupRemoves) {
         bad_closes += result != 0;
         return result;
     });
-    mode_t mask = umask(0);
-    Section section(3, "a/b 3", 200000), other(4, "n");
+    mode_t mask = umask(022);
+    Section section(3, "a/b 3", 200000), other(4, "n", 65536 - sizeof(trace_owner));
     umask(mask);
     EXPECT_EQ(utils_testing_count_calls("posix_fallocate"), 4 + 1) << "64 KB at a time";
     EXPECT_EQ(trace_module_cleanup(other.handle), 0);
@@ -92,6 +93,19 @@ int leave_files(const char *switch_no, int sections) {
         return printf("%d", getpid()) < 0;
     };
     return std::stoi(support::in_child(make).out);
+}
+
+TEST(Trace, AProgramsNameIsOneWordOfTheFilesName) {
+    char odd[] = "a b/c.d", empty[] = "";
+    const std::pair<char *, const char *> cases[] = {{odd, "a_b_c_d"}, {empty, "_"}};
+    for (auto &[name, shown] : cases) {
+        EXPECT_TRUE(support::passes_in_child([&, name = name, shown = shown] {
+            program_invocation_short_name = name;
+            Section section(1);
+            EXPECT_EQ(files(), std::set{file_name(1, "n", getpid(), shown)});
+            EXPECT_EQ(trace_module_cleanup(section.handle), 0);
+        }));
+    }
 }
 
 TEST(Trace, LimitsTheFilesOfDeadProcessesOfAProgramAndSwitch) {
