@@ -39,6 +39,8 @@ std::string stamp(const std::string &clock = "12:34:56") {
 }
 
 TEST(LogCache, WithoutABufferWritesAreIgnoredAndDumpsSaySo) {
+    EXPECT_EQ(logCacheReqCode, 0);
+    EXPECT_EQ(logCacheRespCode, 0);
     support::Ending ending = support::in_child([] {
         auto init = [] { return log_cache_init("cache"); };
         auto resize = [] { return log_cache_resize(40000); };
