@@ -239,9 +239,10 @@ int ipcCbQelDExitHandler(void *reply_address, int code, void *message) {
 }
 
 int qelDRedirectOutput_impl(const char *path) {
-    int fd = path != nullptr
-                 ? open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666)
-                 : -1;
+    int fd =
+        path != nullptr
+            ? open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666)
+            : -1;
     // Kept: a path that cannot be opened is not an error.
     if (fd < 0)
         return 0;

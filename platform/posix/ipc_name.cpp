@@ -85,7 +85,8 @@ bool NameLock::is_in_place() const {
 // Takes a dead daemon's name; a living one's, found by a connection, stays.
 int listen_at(const sockaddr_un &path) {
     Descriptor fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd)
+    // The file takes the socket's mode, so that it is the owner's alone from the first moment.
+    if (!fd || fchmod(fd.get(), 0600) != 0)
         return -errno;
     auto *name = reinterpret_cast<const sockaddr *>(&path);
     if (bind(fd.get(), name, sizeof path) != 0) {

@@ -28,7 +28,7 @@ kill -STOP "$hello"
 expect 1 "^hello: cannot start: process $hello serves switch 0 already\$" hello_daemon
 kill -CONT "$hello"
 same "$(stat -c '%n %i %Y' /run/korin/* /var/run/hello.0.pid)" "$before" "a second start touches"
-same "$(stat -c %a /run/korin/hello.0.cmd)" 600 "mode of the command socket"
+same "$(stat -c %a /run/korin/{hello.0.cmd,5.0.hello.ipc} | xargs)" "600 600" "modes of the sockets"
 grep -q '^0*[0-9a-f]*[89a-f]$' "/proc/$hello/coredump_filter" || fail "core files would leave the event logs out"
 
 # What an operator can ask every daemon, and results as exit statuses.

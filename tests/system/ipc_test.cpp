@@ -105,6 +105,7 @@ TEST(Ipc, RedirectionAppendsWhateverIsOpenAndNeverBlocks) {
                 return qelDRedirectOutput_impl("/tmp/output") != 0 ||
                        (fcntl(1, F_GETFL) & O_NONBLOCK) == 0 || fcntl(1, F_GETFD) != 0 ||
                        utils_testing_open_descriptors() != before ||
+                       write(1, "rotated\n", 8) != 8 || truncate("/tmp/output", round * 8) != 0 ||
                        write(1, "out\n", 4) + write(2, "err\n", 4) != 8;
             });
             EXPECT_EQ(ending.status, 0) << closed;
