@@ -84,7 +84,11 @@ TEST_F(Companion, LoopServesAnyNumberOfDescriptorsBesideAFullQueue) {
         EXPECT_EQ(daemon_unwatch(1000), UTILS_ENOENT);
         EXPECT_EQ(daemon_add_queue(nullptr), -22);
         EXPECT_EQ(daemon_add_timer(nullptr, "timer"), -22);
+        stack_t before{}, after{};
+        sigaltstack(nullptr, &before);
         EXPECT_EQ(daemon_guard_thread(), 0) << "again";
+        sigaltstack(nullptr, &after);
+        EXPECT_EQ(before.ss_sp, after.ss_sp);
         EXPECT_EQ(daemon_step(0), 1);
     };
     EXPECT_TRUE(passes_in_child([&] {
