@@ -151,6 +151,7 @@ TEST(TnetCmd, MessagesAgreeWithAnIndependentEncoder) {
                                    {kLongest},
                                    Command(99, "abc"),
                                    Command(3000, ""),
+                                   Command(QEL_TNET_COMMAND_MAX / 4 + 1, ""),
                                    {kLongest + 'x'}}) {
         Ends connection;
         shutdown(connection.fd[1], SHUT_WR);
