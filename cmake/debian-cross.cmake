@@ -13,7 +13,8 @@ endforeach()
 if(emulator)
     set(UTILS_EMULATOR ${emulator} -L /usr/${triplet})
 else()
-    # The processor runs the programs as they are; their C library stands below the triplet.
+    # The processor runs the programs as they are; their C library stands below the triplet, also for the libraries
+    # that they need: what RPATH says is for these, too, while RUNPATH is for the program alone.
     file(GLOB loader /usr/${triplet}/lib/ld-linux*.so.*)
-    set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--dynamic-linker=${loader} -Wl,-rpath,/usr/${triplet}/lib")
+    set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--dynamic-linker=${loader} -Wl,-rpath,/usr/${triplet}/lib -Wl,--disable-new-dtags")
 endif()

@@ -18,8 +18,8 @@ programs() {
 }
 fail() { echo "$(basename "$0" .sh): $*" >&2; exit 1; }
 await() { for ((i = 0; i < 1200; ++i)); do "$@" >/dev/null 2>&1 && return; sleep 0.05; done; fail "waited in vain: $*"; }
-# sanitized PROGRAM: all of the answer is read, since a reader that leaves early is a failure of ldd.
-sanitized() { ldd "$(command -v "$1")" 2>/dev/null | grep -E 'lib[at]san' >/dev/null; }
+# sanitized PROGRAM: all of the answer is read, since a reader that leaves early is a failure of the writer.
+sanitized() { readelf -d "$(command -v "$1")" | grep -E 'NEEDED.*lib[at]san' >/dev/null; }
 gone() { ! kill -0 "$1" 2>/dev/null; }
 # says PATTERN...: for each a line of what the last command has printed.
 says() { local pattern; for pattern; do grep -qE -- "$pattern" /tmp/out || { cat /tmp/out; fail "no line like '$pattern'"; }; done; }

@@ -115,10 +115,10 @@ TEST(Paging, MemDumpPrintsWholeLinesOfSixteenBytes) {
 
 TEST(Paging, PrintMemShowsWordsAndCharacters) {
     std::unique_ptr<char[]> exact(new char[24]);
-    memcpy(exact.get(), "AAAABBBBCCCCDDDD\x1f\x1f\x1f\x1f~~~~", 24);
+    memcpy(exact.get(), "AAAABBBBCCCCDDDD\x1f  \x1f~\x7f\x7f~", 24);
     const std::string whole = "41414141 42424242 43434343 44444444   *AAAABBBBCCCCDDDD*\n",
-                      five = whole + "1f1f1f1f                              *....            *\n",
-                      six = whole + "1f1f1f1f 7e7e7e7e                     *....~~~~        *\n";
+                      five = whole + "1f20201f                              *.  .            *\n",
+                      six = whole + "1f20201f 7e7f7f7e                     *.  .~..~        *\n";
     const std::string one = "41414141                              *AAAA            *\n";
     const std::pair<int, std::string> cases[] = {{-4, ""},   {0, ""},   {1, one}, {16, whole},
                                                  {20, five}, {21, six}, {24, six}};
