@@ -47,7 +47,7 @@ TEST(Trace, SectionIsAFileThatOtherProcessesSeeAndThatCleanupRemoves) {
         bad_closes += result != 0;
         return result;
     });
-    mode_t mask = umask(022);
+    mode_t mask = umask(0);
     Section section(3, "a/b 3", 200000), other(4, "n", 65536 - sizeof(trace_owner));
     umask(mask);
     EXPECT_EQ(utils_testing_count_calls("posix_fallocate"), 4 + 1) << "64 KB at a time";
