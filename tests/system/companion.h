@@ -31,20 +31,25 @@ struct Companion : testing::Test {
             EXPECT_EQ(process->ending(), 0);
         }
     }
-    void start(const std::function<void()> &before = [] {}) {
-        process = std::make_unique<Process>([&](auto &ready) {
-            before();
-            char program[] = "test", *argv[] = {program, nullptr};
-            int argc = 1;
-            int status = daemon_open(&table, &argc, argv);
-            if (status == 0)
-                status = daemon_ready();
-            if (status != 0)
-                return 99;
+    // Serves until it is asked to end; `opened` is called before it is ready for others.
+    int serve(
+        const std::function<void()> &ready, const std::function<void()> &opened = [] {}) {
+        char program[] = "test", *argv[] = {program, nullptr};
+        int argc = 1;
+        int status = daemon_open(&table, &argc, argv);
+        if (status == 0)
+            status = (opened(), daemon_ready());
+        if (status == 0) {
             ready();
             status = daemon_loop();
             daemon_close();
-            exit(status);
+        }
+        return status;
+    }
+    void start(const std::function<void()> &before = [] {}) {
+        process = std::make_unique<Process>([&](auto &ready) -> int {
+            before();
+            exit(serve(ready));
         });
         EXPECT_TRUE(process->is_ready());
     }

@@ -78,21 +78,12 @@ TEST_F(Companion, RefusesToStartOrGoesOnWhateverFails) {
     int points = 0;
     auto survives = [&](const char *function, int error, int nth) {
         Process daemon([&](auto &ready) -> int {
-            char program[] = "test", *argv[] = {program, nullptr};
-            int argc = 1;
             alarm(20);
 #ifdef UTILS_TESTING_SANITIZED
             utils_testing_this_thread_only(1);  // a thread's start is not to fail beside it
 #endif
             utils_testing_fail_call(function, nth, error, 1);
-            int status = daemon_open(&table, &argc, argv);
-            if (status == 0)
-                status = (use_everything(), daemon_ready());
-            if (status == 0) {
-                ready();
-                status = daemon_loop();
-                daemon_close();
-            }
+            int status = serve(ready, use_everything);
             status = utils_testing_failures() == 0 ? 50 : status;
             utils_testing_reset();
             exit(status);

@@ -6,7 +6,6 @@
 
 #include <set>
 
-#include "base/deadline.h"
 #include "companion.h"
 #include "utils/task.h"
 
